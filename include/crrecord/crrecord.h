@@ -1,0 +1,11 @@
+// Everything of crrecord: the record library and the platform layer.
+#ifndef CRRECORD_CRRECORD_H
+#define CRRECORD_CRRECORD_H
+
+#include "crrecord/platform/platform.h"
+#include "crrecord/Status.h"
+#include "crrecord/DORecord.h"
+#include "crrecord/SORecord.h"
+#include "crrecord/SOmarshall.h"
+
+#endif  // CRRECORD_CRRECORD_H

@@ -1,0 +1,8 @@
+// Symbol visibility of the platform layer: the library is built with hidden
+// visibility by default and exports only what carries this macro.
+#ifndef CRRECORD_PLATFORM_EXPORT_H
+#define CRRECORD_PLATFORM_EXPORT_H
+
+#define CRRECORD_PLATFORM_API __attribute__((visibility("default")))
+
+#endif  // CRRECORD_PLATFORM_EXPORT_H

@@ -1,0 +1,11 @@
+// The platform layer: status and logging, fingerprints, typed references and
+// the key record.
+#ifndef CRRECORD_PLATFORM_PLATFORM_H
+#define CRRECORD_PLATFORM_PLATFORM_H
+
+#include "crrecord/platform/fingerprint.h"
+#include "crrecord/platform/qorkey.h"
+#include "crrecord/platform/status.h"
+#include "crrecord/platform/tref.h"
+
+#endif  // CRRECORD_PLATFORM_PLATFORM_H
