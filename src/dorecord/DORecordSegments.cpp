@@ -1,1 +1,226 @@
-// (to be written)
+// Per-segment access to a DO record and the consistency check of its
+// segment list against the header's file size.
+//
+// Getters hand out sizes, offsets and object offsets in host order, in
+// either byte order of the record; fingerprints and DCIDs as stored.
+// Setters store the caller's value as given, without conversion.
+// REQUIRES for every per-segment operation: i < nfp (not checked).
+#include <cstring>
+#include <sstream>
+
+#include "common/Endian.h"
+#include "crrecord/DORecord.h"
+#include "dorecord/DORecordFormat.h"
+#include "status/Report.h"
+
+using namespace crrecord;
+
+namespace {
+
+constexpr uint32_t kNoSegmentSize = 0xFFFFFFFFu;
+constexpr uint64_t kNoSegmentOffset = ~uint64_t{0};
+constexpr uint32_t kSizeMagnitudeBit = uint32_t{1} << 31;
+constexpr uint64_t kOffsetMagnitudeBit = uint64_t{1} << 63;
+
+const char kCorrupt[] = "Segment list of a DORecord is corrupt. ";
+const char kWrongOrder[] = "Data is probably in wrong byte order (host vs. network order)";
+
+// The messages are composed only once a test has failed, so that a sound
+// list costs no allocation.
+
+[[noreturn]] void ThrowSizeMagnitude(uint64_t i, uint32_t s) {
+  std::ostringstream m;
+  m << kCorrupt << "Segment " << i << " has size " << s << " (> 2 GiB). " << kWrongOrder;
+  ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
+}
+
+[[noreturn]] void ThrowOffsetMagnitude(uint64_t i, uint64_t o) {
+  std::ostringstream m;
+  m << kCorrupt << "Segment " << i << " has offset " << o << " (> 8192 PetaB). " << kWrongOrder;
+  ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
+}
+
+[[noreturn]] void ThrowTotalSize(uint64_t size, uint64_t bound) {
+  std::ostringstream m;
+  m << "Segment list of DORecord CR_DO_TYPE_ORIGINAL|CR_DO_TYPE_NO_SIZE is corrupt. "
+    << "Original file size:" << size << ". " << "Segm. size times segm. count:" << bound << ".";
+  ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
+}
+
+[[noreturn]] void ThrowSizeSum(const char* typeName, uint64_t size, uint64_t sum) {
+  std::ostringstream m;
+  m << "Segment list of DORecord " << typeName << " is corrupt. "
+    << "Original file size:" << size << ". " << "Sum of segm. sizes:" << sum << ".";
+  ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
+}
+
+[[noreturn]] void ThrowOrder(uint64_t i, uint64_t o, uint64_t end) {
+  std::ostringstream m;
+  m << "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
+    << "Offset of segm. " << i << ":" << o << ". " << "Previous segm. end:" << end << ".";
+  ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
+}
+
+[[noreturn]] void ThrowEnd(uint64_t size, uint64_t end) {
+  std::ostringstream m;
+  m << "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
+    << "Original file size:" << size << ". " << "End offset of last segment:" << end << ". ";
+  ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
+}
+
+}  // namespace
+
+// --- Getters -----------------------------------------------------------------------
+
+unsigned int DORecord::GetSegmentSize(unsigned int i) const {
+  const unsigned char dotype = header_->dotype;
+  if (dotype == CR_DO_TYPE_ORIGINAL || dotype == CR_DO_TYPE_NO_SIZE) {
+    // Every segment but the last has the nominal size; the last one takes
+    // the rest of the file. Computed in 64 bits, handed out as 32.
+    const uint64_t ssize = GetSsize();
+    const uint64_t nfp = GetNfp();
+    if (uint64_t{i} + 1 != nfp) return static_cast<uint32_t>(ssize);
+    return static_cast<uint32_t>(GetSize() - (nfp - 1) * ssize);
+  }
+  if (HasStoredSizes(dotype)) {
+    return LoadOrdered<uint32_t>(DORecordHeaderIndexOfSegmentSize(header_, i), networkOrder_);
+  }
+  return kNoSegmentSize;
+}
+
+unsigned long DORecord::GetSegmentOffset(unsigned int i) const {
+  if (header_->dotype != CR_DO_TYPE_8_BYTE_OFFSET) return kNoSegmentOffset;
+  return LoadOrdered<uint64_t>(DORecordHeaderIndexOfSegmentOffset(header_, i), networkOrder_);
+}
+
+unsigned int DORecord::GetSegmentObjectOffset(unsigned int i) const {
+  if (header_->dotype != CR_DO_TYPE_4_BYTE_OFFSET) return kNoSegmentSize;
+  return LoadOrdered<uint32_t>(DORecordHeaderIndexOfSegmentObjectOffset(header_, i),
+                               networkOrder_);
+}
+
+const unsigned char* DORecord::GetSegmentFP(unsigned int i) const {
+  return DORecordHeaderIndexOfSegment(header_, i);
+}
+
+unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
+  return Load<uint64_t>(DORecordHeaderIndexOfDCID(header_, i));
+}
+
+const unsigned char* DORecord::GetSegmentDCIDList() const {
+  return DORecordHeaderIndexOfDCID(header_, 0);
+}
+
+unsigned long DORecord::GetSegmentUDCID(unsigned int i) const {
+  return Load<uint64_t>(DORecordHeaderIndexOfUDCID(header_, i));
+}
+
+const unsigned char* DORecord::GetSegmentUDCIDList() const {
+  return DORecordHeaderStartUDCID(header_);
+}
+
+// --- Setters -----------------------------------------------------------------------
+// A value for a field the DO type lacks is dropped, so that nothing outside
+// the segment's own fields is ever written; mtime is stamped regardless, as
+// for any other change the caller asked for.
+
+void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
+  if (HasStoredSizes(header_->dotype)) {
+    Store<uint32_t>(DORecordHeaderIndexOfSegmentSize(header_, i), size);
+  }
+  handleUpdate();
+}
+
+void DORecord::SetSegmentOffset(unsigned int i, unsigned long offset) {
+  if (header_->dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
+    Store<uint64_t>(DORecordHeaderIndexOfSegmentOffset(header_, i), offset);
+  }
+  handleUpdate();
+}
+
+void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {
+  if (header_->dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
+    Store<uint32_t>(DORecordHeaderIndexOfSegmentObjectOffset(header_, i), offset);
+  }
+  handleUpdate();
+}
+
+void DORecord::SetSegmentFP(unsigned int i, const crfp_digest_t& fp) {
+  std::memcpy(DORecordHeaderIndexOfSegment(header_, i), fp.digest,
+              FingerprintWidth(header_->fptype));
+}
+
+void DORecord::SetSegmentDCID(unsigned int i, unsigned long dcid) {
+  Store<uint64_t>(DORecordHeaderIndexOfDCID(header_, i), dcid);
+}
+
+// --- Checks ------------------------------------------------------------------------
+// A list read in the wrong byte order shows up as absurd magnitudes: a size
+// with bit 31 set, an offset with bit 63 set.
+
+void DORecord::checkSegmentSizeEndiannes() const {
+  // A sub-DO's segments may be larger than any segment of a whole file.
+  if (subDO_) return;
+  const uint32_t nfp = GetNfp();
+  for (uint32_t i = 0; i < nfp; ++i) {
+    const uint32_t s = GetSegmentSize(i);
+    if ((s & kSizeMagnitudeBit) != 0) ThrowSizeMagnitude(i, s);
+  }
+}
+
+void DORecord::checkSegmentOffsetEndiannes() const {
+  const uint32_t nfp = GetNfp();
+  for (uint32_t i = 0; i < nfp; ++i) {
+    const uint64_t o = GetSegmentOffset(i);
+    if ((o & kOffsetMagnitudeBit) != 0) ThrowOffsetMagnitude(i, o);
+  }
+}
+
+void DORecord::checkSegmentList() const {
+  const unsigned char dotype = header_->dotype;
+  const uint32_t nfp = GetNfp();
+  const uint64_t size = GetSize();
+  switch (dotype) {
+    case CR_DO_TYPE_INVALID:
+      ThrowFixed(CR_STATUS_INVALID, "invalid DO type");
+
+    case CR_DO_TYPE_ORIGINAL:
+    case CR_DO_TYPE_NO_SIZE: {
+      // Only an upper bound: the last segment may be shorter than ssize.
+      const uint64_t bound = uint64_t{nfp} * GetSsize();
+      if (size > bound) ThrowTotalSize(size, bound);
+      return;
+    }
+
+    case CR_DO_TYPE_NO_OFFSET:
+    case CR_DO_TYPE_4_BYTE_OFFSET: {
+      checkSegmentSizeEndiannes();
+      uint64_t sum = 0;
+      for (uint32_t i = 0; i < nfp; ++i) sum += GetSegmentSize(i);
+      if (sum != size) {
+        ThrowSizeSum(dotype == CR_DO_TYPE_NO_OFFSET ? "CR_DO_TYPE_NO_OFFSET"
+                                                    : "CR_DO_TYPE_4_BYTE_OFFSET",
+                     size, sum);
+      }
+      return;
+    }
+
+    case CR_DO_TYPE_8_BYTE_OFFSET: {
+      checkSegmentSizeEndiannes();
+      checkSegmentOffsetEndiannes();
+      // Segments may leave gaps but may not overlap; a zero-size segment may
+      // share its offset with the next one.
+      uint64_t end = 0;
+      for (uint32_t i = 0; i < nfp; ++i) {
+        const uint64_t o = GetSegmentOffset(i);
+        if (o < end) ThrowOrder(i, o, end);
+        end = o + GetSegmentSize(i);
+      }
+      if (end > size) ThrowEnd(size, end);
+      return;
+    }
+
+    default:  // Bloom DO records and DO types without a segment list
+      return;
+  }
+}

@@ -1,0 +1,338 @@
+// The DO record format: header layout, sizes, locators, validation, byte
+// order conversion and the Adler-32 helper.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "common/Adler32.h"
+#include "crrecord/DORecord.h"
+#include "test_support.h"
+
+namespace {
+
+using crtest::Bytes;
+
+constexpr size_t kHeader = 80;
+
+// Bytes after the fingerprint in one segment entry, by DO type.
+size_t Extra(unsigned char dotype) {
+  switch (dotype) {
+    case 2: return 4;
+    case 3: return 12;
+    case 5: return 8;
+    default: return 0;
+  }
+}
+
+size_t Width(unsigned char fptype) { return fptype == 3 ? 32 : 16; }
+
+// A header image written field by field, little-endian, at the documented
+// offsets.
+Bytes HeaderImage(uint32_t recsize, uint32_t ntaskid, uint32_t nfp, uint32_t nudcid, uint32_t nds,
+                  uint32_t trefsize, uint32_t bsize, uint8_t fptype, uint8_t dotype) {
+  Bytes b;
+  b.le16(3).le16(2).le32(recsize).le32(0).le32(77)       // type flags recsize reserved checktime
+      .le64(1000).le64(123456).le64(4096)                 // CID size ssize
+      .le32(0xC0FFEE).le32(1111).le32(2222)               // CRC ctime mtime
+      .le32(ntaskid).le32(nfp).le32(nudcid).le32(nds)     // counts
+      .le32(trefsize).le32(bsize).u8(fptype).u8(dotype).zeros(2);
+  return b;
+}
+
+// An aligned, exactly sized heap copy, so that ASan sees any over-read.
+struct Buffer {
+  explicit Buffer(const Bytes& b) : size(b.size()) {
+    p = static_cast<unsigned char*>(std::malloc(size ? size : 1));
+    std::memcpy(p, b.data(), size);
+  }
+  ~Buffer() { std::free(p); }
+  DORecordHeader* h() const { return reinterpret_cast<DORecordHeader*>(p); }
+  size_t off(const unsigned char* q) const { return static_cast<size_t>(q - p); }
+  unsigned char* p;
+  size_t size;
+};
+
+TEST(DORecordFormat, HeaderFieldsSitAtTheirOffsets) {
+  Bytes image = HeaderImage(80, 1, 2, 3, 4, 5, 6, 3, 5);
+  ASSERT_EQ(image.size(), sizeof(DORecordHeader));
+  DORecordHeader h;
+  std::memcpy(&h, image.data(), sizeof h);
+  EXPECT_EQ(h.type, 3);
+  EXPECT_EQ(h.flags, 2);
+  EXPECT_EQ(h.recsize, 80u);
+  EXPECT_EQ(h.checktime, 77u);
+  EXPECT_EQ(h.CID, 1000u);
+  EXPECT_EQ(h.size, 123456u);
+  EXPECT_EQ(h.ssize, 4096u);
+  EXPECT_EQ(h.CRC, 0xC0FFEEu);
+  EXPECT_EQ(h.ctime, 1111u);
+  EXPECT_EQ(h.mtime, 2222u);
+  EXPECT_EQ(h.ntaskid, 1u);
+  EXPECT_EQ(h.nfp, 2u);
+  EXPECT_EQ(h.nudcid, 3u);
+  EXPECT_EQ(h.nds, 4u);
+  EXPECT_EQ(h.trefsize, 5u);
+  EXPECT_EQ(h.bsize, 6u);
+  EXPECT_EQ(h.fptype, 3);
+  EXPECT_EQ(h.dotype, 5);
+}
+
+TEST(DORecordFormat, SizesFollowTheCounts) {
+  for (unsigned char fptype : {1, 3}) {
+    for (unsigned char dotype : {0, 1, 2, 3, 5}) {
+      SCOPED_TRACE(testing::Message() << "fptype " << int(fptype) << " dotype " << int(dotype));
+      EXPECT_EQ(DORecordHeaderSizeRaw(0, 0, 0, 0, dotype, fptype, 0), kHeader);
+      const size_t entry = Width(fptype) + Extra(dotype) + 8;
+      EXPECT_EQ(DORecordHeaderSizeRaw(0, 7, 0, 0, dotype, fptype, 0), kHeader + 7 * entry);
+      EXPECT_EQ(DORecordHeaderSizeRaw(2, 7, 3, 5, dotype, fptype, 11),
+                kHeader + 16 + 7 * entry + (8 + 48) + 20 + 11);
+    }
+  }
+  // A unique-DCID count of 0 adds nothing, not even the 8-byte head.
+  EXPECT_EQ(DORecordHeaderSizeRaw(0, 1, 0, 0, 2, 1, 0), kHeader + 28);
+  // Counts near 2^32 do not wrap: the result is 64-bit.
+  EXPECT_EQ(DORecordHeaderSizeRaw(0, 0xFFFFFFFFu, 0, 0, 3, 3, 0),
+            kHeader + uint64_t{0xFFFFFFFFu} * 52);
+}
+
+TEST(DORecordFormat, BloomSizeFunctionsAgree) {
+  for (unsigned int bsize : {0u, 1u, 1024u}) {
+    for (unsigned int nudcid : {0u, 3u}) {
+      const uint64_t expected = kHeader + 4 + bsize + 16 + (nudcid ? 8 + 16 * nudcid : 0) + 9;
+      EXPECT_EQ(DORecordHeaderSizeWithBloom(0, bsize, nudcid, 0, 4, 9), expected);
+      EXPECT_EQ(DORecordHeaderSizeRaw(0, bsize, nudcid, 0, 4, 1, 9), expected);
+      EXPECT_EQ(DORecordHeaderSizeRaw(0, bsize, nudcid, 0, 4, 3, 9), expected);
+    }
+  }
+}
+
+// Every locator for every DO type and both widths, with old lists present,
+// in host order and after the header has been converted to network order.
+TEST(DORecordFormat, LocatorsFindTheSamePlacesInEitherByteOrder) {
+  const uint32_t ntaskid = 2, nds = 3, nfp = 3, nudcid = 2, trefsize = 5;
+  for (unsigned char fptype : {1, 3}) {
+    for (unsigned char dotype : {0, 1, 2, 3, 5}) {
+      SCOPED_TRACE(testing::Message() << "fptype " << int(fptype) << " dotype " << int(dotype));
+      const size_t w = Width(fptype), e = w + Extra(dotype);
+      const size_t total = kHeader + 8 * ntaskid + 4 * nds + nfp * (e + 8) + 8 + 16 * nudcid +
+                           trefsize;
+      Bytes image = HeaderImage(uint32_t(total), ntaskid, nfp, nudcid, nds, trefsize, 0, fptype,
+                                dotype);
+      image.zeros(total - kHeader);
+      Buffer buf(image);
+      const size_t segs = kHeader + 8 * ntaskid + 4 * nds;
+      for (int pass = 0; pass < 2; ++pass) {
+        const DORecordHeader* h = buf.h();
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfTaskId(h, 1)), kHeader + 8);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfDataSelection(h, 2)), kHeader + 16 + 8);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegment(h, 0)), segs);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegment(h, 2)), segs + 2 * e);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegmentSize(h, 1)), segs + e + w);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegmentOffset(h, 1)), segs + e + w + 4);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegmentObjectOffset(h, 1)), segs + e + w + 4);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfDCID(h, 0)), segs + nfp * e);
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfDCID(h, nfp)), segs + nfp * e + 8 * nfp);
+        EXPECT_EQ(DORecordHeaderStartUDCID(h), DORecordHeaderIndexOfDCID(h, nfp));
+        EXPECT_EQ(buf.off(DORecordHeaderIndexOfUDCID(h, 1)), segs + nfp * (e + 8) + 8 + 16);
+        EXPECT_EQ(buf.off(DORecordHeaderStartTRefs(h)), total - trefsize);
+        EXPECT_EQ(buf.off(DORecordHeaderGetPOID(h)), 16u);
+        DORecordHeaderHton(buf.h());
+      }
+    }
+  }
+}
+
+TEST(DORecordFormat, EntryWidthsOfTheDocumentedExamples) {
+  // DO type 3, 16-byte fingerprints: entry i at 28 i, size at +16, offset at +20.
+  Bytes a = HeaderImage(0, 0, 4, 0, 0, 0, 0, 1, 3);
+  a.zeros(4 * 36);
+  Buffer ba(a);
+  EXPECT_EQ(ba.off(DORecordHeaderIndexOfSegment(ba.h(), 3)), kHeader + 84);
+  EXPECT_EQ(ba.off(DORecordHeaderIndexOfSegmentSize(ba.h(), 3)), kHeader + 84 + 16);
+  EXPECT_EQ(ba.off(DORecordHeaderIndexOfSegmentOffset(ba.h(), 3)), kHeader + 84 + 20);
+  // DO type 5, 32-byte fingerprints: a 40-byte entry, object offset at +36.
+  Bytes b = HeaderImage(0, 0, 2, 0, 0, 0, 0, 3, 5);
+  b.zeros(2 * 48);
+  Buffer bb(b);
+  EXPECT_EQ(bb.off(DORecordHeaderIndexOfSegment(bb.h(), 1)), kHeader + 40);
+  EXPECT_EQ(bb.off(DORecordHeaderIndexOfSegmentObjectOffset(bb.h(), 1)), kHeader + 40 + 36);
+}
+
+TEST(DORecordFormat, EmptyRecordEndsWhereTheTypedReferencesStart) {
+  Bytes image = HeaderImage(80, 0, 0, 0, 0, 0, 0, 1, 0);
+  Buffer buf(image);
+  EXPECT_EQ(DORecordHeaderSizeRaw(0, 0, 0, 0, 0, 1, 0), 80u);
+  EXPECT_EQ(buf.off(DORecordHeaderStartTRefs(buf.h())), 80u);
+}
+
+TEST(DORecordFormat, BloomSectionLayout) {
+  // header | old task ID | length word | bitmap (10) | 16 reserved | unique DCIDs (1) | trefs
+  Bytes image = HeaderImage(0, 1, 0, 1, 0, 3, 10, 1, 4);
+  image.zeros(8 + 4 + 10 + 16 + 24 + 3);
+  Buffer buf(image);
+  const DORecordHeader* h = buf.h();
+  EXPECT_EQ(buf.off(DORecordHeaderGetBloomStart(h)), kHeader + 8);
+  EXPECT_EQ(buf.off(DORecordHeaderStartBFBitmap(h)), kHeader + 8);
+  EXPECT_EQ(buf.off(DORecordHeaderGetBloom(h)), kHeader + 12);
+  EXPECT_EQ(buf.off(DORecordHeaderStartUDCID(h)), kHeader + 8 + 4 + 10 + 16);
+  EXPECT_EQ(buf.off(DORecordHeaderStartTRefs(h)), kHeader + 8 + 4 + 10 + 16 + 24);
+  EXPECT_EQ(buf.off(DORecordHeaderStartTRefs(h)) + 3,
+            DORecordHeaderSizeRaw(1, 10, 1, 0, 4, 1, 3));
+}
+
+// A DO type 3 record with old lists, two segments and a unique-DCID list.
+Bytes Type3Record() {
+  const uint32_t total = 80 + 8 + 4 + 2 * 36 + 8 + 24;
+  Bytes b = HeaderImage(total, 1, 2, 1, 1, 0, 0, 1, 3);
+  b.le64(0x0102030405060708ull)                                           // old task ID
+      .le32(0x0A0B0C0D)                                                   // old DSID
+      .raw(crtest::PatternFP(0x10, 16).data(), 16).le32(4096).le64(0)     // segment 0
+      .raw(crtest::PatternFP(0x30, 16).data(), 16).le32(100).le64(4096)   // segment 1
+      .le64(64).le64(65)                                                  // DCIDs
+      .le32(0x11111111).le32(1).le64(64).le64(4196);                      // unique DCIDs
+  return b;
+}
+
+TEST(DORecordFormat, HtonConvertsNumbersAndLeavesBytesAndContainersAlone) {
+  Bytes host = Type3Record();
+  const uint32_t total = uint32_t(host.size());
+  Bytes net;
+  net.be16(3).be16(2).be32(total).le32(0).be32(77)
+      .be64(1000).be64(123456).be64(4096)
+      .be32(0xC0FFEE).be32(1111).be32(2222)
+      .be32(1).be32(2).be32(1).be32(1).be32(0).be32(0).u8(1).u8(3).zeros(2)
+      .be64(0x0102030405060708ull)
+      .be32(0x0A0B0C0D)
+      .raw(crtest::PatternFP(0x10, 16).data(), 16).be32(4096).be64(0)
+      .raw(crtest::PatternFP(0x30, 16).data(), 16).be32(100).be64(4096)
+      .le64(64).le64(65)
+      .le32(0x11111111).le32(1).le64(64).le64(4196);
+  ASSERT_EQ(net.size(), host.size());
+  Buffer buf(host);
+  DORecordHeaderHton(buf.h());
+  EXPECT_EQ(std::vector<uint8_t>(buf.p, buf.p + buf.size), net.vec());
+  DORecordHeaderNtoh(buf.h());
+  EXPECT_EQ(std::vector<uint8_t>(buf.p, buf.p + buf.size), host.vec());
+}
+
+TEST(DORecordFormat, HtonConvertsObjectOffsetsOfType5AndNothingOfType0) {
+  Bytes t5 = HeaderImage(80 + 32, 0, 1, 0, 0, 0, 0, 1, 5);
+  t5.zeros(16).le32(7).le32(9).le64(64);
+  Buffer b5(t5);
+  DORecordHeaderHton(b5.h());
+  EXPECT_EQ(crtest::Hex(b5.p + 96, 8), "0000000700000009");
+  EXPECT_EQ(crtest::Hex(b5.p + 104, 8), "4000000000000000");  // DCID untouched
+
+  Bytes t0 = HeaderImage(80 + 24, 0, 1, 0, 0, 0, 0, 1, 0);
+  t0.raw(crtest::PatternFP(1, 16).data(), 16).le64(64);
+  Buffer b0(t0);
+  DORecordHeaderHton(b0.h());
+  EXPECT_EQ(std::vector<uint8_t>(b0.p + 80, b0.p + 104),
+            std::vector<uint8_t>(t0.data() + 80, t0.data() + 104));
+}
+
+TEST(DORecordFormat, ValidateAcceptsASoundRecordInEitherOrder) {
+  Bytes image = Type3Record();
+  // Seal the unique-DCID checksum, which the image left as a placeholder.
+  std::vector<uint8_t> v = image.vec();
+  const size_t section = v.size() - 24;
+  const uint32_t sum = crtest::SlowAdler32(&v[section + 4], 20);
+  std::memcpy(&v[section], &sum, 4);
+  Bytes sealed;
+  sealed.raw(v.data(), v.size());
+  Buffer buf(sealed);
+  EXPECT_EQ(DORecordHeaderValidate(buf.h(), uint32_t(buf.size), 0), 0u);
+  DORecordHeaderHton(buf.h());
+  EXPECT_EQ(DORecordHeaderValidate(buf.h(), uint32_t(buf.size), CR_DO_VALIDATE_NETWORK_ORDER), 0u);
+  EXPECT_EQ(DORecordHeaderValidate(buf.h(), uint32_t(buf.size), 0), 32u);
+}
+
+TEST(DORecordFormat, ValidateRefusesEachFaultWithItsTraceLine) {
+  Bytes good = HeaderImage(80 + 24, 0, 1, 0, 0, 0, 0, 1, 0);
+  good.zeros(16).le64(64);
+  struct Case {
+    size_t offset;  // byte to overwrite (SIZE_MAX: none)
+    std::vector<uint8_t> bytes;
+    unsigned int length;
+    const char* trace;
+  } cases[] = {
+      {SIZE_MAX, {}, 79, "Invalid DO record: size 79, expected at least 80"},
+      {0, {2, 0}, 104, "Invalid DO record: type 2, expected 3"},
+      {4, {105, 0, 0, 0}, 104, "Invalid DO record: recsize 105, size 104"},
+      {2, {8, 0}, 104, "Invalid DO record: flags 0x8, allowed 0x6"},
+      {76, {9}, 104, "Invalid DO record: invalid fp type 9"},
+      {77, {6}, 104, "Invalid DO record: invalid DO type 6"},
+      {72, {1, 0, 0, 0}, 104,
+       "Invalid DO record: DO type 0 with 1 segments and a bitmap of 1 bytes"},
+      {56, {2, 0, 0, 0}, 104, "Invalid DO record: calculated size 128, size 104"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.trace);
+    std::vector<uint8_t> v = good.vec();
+    if (c.offset != SIZE_MAX) std::memcpy(&v[c.offset], c.bytes.data(), c.bytes.size());
+    Bytes image;
+    image.raw(v.data(), c.length);
+    Buffer buf(image);
+    crtest::LogCapture log(/*trace=*/true);
+    EXPECT_EQ(DORecordHeaderValidate(buf.h(), c.length, 0), 32u);
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
+    EXPECT_EQ(log.lines()[0].text, c.trace);
+  }
+  Buffer buf(good);
+  crtest::LogCapture quiet(/*trace=*/false);
+  EXPECT_EQ(DORecordHeaderValidate(buf.h(), 104, 0), 0u);
+  EXPECT_EQ(DORecordHeaderValidate(nullptr, 104, 0), 9u);
+  EXPECT_EQ(DORecordHeaderValidate(buf.h(), 104, 2), 9u);
+  EXPECT_TRUE(quiet.lines().empty());
+}
+
+TEST(DORecordFormat, ValidateChecksTheUniqueDCIDList) {
+  Bytes image = HeaderImage(80 + 24 + 24, 0, 1, 1, 0, 0, 0, 1, 0);
+  image.zeros(16).le64(64).le32(0).le32(1).le64(64).le64(10);
+  std::vector<uint8_t> v = image.vec();
+  uint32_t sum = crtest::SlowAdler32(&v[108], 20);
+  std::memcpy(&v[104], &sum, 4);
+  Bytes sealed;
+  sealed.raw(v.data(), v.size());
+  Buffer good(sealed);
+  EXPECT_EQ(DORecordHeaderValidate(good.h(), 128, 0), 0u);
+  good.p[120] ^= 1;  // one bit of the byte count
+  EXPECT_EQ(DORecordHeaderValidate(good.h(), 128, 0), 32u);
+}
+
+TEST(Adler32, KnownValues) {
+  const uint8_t zero = 0;
+  EXPECT_EQ(crrecord::Adler32(&zero, 1), 0x00010001u);
+  EXPECT_EQ(crrecord::Adler32("", 0), 1u);
+  EXPECT_EQ(crrecord::Adler32("Wikipedia", 9), 0x11E60398u);
+  EXPECT_EQ(DORecordAdler32("Wikipedia", 9), 0x11E60398u);
+  // The count word of an empty unique-DCID block.
+  const uint32_t count = 0;
+  EXPECT_EQ(crrecord::Adler32(&count, 4), 0x00040001u);
+  // The unique-DCID block of the builder's example.
+  Bytes block;
+  block.le32(2).le64(100).le64(4096).le64(200).le64(8192);
+  EXPECT_EQ(crrecord::Adler32(block.data(), block.size()), 465305951u);
+}
+
+TEST(Adler32, MatchesTheSlowDefinitionAcrossReductionBoundaries) {
+  std::mt19937 rng(7);
+  std::vector<uint8_t> data(3 * 5552 + 17);
+  for (auto& b : data) b = static_cast<uint8_t>(rng());
+  for (size_t n : {size_t{0}, size_t{7}, size_t{5551}, size_t{5552}, size_t{5553}, data.size()}) {
+    EXPECT_EQ(crrecord::Adler32(data.data(), n), crtest::SlowAdler32(data.data(), n)) << n;
+  }
+  std::vector<uint8_t> ff(100000, 0xFF);
+  EXPECT_EQ(crrecord::Adler32(ff.data(), ff.size()), crtest::SlowAdler32(ff.data(), ff.size()));
+  // Continuing a checksum gives the checksum of the whole.
+  uint32_t part = crrecord::Adler32Update(1, data.data(), 1000);
+  EXPECT_EQ(crrecord::Adler32Update(part, data.data() + 1000, data.size() - 1000),
+            crtest::SlowAdler32(data.data(), data.size()));
+}
+
+}  // namespace
