@@ -189,8 +189,12 @@ CRRECORD_API unsigned int DORecordAdler32(const void* data, size_t length);
 // Returns 0; 65 for a null argument, 113 / 111 for a DO / fingerprint type
 // that is refused, 120 for input shorter than its counts say, 121 for
 // malformed input (wrong length, bad fingerprint text, nonzero padding, bad
-// unique-DCID checksum), 122 for a caller buffer that is too small, 22 when
-// memory runs out. On failure nothing of its own stays allocated.
+// unique-DCID checksum), 122 for a caller buffer that is too small, 9 for a
+// caller buffer not aligned to 8 bytes (the header is accessed as a struct),
+// 22 when memory runs out. On failure nothing of its own stays allocated and
+// *header and *allocatedSize are unchanged; a caller's buffer may hold a
+// partly written record. The record gets flags 0, CID 0, checktime 0 and the
+// current time as ctime and mtime; its caller completes the header.
 CRRECORD_API cr_status_t DORecordHeaderDeserialize(DORecordHeader** header,
                                                    unsigned long* allocatedSize, const void* data,
                                                    unsigned long length, unsigned char dotype,
@@ -325,7 +329,11 @@ class CRRECORD_API DORecord {
   // Rebuilds a record from a serialized DO record of dataLength bytes, in the
   // caller's buffer (which stays the caller's; mode 1) or, when buffer is
   // null, in one of its own (mode 2). flags, dcid and fptype complete the
-  // header; a sub-DO takes the DCID of its first segment as CID.
+  // header; a sub-DO takes the DCID of its first segment as CID (one without
+  // segments keeps dcid). A caller's buffer must be aligned to 8 bytes.
+  // Throws Cr_ErrnoException with the status of DORecordHeaderDeserialize
+  // (no message), 9 "invalid fptype for DO", or that of checkSegmentList,
+  // and leaves no buffer of its own behind.
   DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid, unsigned char fptype,
            void* buffer, unsigned long bufferSize, const void* data, unsigned long dataLength,
            bool subDO);
@@ -338,6 +346,15 @@ class CRRECORD_API DORecord {
   // nor grown, 1 it is copied when it must grow, 2 the object takes it over
   // (frees it with free, may realloc it). The stored typed references and any
   // old task-ID and DSID lists are loaded into the sets (convertToTRefs).
+  // The buffer must be 8-byte aligned (the header is accessed as a struct),
+  // else 9; a null record gives 65, a bufferMode above 2 gives 9.
+  // On any failure the caller's buffer holds its old bytes and stays the
+  // caller's, also in mode 2: the object takes it over only once the
+  // references are loaded. A record without old lists is loaded in place
+  // (its header is put back if loading fails); a record with old lists is
+  // converted on a copy of the object's own in modes 1 and 2 (in mode 2 the
+  // caller's buffer is then freed, in mode 1 left untouched), and refused
+  // with 9 in mode 0.
   DORecord(DORecordHeader* record, unsigned long allocatedSize, unsigned int bufferMode);
 
   virtual ~DORecord();
@@ -512,7 +529,7 @@ class CRRECORD_API DORecord {
 
   DORecordHeader* header_;
   unsigned long allocatedSize_;
-  bool networkOrder_;
+  mutable bool networkOrder_;  // the binary ToStream flips it while it runs
   bool ownsBuffer_;
   bool subDO_;
   unsigned int bufferMode_;

@@ -1,1 +1,309 @@
-// (to be written)
+// Reading the serialized forms back: DORecordHeaderDeserialize, which builds
+// a host-order record buffer from untrusted bytes, the check of the head's
+// checksum, and the DORecord constructor over a serialized record.
+//
+// The layouts are drawn in DORecordSerialize.cpp. Every length is checked
+// before the bytes it covers are read; counts are multiplied in 64 bits only
+// after they have been found to fit the input, so no product can wrap.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "common/Adler32.h"
+#include "common/Endian.h"
+#include "dorecord/DORecordFormat.h"
+#include "status/Report.h"
+
+using namespace crrecord;
+
+namespace {
+
+constexpr uint64_t kHead = 28;
+constexpr uint64_t kBloomBlockHead = 8;
+constexpr uint64_t kBloomTrailingZeros = 16;
+constexpr uint64_t kMaxRecordSize = 0xFFFFFFFFu;  // recsize is 32 bits
+constexpr unsigned int kBufferModeCopy = 1;
+constexpr unsigned int kBufferModeRealloc = 2;
+
+#define CR_REFUSE(status, ...)                                  \
+  do {                                                          \
+    CR_TRACE("Invalid serialized DO record: " __VA_ARGS__);     \
+    return (status);                                            \
+  } while (0)
+
+// What the checks of the input found out: the size of the record to build
+// and the counts it holds.
+struct Plan {
+  uint64_t recsize;
+  uint32_t nfp;      // serialized DO record
+  uint32_t bsize;    // serialized Bloom DO record
+  uint32_t nudcid;
+};
+
+// The checks of a serialized DO record that need no fingerprint conversion.
+cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char dotype,
+                         unsigned char fptype, Plan* plan) {
+  const uint32_t nfp = LoadBE32(in + 20);
+  const uint64_t extra = SegmentExtraWidth(dotype);
+  const uint64_t entry = FingerprintTextWidth(fptype) + extra;
+  // nfp < 2^32 and entry + 8 <= 85, so the product cannot wrap 64 bits.
+  const uint64_t expected = kHead + uint64_t{nfp} * (entry + 8) + 1;
+  if (length < expected) {
+    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u segments need %lu",
+              static_cast<unsigned long>(length), nfp, static_cast<unsigned long>(expected));
+  }
+  if (length > expected) {
+    CR_REFUSE(CR_STATUS_MALFORMED, "%lu bytes, %u segments take exactly %lu",
+              static_cast<unsigned long>(length), nfp, static_cast<unsigned long>(expected));
+  }
+  const uint64_t zeroAt = kHead + uint64_t{nfp} * entry;
+  if (in[zeroAt] != 0) {
+    CR_REFUSE(CR_STATUS_MALFORMED, "byte %lu after the segment entries is %u, expected 0",
+              static_cast<unsigned long>(zeroAt), unsigned{in[zeroAt]});
+  }
+  plan->nfp = nfp;
+  plan->bsize = 0;
+  plan->nudcid = 0;
+  plan->recsize = DORecordHeaderSizeRaw(0, nfp, 0, 0, dotype, fptype, 0);
+  return CR_STATUS_SUCCESS;
+}
+
+// The checks of a serialized Bloom DO record; it needs no others.
+cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fptype,
+                      Plan* plan) {
+  const uint32_t nfp = LoadBE32(in + 20);
+  if (nfp != 0) CR_REFUSE(CR_STATUS_MALFORMED, "Bloom form with %u segments, expected 0", nfp);
+  if (length < kHead + 4) {
+    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, the Bloom form needs at least %lu",
+              static_cast<unsigned long>(length), static_cast<unsigned long>(kHead + 4));
+  }
+  const uint32_t bsize = LoadBE32(in + kHead);
+  const uint64_t block = kHead + 4 + bsize;
+  if (length < block + kBloomBlockHead) {
+    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, a bitmap of %u bytes needs at least %lu",
+              static_cast<unsigned long>(length), bsize,
+              static_cast<unsigned long>(block + kBloomBlockHead + kBloomTrailingZeros));
+  }
+  const uint32_t checksum = LoadBE32(in + block);
+  const uint32_t nudcid = LoadBE32(in + block + 4);
+  const uint64_t expected =
+      block + kBloomBlockHead + uint64_t{kUDCIDEntry} * nudcid + kBloomTrailingZeros;
+  if (length < expected) {
+    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u unique DCIDs need %lu",
+              static_cast<unsigned long>(length), nudcid, static_cast<unsigned long>(expected));
+  }
+  if (length > expected) {
+    CR_REFUSE(CR_STATUS_MALFORMED, "%lu bytes, %u unique DCIDs take exactly %lu",
+              static_cast<unsigned long>(length), nudcid, static_cast<unsigned long>(expected));
+  }
+  // An empty list travels as eight zero bytes; a list is sealed by its own
+  // Adler-32 over the count and the entries.
+  const uint32_t computed =
+      nudcid == 0 ? 0 : Adler32(in + block + 4, 4 + uint64_t{kUDCIDEntry} * nudcid);
+  if (checksum != computed) {
+    CR_REFUSE(CR_STATUS_MALFORMED, "unique DCID checksum %u, computed %u over %u entries",
+              checksum, computed, nudcid);
+  }
+  for (uint64_t at = expected - kBloomTrailingZeros; at < expected; ++at) {
+    if (in[at] != 0) {
+      CR_REFUSE(CR_STATUS_MALFORMED, "byte %lu of the trailing zeros is %u",
+                static_cast<unsigned long>(at), unsigned{in[at]});
+    }
+  }
+  plan->nfp = 0;
+  plan->bsize = bsize;
+  plan->nudcid = nudcid;
+  plan->recsize =
+      DORecordHeaderSizeRaw(0, bsize, nudcid, 0, CR_DO_TYPE_BLOOM_FILTER, fptype, 0);
+  return CR_STATUS_SUCCESS;
+}
+
+// Writes the segment list and DCID array; fails only on fingerprint text.
+cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned char dotype,
+                         unsigned char fptype, uint32_t nfp) {
+  if (nfp == 0) return CR_STATUS_SUCCESS;
+  const unsigned int width = FingerprintWidth(fptype);
+  const unsigned int textWidth = FingerprintTextWidth(fptype);
+  const unsigned int extra = SegmentExtraWidth(dotype);
+  const unsigned char* src = in + kHead;
+  unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
+  crfp_digest_t fp;
+  for (uint32_t i = 0; i < nfp; ++i, src += textWidth + extra, entry += width + extra) {
+    // The text must be exactly the hex digits and one NUL, the whole field.
+    const char* text = reinterpret_cast<const char*>(src);
+    if (src[textWidth - 1] != 0 ||
+        CRFPStringToDigest_r(text, textWidth - 1, fptype, &fp) == nullptr) {
+      CR_REFUSE(CR_STATUS_MALFORMED,
+                "fingerprint text of segment %u is not %u hex digits and a NUL", i,
+                textWidth - 1);
+    }
+    std::memcpy(entry, fp.digest, width);
+    const unsigned char* field = src + textWidth;
+    unsigned char* stored = entry + width;
+    switch (dotype) {
+      case CR_DO_TYPE_NO_OFFSET:
+        Store(stored, LoadBE32(field));
+        break;
+      case CR_DO_TYPE_8_BYTE_OFFSET:
+        Store(stored, LoadBE32(field));
+        Store(stored + 4, LoadBE64(field + 4));
+        break;
+      case CR_DO_TYPE_4_BYTE_OFFSET:
+        Store(stored, LoadBE32(field));
+        Store(stored + 4, LoadBE32(field + 4));
+        break;
+      default:
+        break;
+    }
+  }
+  src += 1;  // the zero byte
+  unsigned char* dcid = DORecordHeaderIndexOfDCID(h, 0);
+  for (uint32_t i = 0; i < nfp; ++i, src += 8, dcid += 8) Store(dcid, LoadBE64(src));
+  return CR_STATUS_SUCCESS;
+}
+
+// The Bloom section. The length word and the unique-DCID block keep the
+// big-endian bytes they travelled in: the length word marks the list's byte
+// order until AppendBloomAndUniqueDCIDList turns both to host order.
+void FillBloom(DORecordHeader* h, const unsigned char* in, const Plan& plan) {
+  unsigned char* start = DORecordHeaderGetBloomStart(h);
+  std::memcpy(start, in + kHead, 4 + uint64_t{plan.bsize});
+  std::memset(start + 4 + plan.bsize, 0, kBloomReservedBytes);
+  if (plan.nudcid != 0) {
+    std::memcpy(DORecordHeaderStartUDCID(h), in + kHead + 4 + plan.bsize,
+                UDCIDSectionSize(plan.nudcid));
+  }
+}
+
+}  // namespace
+
+cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* allocatedSize,
+                                      const void* data, unsigned long length,
+                                      unsigned char dotype, unsigned char fptype) {
+  if (header == nullptr || allocatedSize == nullptr || data == nullptr) {
+    CR_REFUSE(CR_STATUS_MISSING_ARGUMENT, "null argument");
+  }
+  if (!CRDOTypeIsValid(dotype)) {
+    CR_REFUSE(CR_STATUS_INVALID_DOTYPE, "DO type %u refused", unsigned{dotype});
+  }
+  if (!CRFPTypeIsValid(fptype)) {
+    CR_REFUSE(CR_STATUS_INVALID_FPTYPE, "fingerprint type %u refused", unsigned{fptype});
+  }
+  DORecordHeader* const callerBuffer = *header;
+  // The header is read and written as a struct with 8-byte fields.
+  if (callerBuffer != nullptr && reinterpret_cast<uintptr_t>(callerBuffer) % 8 != 0) {
+    CR_REFUSE(CR_STATUS_INVALID, "caller buffer at %p is not aligned to 8 bytes",
+              static_cast<void*>(callerBuffer));
+  }
+
+  const unsigned char* in = static_cast<const unsigned char*>(data);
+  if (length < kHead) {
+    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, shorter than the %lu-byte head", length,
+              static_cast<unsigned long>(kHead));
+  }
+  const uint32_t padding = LoadBE32(in + 24);
+  if (padding != 0) CR_REFUSE(CR_STATUS_MALFORMED, "padding word %u, expected 0", padding);
+
+  const bool bloom = dotype == CR_DO_TYPE_BLOOM_FILTER;
+  Plan plan;
+  cr_status_t status =
+      bloom ? PlanBloom(in, length, fptype, &plan) : PlanSegments(in, length, dotype, fptype, &plan);
+  if (status != CR_STATUS_SUCCESS) return status;
+  if (plan.recsize > kMaxRecordSize) {
+    CR_REFUSE(CR_STATUS_MALFORMED, "record of %lu bytes exceeds %lu",
+              static_cast<unsigned long>(plan.recsize),
+              static_cast<unsigned long>(kMaxRecordSize));
+  }
+  if (callerBuffer != nullptr && *allocatedSize < plan.recsize) {
+    CR_REFUSE(CR_STATUS_NO_ROOM, "caller buffer of %lu bytes, the record needs %lu",
+              *allocatedSize, static_cast<unsigned long>(plan.recsize));
+  }
+
+  DORecordHeader* h = callerBuffer;
+  if (h == nullptr) {
+    h = static_cast<DORecordHeader*>(std::malloc(plan.recsize));
+    if (h == nullptr) {
+      CR_TRACE("Could not deserialize DO: malloc failed for %lu bytes",
+               static_cast<unsigned long>(plan.recsize));
+      return CR_STATUS_NO_MEMORY;
+    }
+  }
+
+  // The counts go in first: the locators that place the sections read them.
+  std::memset(h, 0, sizeof *h);
+  h->type = kDORecordType;
+  h->recsize = static_cast<uint32_t>(plan.recsize);
+  // ctime is the moment of rebuilding; checktime stays 0, as in a new record.
+  // flags stay 0: the form carries none, and the caller supplies them.
+  h->ctime = static_cast<uint32_t>(std::time(nullptr));
+  h->mtime = h->ctime;
+  h->size = LoadBE64(in + 0);
+  h->ssize = LoadBE64(in + 8);
+  // Stored unverified: the form does not say whether the writer put the CRC
+  // or an Adler-32 here (DORecordSerializedHasAdler32 tells the latter).
+  h->CRC = LoadBE32(in + 16);
+  h->nfp = plan.nfp;
+  h->nudcid = plan.nudcid;
+  h->bsize = plan.bsize;
+  h->fptype = fptype;
+  h->dotype = dotype;
+
+  if (bloom) {
+    FillBloom(h, in, plan);
+  } else {
+    status = FillSegments(h, in, dotype, fptype, plan.nfp);
+    if (status != CR_STATUS_SUCCESS) {
+      // A caller's buffer is the caller's, whatever it now holds.
+      if (callerBuffer == nullptr) std::free(h);
+      return status;
+    }
+  }
+
+  if (callerBuffer == nullptr) {
+    *header = h;
+    *allocatedSize = plan.recsize;
+  }
+  return CR_STATUS_SUCCESS;
+}
+
+bool DORecordSerializedHasAdler32(const void* data, unsigned long length) {
+  if (data == nullptr || length < kHead) return false;
+  const unsigned char* in = static_cast<const unsigned char*>(data);
+  return LoadBE32(in + 16) == Adler32(in + kHead, length - kHead);
+}
+
+DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid,
+                   unsigned char fptype, void* buffer, unsigned long bufferSize,
+                   const void* data, unsigned long dataLength, bool subDO)
+    : header_(static_cast<DORecordHeader*>(buffer)),
+      allocatedSize_(bufferSize),
+      networkOrder_(false),
+      ownsBuffer_(false),
+      subDO_(subDO),
+      bufferMode_(kBufferModeCopy) {
+  try {
+    const cr_status_t status =
+        DORecordHeaderDeserialize(&header_, &allocatedSize_, data, dataLength,
+                                  static_cast<unsigned char>(dotype), fptype);
+    if (status != CR_STATUS_SUCCESS) ThrowStatus(status);
+    if (buffer == nullptr) {
+      ownsBuffer_ = true;
+      bufferMode_ = kBufferModeRealloc;
+    }
+    setFlags(flags);    // invalid flags are logged and the header keeps its own
+    setFPType(fptype);  // 9 "invalid fptype for DO"
+    setDCID(dcid);
+    initReferenceSets();
+    handleUpdate();
+    checkSegmentList();
+    // A sub-DO lives in the container of its first segment. Without
+    // segments there is no such container, and the dcid given stays.
+    if (subDO_ && GetNfp() != 0) {
+      setDCID(Load<uint64_t>(DORecordHeaderIndexOfDCID(header_, 0)));
+    }
+  } catch (...) {
+    cleanupConstruction();
+    throw;
+  }
+}

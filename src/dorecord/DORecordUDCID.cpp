@@ -1,1 +1,299 @@
-// (to be written)
+// The unique-DCID list of a DO record: the distinct containers of its
+// segments with the bytes of the file that lie in each, built from the
+// segment list (or normalized in a Bloom DO record) and reported per
+// container.
+//
+// Byte order of a Bloom record's list. A Bloom record built from a bitmap
+// holds its Bloom length word and its list in host order; one rebuilt from
+// the serialized Bloom form holds both big-endian, as they travelled. The
+// record carries no other mark, so the length word is the mark
+// (BloomListIsBigEndian): every reader here takes the list in the order the
+// mark says, and AppendBloomAndUniqueDCIDList turns a big-endian Bloom
+// section into host order (length word and list together, with a fresh
+// checksum). A second application then finds host order and rewrites the
+// same bytes, so normalizing is idempotent. Lists of other records are
+// always host order.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "common/Adler32.h"
+#include "common/Endian.h"
+#include "crrecord/DORecord.h"
+#include "dorecord/DORecordFormat.h"
+#include "status/Report.h"
+
+using namespace crrecord;
+
+namespace {
+
+const char kAppendName[] = "AppendBloomAndUniqueDCIDList";
+const char kSizeListName[] = "GetUDCIDSizeList";
+constexpr uint64_t kLargestRecordSize = 0xFFFFFFFFu;
+constexpr uint32_t kNoSegmentSize = 0xFFFFFFFFu;
+
+struct UDCIDEntry {
+  uint64_t dcid;
+  uint64_t bytes;
+};
+
+bool ByDCID(const UDCIDEntry& a, const UDCIDEntry& b) { return a.dcid < b.dcid; }
+
+// Distinct DCIDs with their byte counts: open addressing with linear probing
+// in one table sized up front for as many keys as there are segments (load
+// at most one half), so gathering costs no allocation per segment. DCID 0
+// marks a free slot; only DCIDs of 64 and above are ever added.
+class DCIDTable {
+ public:
+  explicit DCIDTable(uint64_t maxKeys) {
+    unsigned int bits = 4;
+    while ((uint64_t{1} << bits) < 2 * maxKeys) ++bits;
+    shift_ = 64 - bits;
+    mask_ = (uint64_t{1} << bits) - 1;
+    slots_.assign(size_t{1} << bits, UDCIDEntry{0, 0});
+  }
+
+  // REQUIRES: dcid != 0 and no more distinct keys than the table was made for.
+  void Add(uint64_t dcid, uint64_t bytes) {
+    uint64_t i = (dcid * 0x9E3779B97F4A7C15ull) >> shift_;  // Fibonacci hashing
+    while (slots_[i].dcid != dcid) {
+      if (slots_[i].dcid == 0) {
+        slots_[i].dcid = dcid;
+        break;
+      }
+      i = (i + 1) & mask_;
+    }
+    slots_[i].bytes += bytes;
+  }
+
+  // The occupied slots, packed and in ascending DCID order; empties the table.
+  std::vector<UDCIDEntry> TakeSorted() {
+    size_t n = 0;
+    for (const UDCIDEntry& slot : slots_) {
+      if (slot.dcid != 0) slots_[n++] = slot;
+    }
+    slots_.resize(n);
+    std::sort(slots_.begin(), slots_.end(), ByDCID);
+    std::vector<UDCIDEntry> out;
+    out.swap(slots_);
+    return out;
+  }
+
+ private:
+  std::vector<UDCIDEntry> slots_;
+  uint64_t mask_;
+  unsigned int shift_;
+};
+
+// Whether the record's unique-DCID list stands big-endian (see the file
+// comment). REQUIRES: the section, when nudcid > 0, lies inside the record.
+bool ListIsBigEndian(const DORecordHeader* h, uint32_t bsize, uint32_t nudcid) {
+  if (h->dotype != CR_DO_TYPE_BLOOM_FILTER) return false;
+  return BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderStartBFBitmap(h)), bsize,
+                              DORecordHeaderStartUDCID(h), nudcid);
+}
+
+// The entries of a list section, each read in the given byte order.
+UDCIDEntry ReadEntry(const unsigned char* section, uint32_t i, bool bigEndian) {
+  const unsigned char* p = section + kUDCIDHead + uint64_t{kUDCIDEntry} * i;
+  return UDCIDEntry{InRecordOrder(Load<uint64_t>(p), bigEndian),
+                    InRecordOrder(Load<uint64_t>(p + 8), bigEndian)};
+}
+
+// Host-order section: checksum, count, then the entries.
+void WriteSection(unsigned char* section, const std::vector<UDCIDEntry>& entries,
+                  uint32_t count) {
+  unsigned char* p = section + kUDCIDHead;
+  for (const UDCIDEntry& e : entries) {
+    Store<uint64_t>(p, e.dcid);
+    Store<uint64_t>(p + 8, e.bytes);
+    p += kUDCIDEntry;
+  }
+  Store<uint32_t>(section + 4, count);
+  Store<uint32_t>(section, Adler32(section + 4, 4 + uint64_t{kUDCIDEntry} * count));
+}
+
+}  // namespace
+
+cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
+  if (getTRefsSize() != 0) {
+    ErrorA(CR_STATUS_INVALID, "%s: TRef size should be zero bytes.", kAppendName);
+    return CR_STATUS_INVALID;
+  }
+  const unsigned char dotype = header_->dotype;
+  const unsigned char fptype = header_->fptype;
+  const bool bloom = dotype == CR_DO_TYPE_BLOOM_FILTER;
+  const uint32_t nfp = GetNfp();
+  const uint32_t bsize = GetBSize();
+
+  std::vector<UDCIDEntry> entries;
+  bool swapLengthWord = false;
+  try {
+    if (bloom) {
+      const uint32_t nudcid = GetNudcid();
+      const bool bigEndian = ListIsBigEndian(header_, bsize, nudcid);
+      const uint32_t lengthWord = Load<uint32_t>(DORecordHeaderStartBFBitmap(header_));
+      swapLengthWord = lengthWord != bsize && ByteSwap(lengthWord) == bsize;
+      if (nudcid != 0) {
+        // The section is as long as the header says; a list that claims
+        // another length is not read, so nothing beyond the section is.
+        const unsigned char* section = DORecordHeaderStartUDCID(header_);
+        const uint32_t stored = InRecordOrder(Load<uint32_t>(section + 4), bigEndian);
+        if (stored != nudcid) {
+          ErrorA(CR_STATUS_INVALID, "%s: unique DCID count %u does not match the header's %u.",
+                 kAppendName, stored, nudcid);
+          return CR_STATUS_INVALID;
+        }
+        entries.reserve(nudcid);
+        for (uint32_t i = 0; i < nudcid; ++i) entries.push_back(ReadEntry(section, i, bigEndian));
+        // A later entry of the same DCID replaces an earlier one.
+        std::stable_sort(entries.begin(), entries.end(), ByDCID);
+        size_t kept = 0;
+        for (const UDCIDEntry& e : entries) {
+          if (kept != 0 && entries[kept - 1].dcid == e.dcid) {
+            entries[kept - 1] = e;
+          } else {
+            entries[kept++] = e;
+          }
+        }
+        entries.resize(kept);
+      }
+    } else {
+      if (nfp == 0) return CR_STATUS_SUCCESS;
+      const unsigned int fpWidth = FingerprintWidth(fptype);
+      const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
+      const bool storedSizes = HasStoredSizes(dotype);
+      const bool derivedSizes = dotype == CR_DO_TYPE_ORIGINAL || dotype == CR_DO_TYPE_NO_SIZE;
+      const uint64_t ssize = GetSsize();
+      const uint32_t lastDerived = static_cast<uint32_t>(GetSize() - uint64_t{nfp - 1} * ssize);
+      const unsigned char* sizeField = DORecordHeaderIndexOfSegment(header_, 0) + fpWidth;
+      const unsigned char* dcidField = DORecordHeaderIndexOfDCID(header_, 0);
+
+      DCIDTable table(nfp);
+      for (uint32_t i = 0; i < nfp; ++i, sizeField += entryWidth, dcidField += 8) {
+        const uint64_t dcid = Load<uint64_t>(dcidField);
+        if (dcid < 64) {
+          crfp_digest_t fp = {};
+          std::memcpy(fp.digest, DORecordHeaderIndexOfSegment(header_, i), fpWidth);
+          char text[65] = {};
+          if (CRFPDigestToString_r(&fp, fptype, text, sizeof text) == nullptr) text[0] = '\0';
+          text[sizeof text - 1] = '\0';
+          ErrorA(CR_STATUS_INVALID, "%s: Invalid DCID %lu for SO %s at index %u.", kAppendName,
+                 static_cast<unsigned long>(dcid), text, i);
+          return CR_STATUS_INVALID;
+        }
+        uint32_t size = kNoSegmentSize;
+        if (storedSizes) {
+          size = LoadOrdered<uint32_t>(sizeField, networkOrder_);
+        } else if (derivedSizes) {
+          size = i + 1 == nfp ? lastDerived : static_cast<uint32_t>(ssize);
+        }
+        table.Add(dcid, size);
+      }
+      entries = table.TakeSorted();
+    }
+  } catch (const std::bad_alloc&) {
+    // Gathering needs memory in proportion to the list; without it the
+    // record is left as it was, as when its buffer cannot grow.
+    return CR_STATUS_NO_MEMORY;
+  }
+
+  const uint32_t count = static_cast<uint32_t>(entries.size());
+  if (count == 0) {
+    if (swapLengthWord) SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(header_));
+    return CR_STATUS_SUCCESS;
+  }
+
+  // The old task-ID and DSID lists, which a record here should not have,
+  // are counted all the same, so that the section can never land outside
+  // the buffer.
+  const HeaderCounts counts = ReadCounts(header_);
+  const uint64_t needed =
+      DORecordHeaderSizeRaw(counts.ntaskid, bloom ? bsize : nfp, 0, counts.nds, dotype, fptype, 0) +
+      UDCIDSectionSize(count);
+  if (needed > kLargestRecordSize) {
+    ErrorA(CR_STATUS_INVALID, "%s: record of %lu bytes with its unique DCID list is too large.",
+           kAppendName, static_cast<unsigned long>(needed));
+    return CR_STATUS_INVALID;
+  }
+
+  if (needed > allocatedSize_) {
+    // Exactly the size needed, whatever the buffer mode: a borrowed buffer
+    // is replaced by an owned copy in the same way.
+    void* grown = std::malloc(needed);
+    if (grown == nullptr) return CR_STATUS_NO_MEMORY;
+    writeTRefSection();
+    std::memcpy(grown, header_, std::min<uint64_t>(getRecSize(), allocatedSize_));
+    if (ownsBuffer_) std::free(header_);
+    header_ = static_cast<DORecordHeader*>(grown);
+    ownsBuffer_ = true;
+    allocatedSize_ = needed;
+  }
+
+  setRecSize(static_cast<unsigned int>(needed));
+  header_->nudcid = InRecordOrder(count, networkOrder_);
+  if (swapLengthWord) SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(header_));
+  unsigned char* section =
+      bloom ? DORecordHeaderStartUDCID(header_) : DORecordHeaderIndexOfDCID(header_, nfp);
+  WriteSection(section, entries, GetNudcid());
+  return CR_STATUS_SUCCESS;
+}
+
+cr_status_t DORecord::AppendBloom(std::map<unsigned long, unsigned long>& dcids) {
+  // Reads the list in the order its mark says and leaves the record as it
+  // is: swapping the mark alone would leave a list that later reads misjudge.
+  // At most the header's count of entries is read, so never beyond the
+  // section, whatever count the list itself claims.
+  const uint32_t nudcid = GetNudcid();
+  if (nudcid == 0) return CR_STATUS_SUCCESS;
+  const bool bigEndian = ListIsBigEndian(header_, GetBSize(), nudcid);
+  const unsigned char* section = DORecordHeaderStartUDCID(header_);
+  const uint32_t stored = InRecordOrder(Load<uint32_t>(section + 4), bigEndian);
+  const uint32_t n = std::min(stored, nudcid);
+  for (uint32_t i = 0; i < n; ++i) {
+    const UDCIDEntry e = ReadEntry(section, i, bigEndian);
+    dcids[e.dcid] = e.bytes;
+  }
+  return CR_STATUS_SUCCESS;
+}
+
+cr_status_t DORecord::GetUDCIDSizeList(std::map<unsigned long, unsigned long>& sizes) const {
+  const uint32_t nudcid = GetNudcid();
+  if (nudcid == 0) {
+    ErrorA(CR_STATUS_INVALID_RECORD, "%s: number of unique DCID can't be zero!", kSizeListName);
+    return CR_STATUS_INVALID_RECORD;
+  }
+  const uint64_t cid = GetDCID();
+  const uint64_t body = GetDOSize();
+  const bool bigEndian = ListIsBigEndian(header_, GetBSize(), nudcid);
+  const unsigned char* section = DORecordHeaderStartUDCID(header_);
+  try {
+    sizes.clear();
+    bool ownContainerListed = false;
+    for (uint32_t i = 0; i < nudcid; ++i) {
+      UDCIDEntry e = ReadEntry(section, i, bigEndian);
+      if (e.dcid == cid) {
+        e.bytes += body;
+        ownContainerListed = true;
+      }
+      sizes[e.dcid] = e.bytes;
+    }
+    if (!ownContainerListed) sizes[cid] = body;
+  } catch (const std::bad_alloc&) {
+    *__cr_errno_location() = CR_STATUS_NO_MEMORY;
+    ErrorA(CR_STATUS_NO_MEMORY, "%s: failed to construct SO info vector, out of memory.",
+           kSizeListName);
+    return CR_STATUS_NO_MEMORY;
+  }
+  return CR_STATUS_SUCCESS;
+}
+
+unsigned int DORecord::GetUDCIDSize() const {
+  return static_cast<unsigned int>(UDCIDSectionSize(GetNudcid()));
+}
+
+unsigned char* DORecord::GetBloom() const { return DORecordHeaderGetBloom(header_); }
+
+unsigned char* DORecord::GetBloomStart() const { return DORecordHeaderGetBloomStart(header_); }
