@@ -18,7 +18,7 @@
 
 // Lets the allocation-failure test ask for more memory than the machine has
 // and get null back, as the system allocator gives it, instead of an abort.
-extern "C" const char* __asan_default_options() {
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size=17179869184";
 }
 

@@ -1,0 +1,488 @@
+// The reader of serialized DO records (its layout, its refusals of short,
+// malformed or wrapping input and of unusable caller buffers), the check of
+// the head's checksum, and the DORecord constructor over serialized bytes.
+//
+// Input is handed over in heap copies of exactly its length, so that the
+// sanitizer reports any read past it.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "crrecord/DORecord.h"
+#include "serialized_form.h"
+#include "test_support.h"
+
+namespace {
+
+using crtest::Seg;
+using crtest::UEntry;
+
+constexpr uint32_t kCrc = 0x1234;
+constexpr unsigned long kUntouched = 12345;
+const std::string kPrefix = "Invalid serialized DO record: ";
+
+struct FreeDeleter {
+  void operator()(void* p) const { std::free(p); }
+};
+using Malloced = std::unique_ptr<uint8_t, FreeDeleter>;
+
+Malloced ExactCopy(const uint8_t* data, size_t n) {
+  Malloced copy(static_cast<uint8_t*>(std::malloc(n == 0 ? 1 : n)));
+  if (n != 0) std::memcpy(copy.get(), data, n);
+  return copy;
+}
+
+// Runs the reader into a buffer of its own over an exact copy of the first
+// `n` bytes of `image`. The record, if any, lands in `record`.
+cr_status_t Read(const std::vector<uint8_t>& image, size_t n, uint8_t dotype, uint8_t fptype,
+                 Malloced* record = nullptr, unsigned long* size = nullptr) {
+  Malloced input = ExactCopy(image.data(), n);
+  DORecordHeader* h = nullptr;
+  unsigned long allocated = kUntouched;
+  const cr_status_t status = DORecordHeaderDeserialize(&h, &allocated, input.get(), n, dotype, fptype);
+  if (status != 0) {
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(allocated, kUntouched);
+  }
+  Malloced owned(reinterpret_cast<uint8_t*>(h));
+  if (record != nullptr) *record = std::move(owned);
+  if (size != nullptr) *size = allocated;
+  return status;
+}
+
+cr_status_t Read(const std::vector<uint8_t>& image, uint8_t dotype, uint8_t fptype) {
+  return Read(image, image.size(), dotype, fptype);
+}
+
+std::vector<uint8_t> Image(uint8_t dotype, uint8_t fptype) {
+  return crtest::SerializedDO(dotype, 10000, 4096, kCrc, crtest::ThreeSegments(fptype));
+}
+
+const std::vector<UEntry> kEntries = {{64, 8192}, {0x0102030405060708, 1808}};
+
+std::vector<uint8_t> BloomImage(const std::vector<UEntry>& entries = kEntries) {
+  return crtest::SerializedBloom(10000, 4096, crtest::PatternBitmap(37), entries);
+}
+
+// The host-order record the reader must build from Image(): header, then
+// the segment list and the DCIDs.
+std::vector<uint8_t> ExpectedRecord(uint8_t dotype, uint8_t fptype, uint32_t ctime) {
+  const std::vector<Seg> segs = crtest::ThreeSegments(fptype);
+  const uint32_t extra = dotype == 2 ? 4 : dotype == 3 ? 12 : dotype == 5 ? 8 : 0;
+  const uint32_t recsize = 80 + 3 * (static_cast<uint32_t>(crtest::FPWidth(fptype)) + extra + 8);
+  crtest::Bytes b;
+  b.le16(3).le16(0).le32(recsize).le32(0).le32(0);  // type, flags, recsize, reserved, checktime
+  b.le64(0).le64(10000).le64(4096);                 // CID, size, ssize
+  b.le32(kCrc).le32(ctime).le32(ctime);             // CRC, ctime, mtime
+  b.le32(0).le32(3).le32(0).le32(0).le32(0).le32(0);  // ntaskid, nfp, nudcid, nds, trefsize, bsize
+  b.u8(fptype).u8(dotype).u8(0).u8(0);
+  b.raw(crtest::SegmentList(dotype, segs).data(), crtest::SegmentList(dotype, segs).size());
+  for (const Seg& s : segs) b.le64(s.dcid);
+  return b.vec();
+}
+
+void ExpectThrows(const std::function<void()>& f, cr_status_t status, const std::string& message) {
+  try {
+    f();
+    ADD_FAILURE() << "no exception; expected status " << status;
+  } catch (const Cr_ErrnoException& e) {
+    EXPECT_EQ(e.GetStatus(), status);
+    EXPECT_EQ(std::string(e.what()), message);
+  }
+}
+
+// --- The records the reader builds ------------------------------------------
+
+TEST(DODeserialize, SegmentFormBecomesAHostOrderRecord) {
+  const uint8_t combos[][2] = {{3, 1}, {5, 3}, {0, 3}, {2, 1}};
+  for (const auto& c : combos) {
+    SCOPED_TRACE(testing::Message() << "dotype " << int{c[0]} << " fptype " << int{c[1]});
+    const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
+    Malloced record;
+    unsigned long allocated = 0;
+    ASSERT_EQ(Read(Image(c[0], c[1]), Image(c[0], c[1]).size(), c[0], c[1], &record, &allocated),
+              0u);
+    const uint32_t after = static_cast<uint32_t>(std::time(nullptr));
+    uint32_t ctime;
+    std::memcpy(&ctime, record.get() + 44, 4);
+    EXPECT_GE(ctime, before);
+    EXPECT_LE(ctime, after);
+
+    const std::vector<uint8_t> expected = ExpectedRecord(c[0], c[1], ctime);
+    ASSERT_EQ(allocated, expected.size());
+    EXPECT_EQ(crtest::Hex(record.get(), allocated), crtest::Hex(expected.data(), expected.size()));
+  }
+}
+
+TEST(DODeserialize, BloomFormKeepsLengthWordAndListAsTheyTravelled) {
+  const std::vector<uint8_t> image = BloomImage();
+  Malloced record;
+  unsigned long allocated = 0;
+  ASSERT_EQ(Read(image, image.size(), 4, 1, &record, &allocated), 0u);
+
+  const uint32_t headChecksum = crtest::SlowAdler32(image.data() + 28, image.size() - 28);
+  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(37);
+  const uint32_t recsize = 80 + 4 + 37 + 16 + 8 + 16 * 2;
+  crtest::Bytes expected;
+  expected.le16(3).le16(0).le32(recsize).le32(0).le32(0);
+  expected.le64(0).le64(10000).le64(4096).le32(headChecksum);
+  expected.raw(record.get() + 44, 8);  // ctime, mtime: the time of reading
+  expected.le32(0).le32(0).le32(2).le32(0).le32(0).le32(37).u8(1).u8(4).u8(0).u8(0);
+  expected.be32(37).raw(bitmap.data(), bitmap.size()).zeros(16);
+  expected.raw(image.data() + 32 + 37, 8 + 16 * 2);  // checksum, count, entries: big-endian
+  ASSERT_EQ(allocated, expected.size());
+  EXPECT_EQ(crtest::Hex(record.get(), allocated), crtest::Hex(expected.data(), expected.size()));
+  EXPECT_EQ(DORecordHeaderValidate(reinterpret_cast<DORecordHeader*>(record.get()), recsize, 0),
+            0u);
+}
+
+// --- Refused input ----------------------------------------------------------------
+
+TEST(DODeserialize, EveryTruncationIsRefusedAsTruncated) {
+  struct Form {
+    std::vector<uint8_t> image;
+    uint8_t dotype, fptype;
+  };
+  const Form forms[] = {{Image(0, 1), 0, 1}, {Image(2, 3), 2, 3}, {Image(3, 3), 3, 3},
+                        {Image(5, 1), 5, 1}, {BloomImage(), 4, 1}, {BloomImage({}), 4, 3}};
+  for (const Form& f : forms) {
+    for (size_t n = 0; n < f.image.size(); ++n) {
+      crtest::LogCapture log(true);
+      ASSERT_EQ(Read(f.image, n, f.dotype, f.fptype), 120u)
+          << "dotype " << int{f.dotype} << ", " << n << " of " << f.image.size() << " bytes";
+      ASSERT_EQ(log.lines().size(), 1u);
+      EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
+      EXPECT_EQ(log.lines()[0].text.rfind(kPrefix, 0), 0u) << log.lines()[0].text;
+    }
+  }
+}
+
+TEST(DODeserialize, LengthMustBeExactlyWhatTheCountsSay) {
+  std::vector<uint8_t> image = Image(0, 1);  // 29 + 3 x 41 = 152 bytes
+  {
+    crtest::LogCapture log(true);
+    EXPECT_EQ(Read(image, 27, 0, 1), 120u);
+    EXPECT_EQ(Read(image, 151, 0, 1), 120u);
+    image.push_back(0);
+    EXPECT_EQ(Read(image, 0, 1), 121u);
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{
+                               kPrefix + "27 bytes, shorter than the 28-byte head",
+                               kPrefix + "151 bytes, 3 segments need 152",
+                               kPrefix + "153 bytes, 3 segments take exactly 152"}));
+  }
+  std::vector<uint8_t> bloom = BloomImage();
+  bloom.push_back(0);
+  EXPECT_EQ(Read(bloom, 4, 1), 121u);
+}
+
+// Sets the big-endian 32-bit word at `at`.
+void PutBE32(std::vector<uint8_t>* image, size_t at, uint32_t v) {
+  for (int k = 0; k < 4; ++k) (*image)[at + k] = static_cast<uint8_t>(v >> (24 - 8 * k));
+}
+
+TEST(DODeserialize, CountsBeyondTheInputAreRefusedEvenWhen32BitMathWraps) {
+  // 29 + n x 41 wraps to 33 in 32 bits for this n.
+  const uint32_t wrapping = 104755300;
+  ASSERT_EQ(uint32_t{29} + wrapping * uint32_t{41}, 33u);
+  std::vector<uint8_t> image = Image(0, 1);
+  image.resize(33);
+  PutBE32(&image, 20, wrapping);
+  EXPECT_EQ(Read(image, 0, 1), 120u);
+
+  for (uint32_t nfp : {4u, 0x80000000u, 0xFFFFFFFFu}) {
+    std::vector<uint8_t> full = Image(3, 3);
+    PutBE32(&full, 20, nfp);
+    EXPECT_EQ(Read(full, 3, 3), 120u) << nfp;
+  }
+
+  // 16 x 2^28 wraps to 0: the input is exactly as long as an empty list's.
+  std::vector<uint8_t> bloom = BloomImage({});
+  PutBE32(&bloom, 32 + 37 + 4, 0x10000000);
+  EXPECT_EQ(Read(bloom, 4, 1), 120u);
+  for (uint32_t bsize : {38u, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
+    std::vector<uint8_t> big = BloomImage();
+    PutBE32(&big, 28, bsize);
+    EXPECT_EQ(Read(big, 4, 1), 120u) << bsize;
+  }
+}
+
+TEST(DODeserialize, MalformedSegmentFormIsRefused) {
+  const std::vector<uint8_t> good = Image(2, 1);  // entries of 33 + 4 bytes from 28
+  ASSERT_EQ(Read(good, 2, 1), 0u);
+  struct Mutation {
+    const char* what;
+    size_t at;
+    uint8_t value;
+  };
+  const Mutation mutations[] = {
+      {"nonzero padding word", 27, 1},
+      {"nonzero byte after the entries", 28 + 3 * 37, 'x'},
+      {"non-hex digit", 28 + 37 + 5, 'g'},
+      {"blank in the text", 28 + 31, ' '},
+      {"text one digit short", 28 + 31, 0},
+      {"text without its NUL", 28 + 32, '0'},
+  };
+  for (const Mutation& m : mutations) {
+    std::vector<uint8_t> bad = good;
+    bad[m.at] = m.value;
+    EXPECT_EQ(Read(bad, 2, 1), 121u) << m.what;
+  }
+
+  crtest::LogCapture log(true);
+  std::vector<uint8_t> bad = good;
+  bad[28 + 37 + 5] = 'g';
+  EXPECT_EQ(Read(bad, 2, 1), 121u);
+  EXPECT_EQ(log.texts(), std::vector<std::string>{
+                             kPrefix + "fingerprint text of segment 1 is not 32 hex digits and a NUL"});
+}
+
+TEST(DODeserialize, MalformedBloomFormIsRefused) {
+  const std::vector<uint8_t> good = BloomImage();
+  const size_t block = 32 + 37;
+  ASSERT_EQ(Read(good, 4, 1), 0u);
+
+  std::vector<uint8_t> segments = good;
+  PutBE32(&segments, 20, 1);
+  EXPECT_EQ(Read(segments, 4, 1), 121u);
+
+  std::vector<uint8_t> checksum = good;
+  checksum[block + 2] ^= 0x01;
+  EXPECT_EQ(Read(checksum, 4, 1), 121u);
+
+  std::vector<uint8_t> entry = good;  // the list changed, its checksum not
+  entry[block + 8 + 3] ^= 0x40;
+  EXPECT_EQ(Read(entry, 4, 1), 121u);
+
+  std::vector<uint8_t> trailing = good;
+  trailing[trailing.size() - 1] = 1;
+  EXPECT_EQ(Read(trailing, 4, 1), 121u);
+
+  std::vector<uint8_t> empty = BloomImage({});
+  PutBE32(&empty, block, 0x00040001);  // a checksum for an empty list
+  EXPECT_EQ(Read(empty, 4, 1), 121u);
+}
+
+TEST(DODeserialize, NullArgumentsAndRefusedTypes) {
+  const std::vector<uint8_t> image = Image(0, 1);
+  DORecordHeader* h = nullptr;
+  unsigned long size = kUntouched;
+  crtest::LogCapture log(true);
+  EXPECT_EQ(DORecordHeaderDeserialize(nullptr, &size, image.data(), image.size(), 0, 1), 65u);
+  EXPECT_EQ(DORecordHeaderDeserialize(&h, nullptr, image.data(), image.size(), 0, 1), 65u);
+  EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, nullptr, 0, 0, 1), 65u);
+  EXPECT_EQ(Read(image, 6, 1), 113u);
+  EXPECT_EQ(Read(image, 255, 1), 113u);
+  EXPECT_EQ(Read(image, 0, 0), 111u);
+  EXPECT_EQ(Read(image, 0, 4), 111u);
+  EXPECT_EQ(h, nullptr);
+  EXPECT_EQ(size, kUntouched);
+  EXPECT_EQ(log.texts(), (std::vector<std::string>{
+                             kPrefix + "null argument", kPrefix + "null argument",
+                             kPrefix + "null argument", kPrefix + "DO type 6 refused",
+                             kPrefix + "DO type 255 refused", kPrefix + "fingerprint type 0 refused",
+                             kPrefix + "fingerprint type 4 refused"}));
+}
+
+// --- Caller buffers ------------------------------------------------------------------
+
+TEST(DODeserialize, CallerBufferMustHoldTheRecord) {
+  const std::vector<uint8_t> image = Image(2, 1);
+  const size_t recsize = 80 + 3 * (16 + 4 + 8);
+  Malloced input = ExactCopy(image.data(), image.size());
+
+  Malloced small(static_cast<uint8_t*>(std::malloc(recsize - 1)));
+  std::memset(small.get(), 0xEE, recsize - 1);
+  DORecordHeader* h = reinterpret_cast<DORecordHeader*>(small.get());
+  unsigned long size = recsize - 1;
+  {
+    crtest::LogCapture log(true);
+    EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1), 122u);
+    EXPECT_EQ(log.texts(), std::vector<std::string>{
+                               kPrefix + "caller buffer of 163 bytes, the record needs 164"});
+  }
+  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(small.get()));
+  EXPECT_EQ(size, recsize - 1);
+  EXPECT_EQ(crtest::Hex(small.get(), recsize - 1), std::string(2 * (recsize - 1), 'e'));
+
+  Malloced exact(static_cast<uint8_t*>(std::malloc(recsize)));
+  h = reinterpret_cast<DORecordHeader*>(exact.get());
+  size = recsize;
+  ASSERT_EQ(DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1), 0u);
+  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(exact.get()));
+  EXPECT_EQ(size, recsize);
+  uint32_t ctime;
+  std::memcpy(&ctime, exact.get() + 44, 4);
+  const std::vector<uint8_t> expected = ExpectedRecord(2, 1, ctime);
+  EXPECT_EQ(crtest::Hex(exact.get(), recsize), crtest::Hex(expected.data(), expected.size()));
+}
+
+TEST(DODeserialize, MisalignedCallerBufferIsRefused) {
+  const std::vector<uint8_t> image = Image(0, 1);
+  Malloced storage(static_cast<uint8_t*>(std::malloc(256)));
+  DORecordHeader* h = reinterpret_cast<DORecordHeader*>(storage.get() + 4);
+  unsigned long size = 252;
+  crtest::LogCapture log(true);
+  EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, image.data(), image.size(), 0, 1), 9u);
+  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(storage.get() + 4));
+  ASSERT_EQ(log.lines().size(), 1u);
+  const std::string& text = log.lines()[0].text;
+  EXPECT_EQ(text.rfind(kPrefix + "caller buffer at ", 0), 0u) << text;
+  EXPECT_NE(text.find(" is not aligned to 8 bytes"), std::string::npos) << text;
+}
+
+// --- The checksum of the head ----------------------------------------------------------
+
+TEST(DOSerializedChecksum, EveryFlippedByteIsFound) {
+  const std::vector<std::vector<uint8_t>> forms = {crtest::Sealed(Image(3, 1)),
+                                                   crtest::Sealed(Image(0, 3)), BloomImage(),
+                                                   BloomImage({})};
+  for (const std::vector<uint8_t>& sealed : forms) {
+    ASSERT_TRUE(DORecordSerializedHasAdler32(sealed.data(), sealed.size()));
+    // The checksum covers bytes 28 to the end; it sits in bytes 16..19.
+    for (size_t at = 16; at < sealed.size(); ++at) {
+      if (at >= 20 && at < 28) continue;
+      std::vector<uint8_t> flipped = sealed;
+      flipped[at] ^= 0xFF;
+      Malloced copy = ExactCopy(flipped.data(), flipped.size());
+      EXPECT_FALSE(DORecordSerializedHasAdler32(copy.get(), flipped.size())) << "byte " << at;
+    }
+  }
+  const std::vector<uint8_t> plain = Image(3, 1);  // carries the CRC
+  EXPECT_FALSE(DORecordSerializedHasAdler32(plain.data(), plain.size()));
+  crtest::Bytes empty;
+  empty.zeros(16).be32(0x00010001).zeros(8).u8(0);
+  EXPECT_TRUE(DORecordSerializedHasAdler32(empty.data(), empty.size()));
+  EXPECT_FALSE(DORecordSerializedHasAdler32(empty.data(), 27));
+  EXPECT_FALSE(DORecordSerializedHasAdler32(nullptr, 29));
+}
+
+// --- The constructor over serialized bytes ---------------------------------------------
+
+TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompleted) {
+  const std::vector<uint8_t> image = Image(2, 1);
+  const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
+  DORecord r(2, 0x0004, 100, 1, nullptr, 0, image.data(), image.size(), false);
+  const uint32_t after = static_cast<uint32_t>(std::time(nullptr));
+
+  EXPECT_TRUE(r.OwnsBuffer());
+  EXPECT_EQ(r.GetBufferMode(), 2u);
+  EXPECT_EQ(r.GetAllocatedSize(), 164u);
+  EXPECT_EQ(r.GetHeaderSize(), 164u);
+  EXPECT_FALSE(r.IsInNetworkOrder());
+  EXPECT_FALSE(r.IsSubDO());
+  EXPECT_EQ(r.GetFlags(), 0x0004);
+  EXPECT_EQ(r.GetDCID(), 100u);
+  EXPECT_EQ(r.GetFPType(), 1);
+  EXPECT_EQ(r.GetDOType(), 2);
+  EXPECT_EQ(r.GetCrc(), kCrc);
+  EXPECT_EQ(r.GetCheckTime(), 0u);
+  EXPECT_EQ(r.getTRefsSize(), 0u);
+  EXPECT_GE(r.GetCTime(), before);
+  EXPECT_LE(r.GetCTime(), after);
+  EXPECT_GE(r.GetMTime(), before);
+  EXPECT_LE(r.GetMTime(), after);
+  EXPECT_EQ(r.GetSegmentSize(2), 1808u);
+  EXPECT_EQ(r.GetSegmentDCID(1), 70u);
+}
+
+TEST(DORecordFromSerialized, CallerBufferIsBorrowedAndLeftUntouchedAfterGrowth) {
+  const std::vector<uint8_t> image = Image(3, 3);
+  const size_t recsize = 80 + 3 * (32 + 12 + 8);
+  Malloced buffer(static_cast<uint8_t*>(std::malloc(recsize)));
+  std::vector<uint8_t> snapshot;
+  {
+    DORecord r(3, 0x0002, 100, 3, buffer.get(), recsize, image.data(), image.size(), false);
+    EXPECT_FALSE(r.OwnsBuffer());
+    EXPECT_EQ(r.GetBufferMode(), 1u);
+    EXPECT_EQ(reinterpret_cast<uint8_t*>(r.GetHeader()), buffer.get());
+    snapshot.assign(buffer.get(), buffer.get() + recsize);
+
+    r.expand(recsize + 1);
+    EXPECT_TRUE(r.OwnsBuffer());
+    EXPECT_EQ(r.GetBufferMode(), 2u);
+    EXPECT_NE(reinterpret_cast<uint8_t*>(r.GetHeader()), buffer.get());
+    r.SetDCID(5);
+    r.SetSegmentSize(0, 4000);
+    EXPECT_EQ(r.GetSegmentOffset(2), 8192u);
+  }
+  EXPECT_EQ(std::vector<uint8_t>(buffer.get(), buffer.get() + recsize), snapshot);
+}
+
+TEST(DORecordFromSerialized, SubDOTakesTheContainerOfItsFirstSegment) {
+  std::vector<Seg> segs = crtest::ThreeSegments(1);
+  segs[0].dcid = 777;
+  const std::vector<uint8_t> image = crtest::SerializedDO(5, 10000, 4096, kCrc, segs);
+  DORecord sub(5, 0x0002, 100, 1, nullptr, 0, image.data(), image.size(), true);
+  EXPECT_TRUE(sub.IsSubDO());
+  EXPECT_EQ(sub.GetDCID(), 777u);
+  DORecord whole(5, 0x0002, 100, 1, nullptr, 0, image.data(), image.size(), false);
+  EXPECT_EQ(whole.GetDCID(), 100u);
+
+  // Without segments there is no first container: the dcid given stays.
+  const std::vector<uint8_t> bloom = BloomImage();
+  DORecord bloomSub(4, 0x0002, 100, 1, nullptr, 0, bloom.data(), bloom.size(), true);
+  EXPECT_EQ(bloomSub.GetDCID(), 100u);
+  EXPECT_EQ(bloomSub.GetBSize(), 37u);
+  EXPECT_EQ(bloomSub.GetNudcid(), 2u);
+}
+
+TEST(DORecordFromSerialized, SubDOIsExemptFromTheSizeMagnitudeCheck) {
+  const std::vector<Seg> segs = {{crtest::PatternFP(1, 16), 0x80000000u, 0, 0, 64}};
+  const std::vector<uint8_t> image = crtest::SerializedDO(2, 0x80000000u, 4096, kCrc, segs);
+  DORecord sub(2, 0x0002, 100, 1, nullptr, 0, image.data(), image.size(), true);
+  EXPECT_EQ(sub.GetSegmentSize(0), 0x80000000u);
+  ExpectThrows([&] { DORecord r(2, 0x0002, 100, 1, nullptr, 0, image.data(), image.size(), false); },
+               89,
+               "Segment list of a DORecord is corrupt. Segment 0 has size 2147483648 (> 2 GiB). "
+               "Data is probably in wrong byte order (host vs. network order)");
+}
+
+TEST(DORecordFromSerialized, InvalidFlagsAreLoggedAndNotStored) {
+  const std::vector<uint8_t> image = Image(1, 1);
+  crtest::LogCapture log;
+  DORecord r(1, 0x0008, 100, 1, nullptr, 0, image.data(), image.size(), false);
+  EXPECT_EQ(r.GetFlags(), 0);  // as read: the form carries no flags
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
+  EXPECT_EQ(log.lines()[0].status, 9u);
+  EXPECT_EQ(log.lines()[0].text, "Setting DORecord flags to invalid value 8");
+}
+
+TEST(DORecordFromSerialized, FailuresLeaveNoBufferAndTheCallersUntouched) {
+  const std::vector<uint8_t> image = Image(2, 1);
+  ExpectThrows([&] { DORecord r(2, 2, 100, 9, nullptr, 0, image.data(), image.size(), false); },
+               111, "");
+  ExpectThrows([&] { DORecord r(2, 2, 100, 1, nullptr, 0, image.data(), image.size() - 1, false); },
+               120, "");
+  // DO type narrowed to 8 bits: 256 + 6 is refused as 6.
+  ExpectThrows([&] { DORecord r(262, 2, 100, 1, nullptr, 0, image.data(), image.size(), false); },
+               113, "");
+
+  Malloced buffer(static_cast<uint8_t*>(std::malloc(164)));
+  std::memset(buffer.get(), 0xEE, 164);
+  ExpectThrows([&] { DORecord r(2, 2, 100, 9, buffer.get(), 164, image.data(), image.size(), false); },
+               111, "");
+  EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
+
+  // Sizes that add up to 900 in a 1000-byte file: the check runs after the
+  // buffer is built, which must then go.
+  const std::vector<Seg> segs = {{crtest::PatternFP(1, 16), 400, 0, 0, 64},
+                                 {crtest::PatternFP(2, 16), 500, 0, 0, 65}};
+  const std::vector<uint8_t> short_ = crtest::SerializedDO(2, 1000, 512, kCrc, segs);
+  const char* corrupt =
+      "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. Original file size:1000. "
+      "Sum of segm. sizes:900.";
+  ExpectThrows([&] { DORecord r(2, 2, 100, 1, nullptr, 0, short_.data(), short_.size(), false); },
+               89, corrupt);
+  ExpectThrows(
+      [&] { DORecord r(2, 2, 100, 1, buffer.get(), 164, short_.data(), short_.size(), false); }, 89,
+      corrupt);
+}
+
+}  // namespace
