@@ -8,55 +8,19 @@
 #include <vector>
 
 #include "crrecord/DORecord.h"
+#include "serialized_form.h"
 #include "test_support.h"
 
 namespace {
 
-struct Segment {
-  uint8_t seed;          // fingerprint pattern
-  uint32_t size;
-  uint64_t offset;       // DO type 3
-  uint32_t objectOffset; // DO type 5
-};
+using crtest::Seg;
 
-unsigned int Width(unsigned char fptype) { return fptype == 3 ? 32 : 16; }
-
-// The segment list as a caller hands it over: host order, interleaved.
-crtest::Bytes SegmentList(const std::vector<Segment>& segs, unsigned char fptype,
-                          unsigned char dotype) {
-  crtest::Bytes b;
-  for (const Segment& s : segs) {
-    b.raw(crtest::PatternFP(s.seed, Width(fptype)).data(), Width(fptype));
-    if (dotype == 2 || dotype == 3 || dotype == 5) b.le32(s.size);
-    if (dotype == 3) b.le64(s.offset);
-    if (dotype == 5) b.le32(s.objectOffset);
-  }
-  return b;
-}
-
-// Sizes that add up and offsets that ascend, with every byte distinct so
-// that a swapped or truncated field changes the digest.
-std::vector<Segment> ThreeSegments() {
-  const uint64_t base = 0x0000000102030405ull;
-  return {{0x10, 0x00010203, base, 0x0A0B0C0D},
-          {0x40, 0x00040506, base + 0x00010203, 0x1A1B1C1D},
-          {0x70, 0x00070809, base + 0x00010203 + 0x00040506, 0x2A2B2C2D}};
-}
-
-uint64_t FileSize(const std::vector<Segment>& segs, unsigned char dotype) {
-  if (dotype == 3) return segs.back().offset + segs.back().size;
-  uint64_t sum = 0;
-  for (const Segment& s : segs) sum += s.size;
-  return sum;
-}
-
-std::unique_ptr<DORecord> Build(const std::vector<Segment>& segs, unsigned char fptype,
-                                unsigned char dotype, unsigned long cid = 777) {
-  crtest::Bytes list = SegmentList(segs, fptype, dotype);
-  std::vector<unsigned long> dcids(segs.size(), 64);
-  const uint64_t size = FileSize(segs, dotype);
-  const uint64_t ssize = dotype <= 1 ? size : 4096;
-  return std::make_unique<DORecord>(cid, size, ssize, 0x11223344, 1000, 2000, list.data(),
+std::unique_ptr<DORecord> Build(const std::vector<Seg>& segs, unsigned char fptype,
+                                unsigned char dotype, unsigned long size = 10000) {
+  crtest::Bytes list = crtest::SegmentList(dotype, segs);
+  std::vector<unsigned long> dcids;
+  for (const Seg& s : segs) dcids.push_back(s.dcid);
+  return std::make_unique<DORecord>(777, size, 4096, 0x11223344, 1000, 2000, list.data(),
                                     static_cast<unsigned int>(segs.size()), dcids.data(), nullptr,
                                     fptype, dotype);
 }
@@ -72,6 +36,12 @@ crfp_digest_t HashDO(const crtest::Bytes& bytes, unsigned char fptype) {
   return out;
 }
 
+crfp_digest_t Fingerprint(const std::vector<uint8_t>& fp) {
+  crfp_digest_t d = {};
+  std::memcpy(d.digest, fp.data(), fp.size());
+  return d;
+}
+
 struct DigestDeleter {
   void operator()(cr_tdigest_t* d) const { CRTDigestDelete(&d); }
 };
@@ -85,6 +55,16 @@ void ExpectDigest(const DigestPtr& d, unsigned char type, const crfp_digest_t& v
   EXPECT_EQ(d->cid, cid);
 }
 
+void ExpectThrows(const DORecord& record, cr_status_t status, const char* message) {
+  try {
+    DigestPtr d(record.GetDigest());
+    ADD_FAILURE() << "no exception";
+  } catch (const Cr_ErrnoException& e) {
+    EXPECT_EQ(e.GetStatus(), status);
+    EXPECT_STREQ(e.what(), message);
+  }
+}
+
 struct BlockCase {
   unsigned char dotype;
   unsigned char fptype;
@@ -94,14 +74,11 @@ class DigestBlock : public ::testing::TestWithParam<BlockCase> {};
 
 TEST_P(DigestBlock, MatchesTheBlockWrittenOutByHand) {
   const BlockCase c = GetParam();
-  const std::vector<Segment> segs = ThreeSegments();
-  auto record = Build(segs, c.fptype, c.dotype);
-
+  const std::vector<Seg> segs = crtest::ThreeSegments(c.fptype);
   const size_t textWidth = c.fptype == 3 ? 65 : 33;
   crtest::Bytes block;
-  for (const Segment& s : segs) {
-    std::string text = crtest::Hex(crtest::PatternFP(s.seed, Width(c.fptype)).data(),
-                                   Width(c.fptype));
+  for (const Seg& s : segs) {
+    std::string text = crtest::Hex(s.fp.data(), s.fp.size());
     text.resize(textWidth, '\0');
     block.str(text);
     if (c.dotype == 2 || c.dotype == 3 || c.dotype == 5) block.be32(s.size);
@@ -111,116 +88,78 @@ TEST_P(DigestBlock, MatchesTheBlockWrittenOutByHand) {
   const size_t extra = c.dotype == 2 ? 4 : c.dotype == 3 ? 12 : c.dotype == 5 ? 8 : 0;
   ASSERT_EQ(block.size(), 3 * (textWidth + extra));
 
-  DigestPtr d(record->GetDigest());
+  DigestPtr d(Build(segs, c.fptype, c.dotype)->GetDigest());
   ExpectDigest(d, static_cast<unsigned char>(c.fptype + 1), HashDO(block, c.fptype), 777);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryHashedTypeAndWidth, DigestBlock,
-    ::testing::Values(BlockCase{1, 1}, BlockCase{2, 1}, BlockCase{3, 1}, BlockCase{5, 1},
-                      BlockCase{1, 3}, BlockCase{2, 3}, BlockCase{3, 3}, BlockCase{5, 3},
-                      BlockCase{3, 2}),
-    [](const ::testing::TestParamInfo<BlockCase>& info) {
-      return "DOType" + std::to_string(info.param.dotype) + "FPType" +
-             std::to_string(info.param.fptype);
-    });
-
-TEST(DORecordDigest, EmptySegmentListDigestsAnEmptyBlock) {
-  auto record = Build(ThreeSegments(), 1, 2);
-  record->GetHeader()->nfp = 0;
-  DigestPtr d(record->GetDigest());
-  ExpectDigest(d, 2, HashDO(crtest::Bytes(), 1), 777);
-}
+INSTANTIATE_TEST_SUITE_P(EveryHashedTypeAndWidth, DigestBlock,
+                         ::testing::Values(BlockCase{1, 1}, BlockCase{2, 1}, BlockCase{3, 1},
+                                           BlockCase{5, 1}, BlockCase{1, 3}, BlockCase{2, 3},
+                                           BlockCase{3, 3}, BlockCase{5, 3}, BlockCase{3, 2}),
+                         [](const ::testing::TestParamInfo<BlockCase>& info) {
+                           return "DOType" + std::to_string(info.param.dotype) + "FPType" +
+                                  std::to_string(info.param.fptype);
+                         });
 
 TEST(DORecordDigest, SingleSegmentGivesItsFingerprintUnhashed) {
   for (unsigned char dotype : {0, 1, 2, 3, 5}) {
     for (unsigned char fptype : {1, 3}) {
       SCOPED_TRACE("dotype " + std::to_string(dotype) + " fptype " + std::to_string(fptype));
-      Segment s{0x33, 5000, 0, 9};
-      auto record = Build({s}, fptype, dotype, 4242);
-      crfp_digest_t expected = {};
-      std::memcpy(expected.digest, crtest::PatternFP(0x33, Width(fptype)).data(), Width(fptype));
-      DigestPtr d(record->GetDigest());
-      ExpectDigest(d, static_cast<unsigned char>(fptype + 1), expected, 4242);
+      const Seg s = crtest::ThreeSegments(fptype)[0];
+      DigestPtr d(Build({s}, fptype, dotype, s.size)->GetDigest());
+      ExpectDigest(d, static_cast<unsigned char>(fptype + 1), Fingerprint(s.fp), 777);
     }
   }
+  // Only a header written by hand has fingerprint type 255; its digest type
+  // wraps to 0.
+  const Seg s = crtest::ThreeSegments(1)[0];
+  auto record = Build({s}, 1, 2, s.size);
+  record->GetHeader()->fptype = 255;
+  ExpectDigest(DigestPtr(record->GetDigest()), 0, Fingerprint(s.fp), 777);
 }
 
-TEST(DORecordDigest, OriginalTypeWithoutExactlyOneSegmentHasNoDigest) {
-  std::vector<Segment> two = {{1, 4096, 0, 0}, {2, 100, 0, 0}};
-  auto record = Build(two, 1, 0);
-  EXPECT_EQ(record->GetDigest(), nullptr);
-  record->GetHeader()->nfp = 0;
-  EXPECT_EQ(record->GetDigest(), nullptr);
+TEST(DORecordDigest, ListsWithoutExactlyOneSegment) {
+  auto original = Build(crtest::ThreeSegments(1), 1, 0);
+  EXPECT_EQ(original->GetDigest(), nullptr);
+  original->GetHeader()->nfp = 0;
+  EXPECT_EQ(original->GetDigest(), nullptr);
+
+  auto sized = Build(crtest::ThreeSegments(1), 1, 2);
+  sized->GetHeader()->nfp = 0;
+  ExpectDigest(DigestPtr(sized->GetDigest()), 2, HashDO(crtest::Bytes(), 1), 777);
 }
 
-TEST(DORecordDigest, FingerprintType255GivesDigestType0) {
-  auto record = Build({{0x21, 10, 0, 0}}, 1, 2);
-  record->GetHeader()->fptype = 255;  // no builder accepts it
-  crfp_digest_t expected = {};
-  std::memcpy(expected.digest, crtest::PatternFP(0x21, 16).data(), 16);
-  DigestPtr d(record->GetDigest());
-  ExpectDigest(d, 0, expected, 777);
-}
-
-TEST(DORecordDigest, FailureOfTheFingerprintLibraryCarriesItsStatus) {
-  auto record = Build(ThreeSegments(), 1, 2);
-  record->GetHeader()->fptype = 7;  // unknown to the fingerprint library
-  try {
-    DigestPtr d(record->GetDigest());
-    ADD_FAILURE() << "no exception";
-  } catch (const Cr_ErrnoException& e) {
-    EXPECT_EQ(e.GetStatus(), CR_STATUS_INVALID);
-    EXPECT_STREQ(e.what(), "");
-  }
-}
-
-// A Bloom record of a 5-byte bitmap and, optionally, three unique DCIDs.
-crtest::Bytes UniqueBlock(const std::vector<std::pair<uint64_t, uint64_t>>& entries) {
-  crtest::Bytes body;
-  body.le32(static_cast<uint32_t>(entries.size()));
-  for (const auto& e : entries) body.le64(e.first).le64(e.second);
-  crtest::Bytes block;
-  block.le32(crtest::SlowAdler32(body.data(), body.size())).raw(body.data(), body.size());
-  return block;
-}
-
-TEST(DORecordDigest, BloomRecordDigestsItsSpan) {
-  const unsigned char bitmap[] = {0xF1, 0x02, 0xE3, 0x04, 0xD5};
+TEST(DORecordDigest, BloomRecordDigestsItsSpanInPlace) {
+  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(5);
   {
-    DORecord record(900, 1, 1, 0, 1000, 2000, sizeof bitmap, bitmap, nullptr, 1, 4);
+    DORecord record(900, 1, 1, 0, 1000, 2000, 5, bitmap.data(), nullptr, 1, 4);
     crtest::Bytes span;
-    span.le32(sizeof bitmap).raw(bitmap, sizeof bitmap).zeros(16);
-    ASSERT_EQ(span.size(), sizeof bitmap + 20);
-    DigestPtr d(record.GetDigest());
-    ExpectDigest(d, 2, HashDO(span, 1), 900);
+    span.le32(5).raw(bitmap.data(), 5).zeros(16);
+    ASSERT_EQ(span.size(), 5 + 20u);
+    ExpectDigest(DigestPtr(record.GetDigest()), 2, HashDO(span, 1), 900);
   }
-  {
-    crtest::Bytes unique = UniqueBlock({{70, 200}, {500, 400}, {900, 12}});
-    DORecord record(900, 1, 1, 0, 1000, 2000, sizeof bitmap, bitmap,
-                    reinterpret_cast<const char*>(unique.data()), 3, 4);
-    crtest::Bytes span;
-    span.le32(sizeof bitmap).raw(bitmap, sizeof bitmap).zeros(16).raw(unique.data(),
-                                                                      unique.size());
-    ASSERT_EQ(span.size(), sizeof bitmap + 76);
-    // The Bloom type is looked at before the segment count.
-    record.GetHeader()->nfp = 1;
-    DigestPtr d(record.GetDigest());
-    ExpectDigest(d, 4, HashDO(span, 3), 900);
-  }
+  const std::vector<uint8_t> unique = crtest::HostUniqueDcids({{70, 200}, {500, 400}, {900, 12}});
+  DORecord record(900, 1, 1, 0, 1000, 2000, 5, bitmap.data(),
+                  reinterpret_cast<const char*>(unique.data()), 3, 4);
+  crtest::Bytes span;
+  span.le32(5).raw(bitmap.data(), 5).zeros(16).raw(unique.data(), unique.size());
+  ASSERT_EQ(span.size(), 5 + 76u);
+  // The Bloom type is looked at before the segment count.
+  record.GetHeader()->nfp = 1;
+  ExpectDigest(DigestPtr(record.GetDigest()), 4, HashDO(span, 3), 900);
 }
 
 TEST(DORecordDigest, NetworkOrderIsRefusedBeforeAnythingElse) {
-  // Of DO type 0 with two segments, which in host order has no digest.
-  auto record = Build({{1, 4096, 0, 0}, {2, 100, 0, 0}}, 1, 0);
+  // DO type 0 with three segments, which in host order has no digest.
+  auto record = Build(crtest::ThreeSegments(1), 1, 0);
   record->HostToNetwork(0);
-  try {
-    DigestPtr d(record->GetDigest());
-    ADD_FAILURE() << "no exception";
-  } catch (const Cr_ErrnoException& e) {
-    EXPECT_EQ(e.GetStatus(), CR_STATUS_INVALID);
-    EXPECT_STREQ(e.what(), "GetDigest called while DO record in network order.");
-  }
+  ExpectThrows(*record, CR_STATUS_INVALID, "GetDigest called while DO record in network order.");
+}
+
+TEST(DORecordDigest, FingerprintLibraryFailureCarriesItsStatus) {
+  auto record = Build(crtest::ThreeSegments(1), 1, 2);
+  record->GetHeader()->fptype = 7;  // unknown to the fingerprint library
+  ExpectThrows(*record, CR_STATUS_INVALID, "");
 }
 
 }  // namespace

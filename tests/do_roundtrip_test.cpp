@@ -31,8 +31,8 @@ std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype) {
   const std::vector<Seg> segs = crtest::ThreeSegments(fptype);
   const crtest::Bytes list = crtest::SegmentList(dotype, segs);
   const unsigned long dcids[] = {segs[0].dcid, segs[1].dcid, segs[2].dcid};
-  return std::make_unique<DORecord>(100, 10000, 4096, kCrc, 10, 20, list.data(), 3, dcids,
-                                    nullptr, fptype, dotype);
+  return std::make_unique<DORecord>(100, 10000, 4096, kCrc, 10, 20, list.data(), 3, dcids, nullptr,
+                                    fptype, dotype);
 }
 
 // The record size, from the layout.
@@ -82,9 +82,9 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
     for (uint8_t fptype : {1, 3}) {
       for (bool checksum : {false, true}) {
         for (bool callerBuffer : {false, true}) {
-          SCOPED_TRACE(testing::Message() << "dotype " << int{dotype} << " fptype " << int{fptype}
-                                          << (checksum ? " checksum" : "")
-                                          << (callerBuffer ? " caller buffer" : ""));
+          SCOPED_TRACE(testing::Message()
+                       << "dotype " << int{dotype} << " fptype " << int{fptype}
+                       << (checksum ? " checksum" : "") << (callerBuffer ? " caller buffer" : ""));
           auto original = Build(dotype, fptype);
           const std::vector<uint8_t> bytes = Serialized(*original, checksum);
           ASSERT_FALSE(bytes.empty());
@@ -92,9 +92,8 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
           const size_t recsize = RecordSize(dotype, fptype);
           std::unique_ptr<uint8_t, FreeDeleter> buffer(
               callerBuffer ? static_cast<uint8_t*>(std::malloc(recsize)) : nullptr);
-          DORecord rebuilt(dotype, original->GetFlags(), original->GetDCID(), fptype,
-                           buffer.get(), callerBuffer ? recsize : 0, bytes.data(), bytes.size(),
-                           false);
+          DORecord rebuilt(dotype, original->GetFlags(), original->GetDCID(), fptype, buffer.get(),
+                           callerBuffer ? recsize : 0, bytes.data(), bytes.size(), false);
           EXPECT_EQ(rebuilt.OwnsBuffer(), !callerBuffer);
           EXPECT_EQ(rebuilt.GetHeaderSize(), recsize);
           EXPECT_EQ(DORecord::ValidateHeader(rebuilt.GetHeader(), rebuilt.GetHeaderSize(), 0), 0u);

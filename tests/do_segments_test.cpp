@@ -10,13 +10,16 @@
 #include <gtest/gtest.h>
 
 #include "crrecord/DORecord.h"
+#include "serialized_form.h"
 #include "test_support.h"
 
 namespace {
 
 using crtest::Bytes;
+using crtest::Seg;
 
 typedef std::pair<cr_status_t, std::string> Failure;
+const Failure kPass(0, "no exception");
 
 template <typename F>
 Failure Thrown(F f) {
@@ -25,60 +28,37 @@ Failure Thrown(F f) {
   } catch (const Cr_ErrnoException& e) {
     return Failure(e.GetStatus(), e.what());
   }
-  return Failure(0, "no exception");
+  return kPass;
 }
-
-unsigned FpWidth(uint8_t fptype) { return fptype == 3 ? 32 : 16; }
 
 unsigned EntryExtra(uint8_t dotype) {
-  switch (dotype) {
-    case 2: return 4;
-    case 3: return 12;
-    case 5: return 8;
-    default: return 0;
+  return dotype == 2 ? 4 : dotype == 3 ? 12 : dotype == 5 ? 8 : 0;
+}
+
+// Segments with 16-byte fingerprints in container 64; `offset` serves as
+// the file offset (DO type 3) and the object offset (DO type 5).
+std::vector<Seg> Segs(const std::vector<std::pair<uint32_t, uint64_t>>& sizeOffset) {
+  std::vector<Seg> out;
+  for (const auto& so : sizeOffset) {
+    out.push_back({crtest::PatternFP(0x30, 16), so.first, so.second,
+                   static_cast<uint32_t>(so.second), 64});
   }
-}
-
-struct Seg {
-  uint32_t size;
-  uint64_t offset;  // file offset (DO type 3) or object offset (DO type 5)
-  uint64_t dcid;
-};
-
-std::vector<uint8_t> Fp(size_t i, uint8_t fptype) {
-  return crtest::PatternFP(static_cast<uint8_t>(0x10 * (i + 1)), FpWidth(fptype));
-}
-
-Bytes SegmentList(uint8_t fptype, uint8_t dotype, const std::vector<Seg>& segs) {
-  Bytes b;
-  for (size_t i = 0; i < segs.size(); ++i) {
-    std::vector<uint8_t> fp = Fp(i, fptype);
-    b.raw(fp.data(), fp.size());
-    if (dotype == 2) b.le32(segs[i].size);
-    if (dotype == 3) b.le32(segs[i].size).le64(segs[i].offset);
-    if (dotype == 5) b.le32(segs[i].size).le32(static_cast<uint32_t>(segs[i].offset));
-  }
-  return b;
-}
-
-Bytes UdcidBlock(const std::vector<std::pair<uint64_t, uint64_t>>& entries) {
-  Bytes body;
-  body.le32(static_cast<uint32_t>(entries.size()));
-  for (const auto& e : entries) body.le64(e.first).le64(e.second);
-  Bytes block;
-  block.le32(crtest::SlowAdler32(body.data(), body.size())).raw(body.data(), body.size());
-  return block;
+  return out;
 }
 
 std::unique_ptr<DORecord> Make(uint8_t dotype, uint8_t fptype, uint64_t size, uint64_t ssize,
-                               const std::vector<Seg>& segs, const Bytes* udcid = nullptr) {
-  Bytes list = SegmentList(fptype, dotype, segs);
+                               const std::vector<Seg>& segs) {
+  const Bytes list = crtest::SegmentList(dotype, segs);
   std::vector<unsigned long> dcids;
   for (const Seg& s : segs) dcids.push_back(s.dcid);
-  return std::unique_ptr<DORecord>(new DORecord(
-      70, size, ssize, 0, 1, 1, list.data(), static_cast<unsigned>(segs.size()), dcids.data(),
-      udcid != nullptr ? reinterpret_cast<const char*>(udcid->data()) : nullptr, fptype,
-      dotype));
+  const std::vector<uint8_t> udcid = crtest::HostUniqueDcids({{100, 4096}, {200, 8192}});
+  return std::unique_ptr<DORecord>(
+      new DORecord(70, size, ssize, 0, 1, 1, list.data(), static_cast<unsigned>(segs.size()),
+                   dcids.data(), reinterpret_cast<const char*>(udcid.data()), fptype, dotype));
+}
+
+std::unique_ptr<DORecord> MakeThree(uint8_t dotype, uint8_t fptype) {
+  return Make(dotype, fptype, 10000, 4096, crtest::ThreeSegments(fptype));
 }
 
 const unsigned char* Base(const DORecord& r) {
@@ -89,8 +69,8 @@ std::vector<uint8_t> Snapshot(const DORecord& r) {
   return std::vector<uint8_t>(Base(r), Base(r) + r.GetAllocatedSize());
 }
 
-// Bytes as they stand now, with `expected` taking the record's mtime field
-// (offset 48), which the caller checks on its own.
+// `expected` with the record's current mtime (offset 48), which the caller
+// checks on its own, against the record's bytes.
 std::string HexWithMtimeOf(const DORecord& r, std::vector<uint8_t> expected) {
   std::memcpy(expected.data() + 48, Base(r) + 48, 4);
   return crtest::Hex(expected.data(), expected.size());
@@ -103,24 +83,21 @@ void PutLE(std::vector<uint8_t>* image, size_t at, T v) {
   for (size_t k = 0; k < sizeof(T); ++k) (*image)[at + k] = static_cast<uint8_t>(v >> (8 * k));
 }
 
-const std::vector<Seg> kThreeSegs = {
-    {4096, 0, 64}, {4096, 4096, 0x0102030405060708}, {1808, 8192, 5000}};
-
 // --- Getters ------------------------------------------------------------------------
 
 void ExpectSegments(const DORecord& r, uint8_t dotype, uint8_t fptype) {
-  const unsigned entry = FpWidth(fptype) + EntryExtra(dotype);
+  const unsigned entry = crtest::FPWidth(fptype) + EntryExtra(dotype);
   const unsigned char* list = Base(r) + 80;
+  const std::vector<Seg> segs = crtest::ThreeSegments(fptype);
   for (unsigned i = 0; i < 3; ++i) {
     SCOPED_TRACE("segment " + std::to_string(i));
-    const Seg& s = kThreeSegs[i];
-    std::vector<uint8_t> fp = Fp(i, fptype);
+    const Seg& s = segs[i];
     EXPECT_EQ(r.GetSegmentFP(i), list + i * entry);
-    EXPECT_EQ(crtest::Hex(r.GetSegmentFP(i), fp.size()), crtest::Hex(fp.data(), fp.size()));
+    EXPECT_EQ(crtest::Hex(r.GetSegmentFP(i), s.fp.size()), crtest::Hex(s.fp.data(), s.fp.size()));
     // Types 0 and 1 derive 4096, 4096, 1808 from size 10000 and ssize 4096.
     EXPECT_EQ(r.GetSegmentSize(i), s.size);
     EXPECT_EQ(r.GetSegmentOffset(i), dotype == 3 ? s.offset : ~0ul);
-    EXPECT_EQ(r.GetSegmentObjectOffset(i), dotype == 5 ? s.offset : 0xFFFFFFFFu);
+    EXPECT_EQ(r.GetSegmentObjectOffset(i), dotype == 5 ? s.objectOffset : 0xFFFFFFFFu);
     EXPECT_EQ(r.GetSegmentDCID(i), s.dcid);
   }
   EXPECT_EQ(r.GetSegmentDCIDList(), list + 3 * entry);
@@ -133,8 +110,7 @@ class SegmentGetters : public ::testing::TestWithParam<std::pair<uint8_t, uint8_
 
 TEST_P(SegmentGetters, ReadHostValuesInBothByteOrders) {
   const uint8_t dotype = GetParam().first, fptype = GetParam().second;
-  Bytes udcid = UdcidBlock({{100, 4096}, {200, 8192}});
-  std::unique_ptr<DORecord> r = Make(dotype, fptype, 10000, 4096, kThreeSegs, &udcid);
+  std::unique_ptr<DORecord> r = MakeThree(dotype, fptype);
   {
     SCOPED_TRACE("host order");
     ExpectSegments(*r, dotype, fptype);
@@ -145,15 +121,14 @@ TEST_P(SegmentGetters, ReadHostValuesInBothByteOrders) {
   // The stored fields really are big-endian now: nfp, and segment 1's size.
   EXPECT_EQ(crtest::Hex(Base(*r) + 56, 4), "00000003");
   if (EntryExtra(dotype) != 0) {
-    EXPECT_EQ(crtest::Hex(Base(*r) + 80 + FpWidth(fptype) + EntryExtra(dotype) + FpWidth(fptype),
-                          4),
-              "00001000");
+    const unsigned w = crtest::FPWidth(fptype);
+    EXPECT_EQ(crtest::Hex(Base(*r) + 80 + w + EntryExtra(dotype) + w, 4), "00001000");
   }
   {
     SCOPED_TRACE("network order");
     ExpectSegments(*r, dotype, fptype);
   }
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), Failure(0, "no exception"));
+  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -172,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(SegmentSetters, StoredFieldsAreWrittenInPlaceAndStampMtime) {
   // DO type 3, 16-byte fingerprints: entries of 28 bytes, size at +16,
   // offset at +20.
-  std::unique_ptr<DORecord> r = Make(3, 1, 10000, 4096, kThreeSegs);
+  std::unique_ptr<DORecord> r = MakeThree(3, 1);
   std::vector<uint8_t> expected = Snapshot(*r);
   const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
   r->SetSegmentSize(1, 0x11223344);
@@ -185,7 +160,7 @@ TEST(SegmentSetters, StoredFieldsAreWrittenInPlaceAndStampMtime) {
   EXPECT_LE(r->GetMTime(), after);
 
   // DO type 5, 32-byte fingerprints: entries of 40 bytes, object offset at +36.
-  std::unique_ptr<DORecord> r5 = Make(5, 3, 10000, 4096, kThreeSegs);
+  std::unique_ptr<DORecord> r5 = MakeThree(5, 3);
   expected = Snapshot(*r5);
   r5->SetSegmentObjectOffset(1, 0xCAFEBABE);
   PutLE<uint32_t>(&expected, 80 + 40 + 36, 0xCAFEBABE);
@@ -210,7 +185,7 @@ TEST(SegmentSetters, FieldsTheTypeLacksAreDroppedButMtimeIsStamped) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE("DO type " + std::to_string(c.dotype));
-    std::unique_ptr<DORecord> r = Make(c.dotype, 1, 10000, 4096, kThreeSegs);
+    std::unique_ptr<DORecord> r = MakeThree(c.dotype, 1);
     std::vector<uint8_t> before = Snapshot(*r);
     ASSERT_EQ(r->GetMTime(), 1u);
     c.set(r.get());
@@ -226,8 +201,8 @@ TEST(SegmentSetters, FingerprintCopiesTheRecordsWidthAndDcidIsStored) {
 
   for (uint8_t fptype : {1, 3}) {
     SCOPED_TRACE("fptype " + std::to_string(fptype));
-    const unsigned w = FpWidth(fptype), entry = w + 4;
-    std::unique_ptr<DORecord> r = Make(2, fptype, 10000, 4096, kThreeSegs);
+    const unsigned w = crtest::FPWidth(fptype), entry = w + 4;
+    std::unique_ptr<DORecord> r = MakeThree(2, fptype);
     std::vector<uint8_t> expected = Snapshot(*r);
     r->SetSegmentFP(1, digest);
     r->SetSegmentDCID(2, 0x8877665544332211);
@@ -239,7 +214,7 @@ TEST(SegmentSetters, FingerprintCopiesTheRecordsWidthAndDcidIsStored) {
 }
 
 TEST(SegmentSetters, ValuesAreStoredAsGivenInNetworkOrder) {
-  std::unique_ptr<DORecord> r = Make(2, 1, 10000, 4096, kThreeSegs);
+  std::unique_ptr<DORecord> r = MakeThree(2, 1);
   r->HostToNetwork(0);
   const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
   r->SetSegmentSize(0, 0x01020304);
@@ -259,17 +234,17 @@ const char kSizeMagnitude[] =
 const char kOffsetMagnitude[] =
     "Segment list of a DORecord is corrupt. Segment 0 has offset 9223372036854775808 "
     "(> 8192 PetaB). Data is probably in wrong byte order (host vs. network order)";
-const Failure kPass(0, "no exception");
 
 TEST(CheckSegmentList, DerivedSizeTypesBoundTheFileSize) {
-  const std::vector<Seg> three = {{0, 0, 64}, {0, 0, 64}, {0, 0, 64}};
+  const std::vector<Seg> three = Segs({{0, 0}, {0, 0}, {0, 0}});
   for (uint8_t dotype : {0, 1}) {
     SCOPED_TRACE("DO type " + std::to_string(dotype));
     EXPECT_EQ(Thrown([&] { Make(dotype, 1, 0, 4096, three); }), kPass);
     EXPECT_EQ(Thrown([&] { Make(dotype, 1, 12288, 4096, three); }), kPass);
     EXPECT_EQ(Thrown([&] { Make(dotype, 1, 12289, 4096, three); }),
               Failure(89, "Segment list of DORecord CR_DO_TYPE_ORIGINAL|CR_DO_TYPE_NO_SIZE is "
-                          "corrupt. Original file size:12289. Segm. size times segm. count:12288."));
+                          "corrupt. Original file size:12289. "
+                          "Segm. size times segm. count:12288."));
   }
 }
 
@@ -279,7 +254,7 @@ TEST(CheckSegmentList, StoredSizesMustAddUpToTheFileSize) {
     const char* name;
   } types[] = {{2, "CR_DO_TYPE_NO_OFFSET"}, {5, "CR_DO_TYPE_4_BYTE_OFFSET"}};
   for (const auto& t : types) {
-    std::unique_ptr<DORecord> r = Make(t.dotype, 3, 10000, 4096, kThreeSegs);
+    std::unique_ptr<DORecord> r = MakeThree(t.dotype, 3);
     r->SetSegmentSize(1, 4000);
     EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }),
               Failure(89, std::string("Segment list of DORecord ") + t.name +
@@ -297,7 +272,7 @@ TEST(CheckSegmentList, SizeMagnitudeStopsAtBit31UnlessSubDO) {
     SCOPED_TRACE("DO type " + std::to_string(dotype));
     // Sizes 2^31 - 1 and 1 back to back, adding up to 2^31.
     std::unique_ptr<DORecord> r =
-        Make(dotype, 1, 2147483648, 4096, {{2147483647, 0, 64}, {1, 2147483647, 64}});
+        Make(dotype, 1, 2147483648, 4096, Segs({{2147483647, 0}, {1, 2147483647}}));
     EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
 
     r->SetSegmentSize(0, 2147483648u);
@@ -313,7 +288,7 @@ TEST(CheckSegmentList, SizeMagnitudeStopsAtBit31UnlessSubDO) {
 
 TEST(CheckSegmentList, OffsetMagnitudeStopsAtBit63EvenForSubDO) {
   std::unique_ptr<DORecord> r =
-      Make(3, 1, 9223372036854775807u, 4096, {{0, 9223372036854775807u, 64}});
+      Make(3, 1, 9223372036854775807u, 4096, Segs({{0, 9223372036854775807u}}));
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
   r->SetSegmentOffset(0, 9223372036854775808u);
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), Failure(89, kOffsetMagnitude));
@@ -323,7 +298,7 @@ TEST(CheckSegmentList, OffsetMagnitudeStopsAtBit63EvenForSubDO) {
 }
 
 TEST(CheckSegmentList, SizeIsReportedBeforeOffset) {
-  std::unique_ptr<DORecord> r = Make(3, 1, 10000, 4096, kThreeSegs);
+  std::unique_ptr<DORecord> r = MakeThree(3, 1);
   r->SetSegmentSize(0, 2147483648u);
   r->SetSegmentOffset(0, 9223372036854775808u);
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), Failure(89, kSizeMagnitude));
@@ -332,13 +307,13 @@ TEST(CheckSegmentList, SizeIsReportedBeforeOffset) {
 }
 
 TEST(CheckSegmentList, EightByteOffsetsMustNotOverlapOrPassTheEnd) {
-  const std::vector<Seg> two = {{4096, 0, 64}, {100, 4096, 64}};
+  const std::vector<Seg> two = Segs({{4096, 0}, {100, 4096}});
   EXPECT_EQ(Thrown([&] { Make(3, 1, 4196, 4096, two); }), kPass);
   EXPECT_EQ(Thrown([&] { Make(3, 1, 4195, 4096, two); }),
             Failure(89, "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
                         "Original file size:4195. End offset of last segment:4196. "));
   // Gaps are fine, and a zero-size segment may share the next one's offset.
-  EXPECT_EQ(Thrown([&] { Make(3, 1, 9000, 4096, {{0, 10, 64}, {4096, 10, 64}}); }), kPass);
+  EXPECT_EQ(Thrown([&] { Make(3, 1, 9000, 4096, Segs({{0, 10}, {4096, 10}})); }), kPass);
 
   std::unique_ptr<DORecord> r = Make(3, 1, 4196, 4096, two);
   r->SetSegmentOffset(1, 4095);
@@ -350,7 +325,7 @@ TEST(CheckSegmentList, EightByteOffsetsMustNotOverlapOrPassTheEnd) {
 }
 
 TEST(CheckSegmentList, DoTypeDecidesWhetherAnythingIsChecked) {
-  std::unique_ptr<DORecord> r = Make(2, 1, 10000, 4096, kThreeSegs);
+  std::unique_ptr<DORecord> r = MakeThree(2, 1);
   r->SetSegmentSize(0, 2147483648u);  // unsound for DO type 2
   DORecordHeader* h = r->GetHeader();
   h->dotype = 255;
@@ -370,7 +345,7 @@ TEST(CheckSegmentList, DoTypeDecidesWhetherAnythingIsChecked) {
 TEST(CheckSegmentList, EmptyListPassesOnlyForEmptyFileExceptType3) {
   for (uint8_t dotype : {0, 1, 2, 3, 5}) {
     SCOPED_TRACE("DO type " + std::to_string(dotype));
-    std::unique_ptr<DORecord> r = Make(dotype, 1, 10000, 4096, kThreeSegs);
+    std::unique_ptr<DORecord> r = MakeThree(dotype, 1);
     r->GetHeader()->nfp = 0;  // as a received record with no segments reads
     EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }).first, dotype == 3 ? 0u : 89u);
   }
@@ -380,11 +355,11 @@ TEST(CheckSegmentList, MagnitudePassesRunAloneOnAnyType) {
   // ssize 2^31 over two segments: within the total-size bound, yet every
   // derived size has bit 31 set.
   std::unique_ptr<DORecord> r =
-      Make(0, 1, 4294967296u, 2147483648u, {{0, 0, 64}, {0, 0, 64}});
+      Make(0, 1, 4294967296u, 2147483648u, Segs({{0, 0}, {0, 0}}));
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
   EXPECT_EQ(Thrown([&] { r->checkSegmentSizeEndiannes(); }), Failure(89, kSizeMagnitude));
 
-  std::unique_ptr<DORecord> r2 = Make(2, 1, 10000, 4096, kThreeSegs);
+  std::unique_ptr<DORecord> r2 = MakeThree(2, 1);
   EXPECT_EQ(Thrown([&] { r2->checkSegmentOffsetEndiannes(); }),
             Failure(89, "Segment list of a DORecord is corrupt. Segment 0 has offset "
                         "18446744073709551615 (> 8192 PetaB). Data is probably in wrong byte "

@@ -1,7 +1,6 @@
 // The text and binary stream forms of a DO record, and record equality.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -10,120 +9,100 @@
 #include <vector>
 
 #include "crrecord/DORecord.h"
+#include "serialized_form.h"
 #include "test_support.h"
 
 namespace {
 
+using crtest::Seg;
 using std::to_string;
 
-constexpr unsigned long kCID = 0xABC;
-constexpr unsigned int kCRC = 0xABCD;
+constexpr unsigned long kBigDCID = 0x123456789;
 
-struct Segment {
-  uint8_t seed;
-  uint32_t size;
-  uint64_t offset;
-  uint32_t objectOffset;
-  unsigned long dcid;
-};
-
-// Two segments whose fields fit every DO type's checks for a 1000-byte file.
-const std::vector<Segment> kSegments = {{0x10, 300, 0, 0x0A0B0C0D, 64},
-                                        {0x40, 700, 300, 0x1A1B1C1D, 0x123456789}};
-
-crtest::Bytes SegmentList(unsigned char dotype) {
-  crtest::Bytes b;
-  for (const Segment& s : kSegments) {
-    b.raw(crtest::PatternFP(s.seed, 16).data(), 16);
-    if (dotype == 2 || dotype == 3 || dotype == 5) b.le32(s.size);
-    if (dotype == 3) b.le64(s.offset);
-    if (dotype == 5) b.le32(s.objectOffset);
-  }
-  return b;
+// Three segments of a 10000-byte file; the second lies in a container whose
+// number needs more than 32 bits.
+std::vector<Seg> Segments() {
+  std::vector<Seg> segs = crtest::ThreeSegments(1);
+  segs[1].dcid = kBigDCID;
+  return segs;
 }
 
-std::unique_ptr<DORecord> Build(unsigned char dotype, unsigned int crc = kCRC,
+std::unique_ptr<DORecord> Build(unsigned char dotype, unsigned int crc = 0xABCD,
                                 unsigned int ctime = 10, unsigned int mtime = 20) {
-  crtest::Bytes list = SegmentList(dotype);
-  const unsigned long dcids[] = {kSegments[0].dcid, kSegments[1].dcid};
-  return std::make_unique<DORecord>(kCID, 1000, 512, crc, ctime, mtime, list.data(), 2, dcids,
+  const std::vector<Seg> segs = Segments();
+  crtest::Bytes list = crtest::SegmentList(dotype, segs);
+  const unsigned long dcids[] = {segs[0].dcid, segs[1].dcid, segs[2].dcid};
+  return std::make_unique<DORecord>(0xABC, 10000, 4096, crc, ctime, mtime, list.data(), 3, dcids,
                                     nullptr, 1, dotype);
 }
 
-std::string Text(const DORecord& record) {
+std::string Form(const DORecord& record, bool binary) {
   std::ostringstream os;
-  record.ToStream(os, false);
+  record.ToStream(os, binary);
   return os.str();
 }
 
-std::string Binary(const DORecord& record) {
-  std::ostringstream os;
-  record.ToStream(os, true);
-  return os.str();
+void LoadSection(DORecord& record, std::vector<uint8_t> section) {
+  record.AddSerializedTRefs(reinterpret_cast<const char*>(section.data()),
+                            static_cast<unsigned int>(section.size()));
 }
 
-std::string AsString(const crtest::Bytes& b) {
-  return std::string(reinterpret_cast<const char*>(b.data()), b.size());
+std::string Head(unsigned int mtime, unsigned int dotype, unsigned int nfp) {
+  return "3,1,2,2748,10000,4096,43981,10," + to_string(mtime) + ",1," + to_string(dotype) + "," +
+         to_string(nfp) + ",";
 }
-
-// The text of the header fields, written out as the text form lays them.
-std::string HeaderText(unsigned int mtime, unsigned int dotype, unsigned int nfp) {
-  return "3,1,2," + to_string(kCID) + ",1000,512," + to_string(kCRC) + ",10," +
-         to_string(mtime) + ",1," + to_string(dotype) + "," + to_string(nfp) + ",";
-}
-
-std::string FPText(const Segment& s) { return crtest::Hex(crtest::PatternFP(s.seed, 16).data(), 16); }
 
 TEST(DORecordText, EachDOTypeWritesItsEntries) {
   for (unsigned char dotype : {0, 1, 2, 3, 5}) {
     SCOPED_TRACE("dotype " + to_string(dotype));
-    auto record = Build(dotype);
     std::string entries;
-    for (const Segment& s : kSegments) {
+    for (const Seg& s : Segments()) {
       if (!entries.empty()) entries += ",";
-      entries += "[" + FPText(s);
+      entries += "[" + crtest::Hex(s.fp.data(), s.fp.size());
       if (dotype == 2 || dotype == 3 || dotype == 5) entries += "," + to_string(s.size);
       if (dotype == 3) entries += "," + to_string(s.offset);
       if (dotype == 5) entries += "," + to_string(s.objectOffset);
       entries += "]";
     }
-    const std::string dcids = "[64," + to_string(0x123456789ul) + "]";
-    EXPECT_EQ(Text(*record), HeaderText(20, dotype, 2) + "[" + entries + dcids + "],[]");
+    EXPECT_EQ(Form(*Build(dotype), false),
+              Head(20, dotype, 3) + "[" + entries + "[64," + to_string(kBigDCID) + ",64]],[]");
   }
-}
-
-TEST(DORecordText, RecordWithoutSegmentsEndsInEmptyLists) {
-  const unsigned char bitmap[] = {1, 2, 3};
-  DORecord record(kCID, 1000, 512, kCRC, 10, 20, sizeof bitmap, bitmap, nullptr, 1, 4);
-  EXPECT_EQ(Text(record), HeaderText(20, 4, 0) + "[[]],[]");
+  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(3);
+  DORecord bloom(0xABC, 10000, 4096, 0xABCD, 10, 20, 3, bitmap.data(), nullptr, 1, 4);
+  EXPECT_EQ(Form(bloom, false), Head(20, 4, 0) + "[[]],[]");
 }
 
 TEST(DORecordText, NumbersFollowTheStreamsFormatting) {
-  auto record = Build(2);
+  const std::vector<Seg> segs = Segments();
   std::ostringstream os;
   os << std::hex;
-  record->ToStream(os, false);
-  EXPECT_EQ(os.str(), "3,1,2,abc,3e8,200,abcd,a,14,1,2,2,[[" + FPText(kSegments[0]) + ",12c],[" +
-                          FPText(kSegments[1]) + ",2bc][40,123456789]],[]");
+  Build(2)->ToStream(os, false);
+  EXPECT_EQ(os.str(), "3,1,2,abc,2710,1000,abcd,a,14,1,2,3,[[" +
+                          crtest::Hex(segs[0].fp.data(), 16) + ",1000],[" +
+                          crtest::Hex(segs[1].fp.data(), 16) + ",1000],[" +
+                          crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
 }
 
-TEST(DORecordText, ReferencesAppearInKindOrderWithoutKindZero) {
+TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
+  const std::vector<Seg> segs = Segments();
+  const std::string kDO1Entries = "[[" + crtest::Hex(segs[0].fp.data(), 16) + "],[" +
+                                  crtest::Hex(segs[1].fp.data(), 16) + "],[" +
+                                  crtest::Hex(segs[2].fp.data(), 16) + "][64,4886718345,64]],";
   auto record = Build(1);
   const unsigned char payload[] = {0xBE, 0xEF};
   _cr_tref_t* retention = CRTRefNew(CR_TREF_TYPE_RETENTION, payload, sizeof payload);
-  ASSERT_NE(retention, nullptr);
   record->AddTRef(*retention);
   CRTRefDelete(&retention);
   record->AddDSID(7u);
   record->AddTaskID(42ul);
   record->AddTaskID(5ul);
-  const unsigned char kindZero[] = {0, 1, 0xAB};
-  record->AddSerializedTRefs(reinterpret_cast<const char*>(kindZero), sizeof kindZero);
+  LoadSection(*record, {0, 1, 0xAB});
+  EXPECT_EQ(Form(*record, false), Head(record->GetMTime(), 1, 3) + kDO1Entries +
+                                      "[taskid:5,taskid:42,dsid:7,tref6:beef]");
 
-  std::string expected = HeaderText(record->GetMTime(), 1, 2) + "[[" + FPText(kSegments[0]) +
-                         "],[" + FPText(kSegments[1]) + "][64," + to_string(0x123456789ul) +
-                         "]],[taskid:5,taskid:42,dsid:7,tref6:beef]";
-  EXPECT_EQ(Text(*record), expected);
+  auto kindZeroOnly = Build(1);
+  LoadSection(*kindZeroOnly, {0, 1, 0xAB});
+  EXPECT_EQ(Form(*kindZeroOnly, false), Head(kindZeroOnly->GetMTime(), 1, 3) + kDO1Entries + "[]");
 }
 
 TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
@@ -141,59 +120,34 @@ TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
   EXPECT_EQ(os.str(), "");
 }
 
-// The stored image of a DO type 2 record built by Build, with a typed-
-// reference section of `trefs`.
-crtest::Bytes BinaryImage(unsigned int mtime, const crtest::Bytes& trefs) {
-  const uint32_t recsize = 80 + 2 * (16 + 4 + 8) + static_cast<uint32_t>(trefs.size());
+// The stored image of Build(2) with the typed-reference section `trefs`.
+std::string Image(unsigned int mtime, const crtest::Bytes& trefs) {
+  const uint32_t trefsize = static_cast<uint32_t>(trefs.size());
   crtest::Bytes b;
-  b.le16(3).le16(2).le32(recsize).le32(0).le32(0);
-  b.le64(kCID).le64(1000).le64(512);
-  b.le32(kCRC).le32(10).le32(mtime);
-  b.le32(0).le32(2).le32(0).le32(0).le32(static_cast<uint32_t>(trefs.size())).le32(0);
-  b.u8(1).u8(2).zeros(2);
-  for (const Segment& s : kSegments) b.raw(crtest::PatternFP(s.seed, 16).data(), 16).le32(s.size);
-  for (const Segment& s : kSegments) b.le64(s.dcid);
+  b.le16(3).le16(2).le32(80 + 3 * (16 + 4 + 8) + trefsize).le32(0).le32(0);
+  b.le64(0xABC).le64(10000).le64(4096).le32(0xABCD).le32(10).le32(mtime);
+  b.le32(0).le32(3).le32(0).le32(0).le32(trefsize).le32(0).u8(1).u8(2).zeros(2);
+  for (const Seg& s : Segments()) b.raw(s.fp.data(), 16).le32(s.size);
+  for (const Seg& s : Segments()) b.le64(s.dcid);
   b.raw(trefs.data(), trefs.size());
-  return b;
+  return crtest::Hex(b.data(), b.size());
 }
 
-TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSection) {
-  auto record = Build(2);
-  const unsigned char kindZero[] = {0, 1, 0xAB};
-  record->AddSerializedTRefs(reinterpret_cast<const char*>(kindZero), sizeof kindZero);
-  record->AddTaskID(42ul);
+std::string Hex(const std::string& s) { return crtest::Hex(s.data(), s.size()); }
 
+TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) {
+  auto record = Build(2);
+  LoadSection(*record, {0, 1, 0xAB});
+  record->AddTaskID(42ul);
   crtest::Bytes trefs;
-  trefs.u8(0).u8(1).u8(0xAB);   // kind 0 is written too
-  trefs.u8(2).u8(8).be64(42);   // then kind 2
-  const std::string bin = Binary(*record);
-  const crtest::Bytes image = BinaryImage(record->GetMTime(), trefs);
-  EXPECT_EQ(crtest::Hex(bin.data(), bin.size()), crtest::Hex(image.data(), image.size()));
-  // The text form leaves kind 0 out.
-  const std::string text = Text(*record);
-  EXPECT_EQ(text.substr(text.size() - 13), "],[taskid:42]");
-}
+  trefs.u8(0).u8(1).u8(0xAB).u8(2).u8(8).be64(42);
+  EXPECT_EQ(Hex(Form(*record, true)), Image(record->GetMTime(), trefs));
 
-TEST(DORecordBinary, KindZeroOnlyRecordTextEndsInEmptyList) {
-  auto record = Build(2);
-  const unsigned char kindZero[] = {0, 1, 0xAB};
-  record->AddSerializedTRefs(reinterpret_cast<const char*>(kindZero), sizeof kindZero);
-  const std::string text = Text(*record);
-  EXPECT_EQ(text.substr(text.size() - 5), "]],[]");
-  const std::string bin = Binary(*record);
-  EXPECT_EQ(crtest::Hex(bin.data() + bin.size() - 3, 3), "0001ab");
-}
-
-TEST(DORecordBinary, NetworkOrderRecordIsWrittenInHostOrderAndStaysInNetworkOrder) {
-  auto record = Build(2);
-  record->AddTaskID(42ul);
+  // In network order: host-order bytes out, network order kept.
   record->HostToNetwork(0);
-  crtest::Bytes trefs;
-  trefs.u8(2).u8(8).be64(42);
-  EXPECT_EQ(Binary(*record), AsString(BinaryImage(record->GetMTime(), trefs)));
+  EXPECT_EQ(Hex(Form(*record, true)), Image(record->GetMTime(), trefs));
   EXPECT_TRUE(record->IsInNetworkOrder());
-  EXPECT_EQ(record->GetHeader()->type, 0x0300);  // big-endian 3 in the buffer
-  EXPECT_EQ(record->GetNfp(), 2u);
+  EXPECT_EQ(record->GetHeader()->type, 0x0300);
 }
 
 // A stream buffer whose every write fails by throwing.
@@ -208,39 +162,28 @@ class ThrowingBuf : public std::streambuf {
 TEST(DORecordBinary, ByteOrderIsRestoredWhenTheStreamThrows) {
   auto record = Build(3);
   record->HostToNetwork(0);
-  const DORecordHeader* h = record->GetHeader();
-  const std::string before(reinterpret_cast<const char*>(h), record->GetHeaderSize());
-
+  const auto raw = [&] { return crtest::Hex(record->GetHeader(), record->GetHeaderSize()); };
+  const std::string before = raw();
   ThrowingBuf buf;
   std::ostream os(&buf);
   os.exceptions(std::ios::badbit);
   EXPECT_THROW(record->ToStream(os, true), std::runtime_error);
-
   EXPECT_TRUE(record->IsInNetworkOrder());
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(record->GetHeader()),
-                        record->GetHeaderSize()),
-            before);
-  EXPECT_EQ(record->GetSegmentOffset(1), 300u);
+  EXPECT_EQ(raw(), before);
 }
 
-TEST(DORecordEquality, FieldsOutsideTheIdentityDoNotCount) {
+TEST(DORecordEquality, OnlyTheIdentityCounts) {
   auto a = Build(3);
-  auto b = Build(3, kCRC, /*ctime=*/11, /*mtime=*/21);
+  auto b = Build(3, 0xABCD, /*ctime=*/11, /*mtime=*/21);
   b->setCheckTime(99);
   b->SetSegmentDCID(1, 4096);
   EXPECT_TRUE(*a == *b);
   EXPECT_FALSE(*a != *b);
-}
 
-TEST(DORecordEquality, CRCAndFingerprintBytesCount) {
-  auto a = Build(3);
-  EXPECT_TRUE(*a != *Build(3, kCRC + 1));
-  auto b = Build(3);
-  // Byte 5 of the second fingerprint: the segment list starts behind the
-  // 80-byte header, a DO type 3 entry of a 16-byte fingerprint is 28 bytes.
+  EXPECT_TRUE(*a != *Build(3, 0xABCE));
+  // Byte 5 of the second fingerprint: entries of 28 bytes behind the header.
   reinterpret_cast<unsigned char*>(b->GetHeader())[80 + 28 + 5] ^= 1;
   EXPECT_FALSE(*a == *b);
-  EXPECT_TRUE(*a != *b);
 }
 
 TEST(DORecordEquality, ReferenceSetsMustMatchKindByKind) {
@@ -254,10 +197,8 @@ TEST(DORecordEquality, ReferenceSetsMustMatchKindByKind) {
   a->AddTaskID(2ul);
   EXPECT_TRUE(*a == *b);
 
-  const unsigned char first[] = {3, 1, 0xA1, 3, 1, 0xA2};
-  const unsigned char second[] = {3, 1, 0xA1, 3, 1, 0xA3};
-  a->AddSerializedTRefs(reinterpret_cast<const char*>(first), sizeof first);
-  b->AddSerializedTRefs(reinterpret_cast<const char*>(second), sizeof second);
+  LoadSection(*a, {3, 1, 0xA1, 3, 1, 0xA2});
+  LoadSection(*b, {3, 1, 0xA1, 3, 1, 0xA3});
   EXPECT_FALSE(*a == *b);
   EXPECT_TRUE(*a != *b);
 }

@@ -46,10 +46,18 @@ std::string RecordHex(DORecord& record, size_t offset, size_t length) {
 
 std::string WholeRecord(DORecord& record) { return RecordHex(record, 0, record.GetHeaderSize()); }
 
+void ExpectLogged(const crtest::LogCapture& log, cr_status_t status, const std::string& text) {
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
+  EXPECT_EQ(log.lines()[0].status, status);
+  EXPECT_EQ(log.lines()[0].text, text);
+}
+
 TEST(UniqueDCIDList, DistinctContainersInAscendingOrder) {
   auto record = ThreeSizes();
   const unsigned int before = kHeader + 3 * kType2Segment;
   ASSERT_EQ(record->GetHeaderSize(), before);
+  EXPECT_EQ(record->GetUDCIDSize(), 0u);
 
   ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
   EXPECT_EQ(record->GetNudcid(), 2u);
@@ -60,6 +68,8 @@ TEST(UniqueDCIDList, DistinctContainersInAscendingOrder) {
   EXPECT_EQ(record->GetAllocatedSize(), before + 40);
   EXPECT_TRUE(record->OwnsBuffer());
   EXPECT_EQ(record->GetBufferMode(), 2u);
+  record->HostToNetwork(0);
+  EXPECT_EQ(record->GetUDCIDSize(), 40u);
 }
 
 TEST(UniqueDCIDList, DerivedSizesOfTheOriginalType) {
@@ -89,12 +99,9 @@ TEST(UniqueDCIDList, ContainerBelow64IsRefusedNaming) {
   {
     crtest::LogCapture log;
     EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-    EXPECT_EQ(log.lines()[0].status, CR_STATUS_INVALID);
-    EXPECT_EQ(log.lines()[0].text, "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
-                                       crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16) +
-                                       " at index 1.");
+    ExpectLogged(log, CR_STATUS_INVALID,
+                 "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
+                     crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16) + " at index 1.");
   }
   EXPECT_EQ(WholeRecord(*record), before);
 
@@ -121,9 +128,8 @@ TEST(UniqueDCIDList, RecordWithTypedReferencesIsRefused) {
   const unsigned int size = record->GetHeaderSize();
   crtest::LogCapture log;
   EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].status, CR_STATUS_INVALID);
-  EXPECT_EQ(log.lines()[0].text, "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes.");
+  ExpectLogged(log, CR_STATUS_INVALID,
+               "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes.");
   EXPECT_EQ(record->GetNudcid(), 0u);
   EXPECT_EQ(record->GetHeaderSize(), size);
 }
@@ -147,31 +153,17 @@ TEST(UniqueDCIDList, BorrowedBufferIsReplacedByAnOwnedCopy) {
   std::free(callers);
 }
 
-TEST(UniqueDCIDList, SectionLengthInBothByteOrders) {
-  auto record = ThreeSizes();
-  EXPECT_EQ(record->GetUDCIDSize(), 0u);
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(record->GetUDCIDSize(), 40u);
-  record->HostToNetwork(0);
-  EXPECT_EQ(record->GetUDCIDSize(), 40u);
-  EXPECT_EQ(record->GetUDCIDSize(), 8 + 16 * record->GetNudcid());
-}
-
-TEST(UniqueDCIDSizes, OwnContainerAmongTheEntriesGetsTheRecordsBytes) {
-  auto record = ThreeSizes(/*cid=*/500);
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+TEST(UniqueDCIDSizes, RecordsOwnBytesAreChargedToItsContainer) {
   const unsigned long body = 3 * kType2Segment + 40;  // everything behind the header
+  auto listed = ThreeSizes(/*cid=*/500);
+  ASSERT_EQ(listed->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
   SizeMap sizes = {{1, 1}, {500, 9}};
-  EXPECT_EQ(record->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
+  EXPECT_EQ(listed->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
   EXPECT_EQ(sizes, (SizeMap{{70, 200}, {500, 400 + body}}));
-}
 
-TEST(UniqueDCIDSizes, OwnContainerElsewhereGetsAnEntryOfItsOwn) {
-  auto record = ThreeSizes(/*cid=*/100);
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  const unsigned long body = 3 * kType2Segment + 40;
-  SizeMap sizes;
-  EXPECT_EQ(record->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
+  auto elsewhere = ThreeSizes(/*cid=*/100);
+  ASSERT_EQ(elsewhere->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+  EXPECT_EQ(elsewhere->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
   EXPECT_EQ(sizes, (SizeMap{{70, 200}, {100, body}, {500, 400}}));
 }
 
@@ -180,9 +172,8 @@ TEST(UniqueDCIDSizes, RecordWithoutListIsRefused) {
   SizeMap sizes = {{1, 1}};
   crtest::LogCapture log;
   EXPECT_EQ(record->GetUDCIDSizeList(sizes), CR_STATUS_INVALID_RECORD);
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].status, CR_STATUS_INVALID_RECORD);
-  EXPECT_EQ(log.lines()[0].text, "GetUDCIDSizeList: number of unique DCID can't be zero!");
+  ExpectLogged(log, CR_STATUS_INVALID_RECORD,
+               "GetUDCIDSizeList: number of unique DCID can't be zero!");
   EXPECT_EQ(sizes, (SizeMap{{1, 1}}));
 }
 
@@ -197,8 +188,8 @@ std::unique_ptr<DORecord> BloomFromBitmap(const std::vector<UEntry>& entries,
                                           unsigned long cid = 100) {
   const std::vector<uint8_t> block = crtest::HostUniqueDcids(entries);
   return std::make_unique<DORecord>(cid, 1, 1, 0, 10, 20, static_cast<unsigned int>(kBitmap.size()),
-                                    kBitmap.data(), reinterpret_cast<const char*>(block.data()),
-                                    1, 4);
+                                    kBitmap.data(), reinterpret_cast<const char*>(block.data()), 1,
+                                    4);
 }
 
 std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries,
@@ -212,6 +203,10 @@ std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries
 TEST(BloomUniqueDCIDList, HostOrderListIsSortedAndDeduplicatedOnce) {
   // A later entry of the same container replaces an earlier one.
   auto record = BloomFromBitmap({{500, 1}, {70, 2}, {500, 3}});
+  SizeMap seen = {{1, 1}, {70, 9}};
+  EXPECT_EQ(record->AppendBloom(seen), CR_STATUS_SUCCESS);
+  EXPECT_EQ(seen, (SizeMap{{1, 1}, {70, 2}, {500, 3}}));
+
   ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
   EXPECT_EQ(record->GetNudcid(), 2u);
   EXPECT_EQ(record->GetHeaderSize(), kBloomSection + 40);
@@ -258,23 +253,14 @@ TEST(BloomUniqueDCIDList, SizesAreReadInTheListsOrder) {
   EXPECT_EQ(sizes, (SizeMap{{80, 5 + body}, {900, 7}}));
 }
 
-TEST(BloomUniqueDCIDList, AppendBloomAddsToTheCallersMap) {
-  auto record = BloomFromBitmap({{500, 1}, {70, 2}, {500, 3}});
-  SizeMap seen = {{1, 1}, {70, 9}};
-  EXPECT_EQ(record->AppendBloom(seen), CR_STATUS_SUCCESS);
-  EXPECT_EQ(seen, (SizeMap{{1, 1}, {70, 2}, {500, 3}}));
-}
-
 TEST(BloomUniqueDCIDList, CountThatDisagreesWithTheHeaderIsRefused) {
   auto record = BloomFromBitmap({{500, 1}, {70, 2}});
   record->GetHeader()->nudcid = 1;
   const std::string before = WholeRecord(*record);
   crtest::LogCapture log;
   EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].status, CR_STATUS_INVALID);
-  EXPECT_EQ(log.lines()[0].text,
-            "AppendBloomAndUniqueDCIDList: unique DCID count 2 does not match the header's 1.");
+  ExpectLogged(log, CR_STATUS_INVALID,
+               "AppendBloomAndUniqueDCIDList: unique DCID count 2 does not match the header's 1.");
   EXPECT_EQ(WholeRecord(*record), before);
 }
 

@@ -59,8 +59,8 @@ const uint8_t kTrailer[8] = {0xE0, 0xE1, 0xE2, 0xE3, 0xE4, 0xE5, 0xE6, 0xE7};
 std::vector<uint8_t> Key() { return crtest::PatternFP(0x40, 33); }
 
 uint32_t RecSize(const Rec& r) {
-  return r.recsize.value_or(static_cast<uint32_t>(104 + 8 * r.taskIDs.size() +
-                                                  Width(r.fptype) * r.fps.size()));
+  return r.recsize.value_or(
+      static_cast<uint32_t>(104 + 8 * r.taskIDs.size() + Width(r.fptype) * r.fps.size()));
 }
 
 // The record written field by field at the documented offsets, little-endian
@@ -90,17 +90,10 @@ Bytes Image(const Rec& r, bool big) {
   return b;
 }
 
-// An exactly sized heap copy of an image, so that ASan sees any over-read,
-// optionally with room to spare for a conversion into it.
+// An exactly sized heap copy of an image, so that ASan sees any over-read.
 struct Buffer {
-  explicit Buffer(const Bytes& b, size_t room = 0) : size(b.size() > room ? b.size() : room) {
-    p = static_cast<unsigned char*>(std::malloc(size != 0 ? size : 1));
-    std::memset(p, 0xCC, size);
-    std::memcpy(p, b.data(), b.size());
-  }
-  explicit Buffer(size_t n) : size(n) {
-    p = static_cast<unsigned char*>(std::malloc(n != 0 ? n : 1));
-    std::memset(p, 0xCC, n);
+  explicit Buffer(const Bytes& b) : p(static_cast<unsigned char*>(std::malloc(b.size()))) {
+    if (b.size() != 0) std::memcpy(p, b.data(), b.size());
   }
   ~Buffer() { std::free(p); }
   Buffer(const Buffer&) = delete;
@@ -108,7 +101,6 @@ struct Buffer {
   _SegmentDBRecord* r() const { return reinterpret_cast<_SegmentDBRecord*>(p); }
   std::vector<uint8_t> bytes(size_t n) const { return std::vector<uint8_t>(p, p + n); }
   unsigned char* p;
-  size_t size;
 };
 
 // Two task IDs and one 16-byte fingerprint: 104 + 16 + 16 = 136 bytes.
@@ -126,77 +118,55 @@ Rec WithoutTaskIDs(Rec r) {
 
 // --- Conversion -----------------------------------------------------------------
 
+// In place and into another buffer, both fingerprint widths: every byte
+// lands where the layout says, the unconverted ones included, and Ntoh
+// restores what Hton changed.
 TEST(SegmentRecordConvert, HtonWritesTheNetworkImageAndNtohRestoresEveryByte) {
-  Rec rec = TwoTaskIDsOneFingerprint();
-  rec.fps.push_back(crtest::PatternFP(0x90, 16));
-  const Bytes host = Image(rec, false);
-  Buffer buf(host);
+  for (uint8_t fptype : {1, 3}) {
+    SCOPED_TRACE(int{fptype});
+    Rec rec = TwoTaskIDsOneFingerprint();
+    rec.fptype = fptype;
+    rec.fps = {crtest::PatternFP(0x80, Width(fptype)), crtest::PatternFP(0x90, Width(fptype))};
+    const Bytes host = Image(rec, false), net = Image(rec, true);
 
-  SegmentRecordHton(buf.r(), buf.r(), 0);
-  EXPECT_EQ(buf.bytes(host.size()), Image(rec, true).vec());
-  SegmentRecordNtoh(buf.r(), buf.r(), 0);
-  EXPECT_EQ(buf.bytes(host.size()), host.vec());
+    Buffer buf(host);
+    SegmentRecordHton(buf.r(), buf.r(), 0);
+    EXPECT_EQ(buf.bytes(net.size()), net.vec());
+    SegmentRecordNtoh(buf.r(), buf.r(), 0);
+    EXPECT_EQ(buf.bytes(host.size()), host.vec());
+
+    Buffer toNet(Bytes().zeros(host.size())), toHost(Bytes().zeros(host.size()));
+    SegmentRecordHton(toNet.r(), buf.r(), 0);
+    SegmentRecordNtoh(toHost.r(), toNet.r(), 0);
+    EXPECT_EQ(toNet.bytes(net.size()), net.vec());
+    EXPECT_EQ(toHost.bytes(host.size()), host.vec());
+  }
 }
 
-TEST(SegmentRecordConvert, WideFingerprintsStayBehindTheTaskIDs) {
-  Rec rec;
-  rec.fptype = 3;
-  rec.taskIDs = {7};
-  rec.fps = {crtest::PatternFP(0x20, 32), crtest::PatternFP(0x60, 32)};
-  const Bytes host = Image(rec, false);
-  ASSERT_EQ(host.size(), 104u + 8 + 64);
-  Buffer buf(host);
-  SegmentRecordHton(buf.r(), buf.r(), 0);
-  EXPECT_EQ(buf.bytes(host.size()), Image(rec, true).vec());
-}
-
-TEST(SegmentRecordConvert, DroppingTaskIDsInPlaceMovesTheFingerprintToOffset96) {
+// 136 bytes with two task IDs and one fingerprint become 120 bytes with the
+// fingerprint at 96, in place and into another buffer, in both directions.
+TEST(SegmentRecordConvert, DroppingTaskIDsMovesTheFingerprintToOffset96) {
   const Rec rec = TwoTaskIDsOneFingerprint();
-  const Bytes host = Image(rec, false);
-  ASSERT_EQ(host.size(), 136u);
-  Buffer buf(host);
-
-  SegmentRecordHton(buf.r(), buf.r(), CR_SO_CONVERT_DROP_TASKIDS);
-
-  const Bytes expected = Image(WithoutTaskIDs(rec), true);
-  ASSERT_EQ(expected.size(), 120u);
-  EXPECT_EQ(buf.bytes(120), expected.vec());
-  EXPECT_EQ(crtest::Hex(buf.p + 96, 16), crtest::Hex(rec.fps[0].data(), 16));
-}
-
-TEST(SegmentRecordConvert, DroppingTaskIDsInPlaceFromNetworkOrder) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  Buffer buf(Image(rec, true));
-  SegmentRecordNtoh(buf.r(), buf.r(), CR_SO_CONVERT_DROP_TASKIDS);
-  EXPECT_EQ(buf.bytes(120), Image(WithoutTaskIDs(rec), false).vec());
-}
-
-TEST(SegmentRecordConvert, DroppingTaskIDsIntoAnotherBufferInBothDirections) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  const Bytes host = Image(rec, false);
-  const Bytes net = Image(rec, true);
-
-  Buffer src(host), dst(120);
-  SegmentRecordHton(dst.r(), src.r(), CR_SO_CONVERT_DROP_TASKIDS);
-  EXPECT_EQ(dst.bytes(120), Image(WithoutTaskIDs(rec), true).vec());
-  EXPECT_EQ(src.bytes(136), host.vec()) << "the source is left as it was";
-
-  Buffer netSrc(net), hostDst(120);
-  SegmentRecordNtoh(hostDst.r(), netSrc.r(), CR_SO_CONVERT_DROP_TASKIDS);
-  EXPECT_EQ(hostDst.bytes(120), Image(WithoutTaskIDs(rec), false).vec());
-  EXPECT_EQ(netSrc.bytes(136), net.vec());
-}
-
-// Every byte arrives, the crypto mode, padding and key index included.
-TEST(SegmentRecordConvert, ConvertingIntoAnotherBufferCarriesEveryByte) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  Buffer src(Image(rec, false)), dst(136);
-  SegmentRecordHton(dst.r(), src.r(), 0);
-  EXPECT_EQ(dst.bytes(136), Image(rec, true).vec());
-
-  Buffer back(136);
-  SegmentRecordNtoh(back.r(), dst.r(), 0);
-  EXPECT_EQ(back.bytes(136), Image(rec, false).vec());
+  for (bool toNetwork : {true, false}) {
+    for (bool inPlace : {true, false}) {
+      SCOPED_TRACE(std::string(toNetwork ? "hton" : "ntoh") + (inPlace ? " in place" : ""));
+      const Bytes source = Image(rec, !toNetwork);
+      ASSERT_EQ(source.size(), 136u);
+      Buffer src(source), other(Bytes().zeros(120));
+      _SegmentDBRecord* dst = inPlace ? src.r() : other.r();
+      if (toNetwork) {
+        SegmentRecordHton(dst, src.r(), CR_SO_CONVERT_DROP_TASKIDS);
+      } else {
+        SegmentRecordNtoh(dst, src.r(), CR_SO_CONVERT_DROP_TASKIDS);
+      }
+      const Bytes expected = Image(WithoutTaskIDs(rec), toNetwork);
+      ASSERT_EQ(expected.size(), 120u);
+      EXPECT_EQ((inPlace ? src : other).bytes(120), expected.vec());
+      if (!inPlace) {
+        EXPECT_EQ(src.bytes(136), source.vec()) << "the source stays as it was";
+      }
+    }
+  }
 }
 
 // --- Validation -----------------------------------------------------------------
@@ -218,7 +188,8 @@ std::vector<ValidateCase> FailingChecks() {
   r.recsize = 4;
   r.fptype = 9;
   r.taskIDs = {1};
-  cases.push_back({"short", r, -(104 + 8 - 95), 0, "Invalid SO record: size 95, expected at least 96"});
+  cases.push_back(
+      {"short", r, -(104 + 8 - 95), 0, "Invalid SO record: size 95, expected at least 96"});
   cases.push_back({"type", r, 0, 2, "Invalid SO record: type 3, expected 2"});
   r.type = 2;
   cases.push_back({"recsize", r, 0, 2, "Invalid SO record: recsize 4, size 112"});
@@ -232,57 +203,40 @@ std::vector<ValidateCase> FailingChecks() {
 
 TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrder) {
   for (const ValidateCase& c : FailingChecks()) {
-    SCOPED_TRACE(c.what);
-    Bytes image = Image(c.rec, false);
-    const unsigned int size = static_cast<unsigned int>(static_cast<int>(image.size()) + c.sizeDelta);
-    image.zeros(c.sizeDelta > 0 ? c.sizeDelta : 0);
-    Buffer buf(image);
-    LogCapture log(true);
-    EXPECT_EQ(SegmentRecordValidate(buf.r(), size, c.flags), 32u);
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
-    EXPECT_EQ(log.texts()[0], c.trace);
+    for (bool trace : {true, false}) {
+      SCOPED_TRACE(std::string(c.what) + (trace ? "" : " untraced"));
+      Bytes image = Image(c.rec, false);
+      const unsigned int size =
+          static_cast<unsigned int>(static_cast<int>(image.size()) + c.sizeDelta);
+      image.zeros(c.sizeDelta > 0 ? c.sizeDelta : 0);
+      Buffer buf(image);
+      LogCapture log(trace);
+      EXPECT_EQ(SegmentRecordValidate(buf.r(), size, c.flags), 32u);
+      if (!trace) {
+        EXPECT_TRUE(log.lines().empty());
+        continue;
+      }
+      ASSERT_EQ(log.lines().size(), 1u);
+      EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
+      EXPECT_EQ(log.texts()[0], c.trace);
+    }
   }
 }
 
-TEST(SegmentRecordValidate, TracesNothingWhenTracingIsOff) {
-  Rec r;
-  r.type = 7;
-  Buffer buf(Image(r, false));
-  LogCapture log(false);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 104, 0), 32u);
-  EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(SegmentRecordValidate, PlainRecordPassesAndItsSizeMustMatch) {
-  Buffer buf(Image(Rec(), false));
+TEST(SegmentRecordValidate, GoodRecordsPassInTheOrderTheFlagsSay) {
+  Buffer plain(Image(Rec(), false));
+  Buffer host(Image(TwoTaskIDsOneFingerprint(), false));
+  Buffer net(Image(TwoTaskIDsOneFingerprint(), true));
   LogCapture log(true);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 104, 0), 0u);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 104, CR_SO_VALIDATE_NO_TASKIDS), 0u);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 96, 0), 32u);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 95, 0), 32u);
-  EXPECT_EQ(log.texts(), (std::vector<std::string>{
-                             "Invalid SO record: recsize 104, size 96",
-                             "Invalid SO record: size 95, expected at least 96"}));
-}
-
-TEST(SegmentRecordValidate, TaskIDsAreRefusedOnlyWhenAskedFor) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  Buffer buf(Image(rec, false));
-  LogCapture log(true);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 136, 0), 0u);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 136, CR_SO_VALIDATE_NO_TASKIDS), 32u);
-  EXPECT_EQ(log.texts(),
-            std::vector<std::string>{"Invalid SO record: 2 taskids, expected 0"});
-}
-
-TEST(SegmentRecordValidate, ReadsTheRecordInTheOrderTheFlagsSay) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  Buffer net(Image(rec, true));
-  LogCapture log(true);
+  EXPECT_EQ(SegmentRecordValidate(plain.r(), 104, CR_SO_VALIDATE_NO_TASKIDS), 0u);
+  EXPECT_EQ(SegmentRecordValidate(plain.r(), 96, 0), 32u);
+  EXPECT_EQ(SegmentRecordValidate(host.r(), 136, 0), 0u);
+  EXPECT_EQ(SegmentRecordValidate(host.r(), 136, CR_SO_VALIDATE_NO_TASKIDS), 32u);
   EXPECT_EQ(SegmentRecordValidate(net.r(), 136, CR_SO_VALIDATE_NETWORK_ORDER), 0u);
   EXPECT_EQ(SegmentRecordValidate(net.r(), 136, 0), 32u);
-  EXPECT_EQ(log.texts(), std::vector<std::string>{"Invalid SO record: type 512, expected 2"});
+  EXPECT_EQ(log.texts(), (std::vector<std::string>{"Invalid SO record: recsize 104, size 96",
+                                                   "Invalid SO record: 2 taskids, expected 0",
+                                                   "Invalid SO record: type 512, expected 2"}));
 }
 
 TEST(SegmentRecordValidate, NullRecordAndUnknownFlagBitsGive9WithoutTrace) {
@@ -294,23 +248,20 @@ TEST(SegmentRecordValidate, NullRecordAndUnknownFlagBitsGive9WithoutTrace) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-// 104 + 8 * 2^29 wraps to 104 in 32 bits.
+// 104 + 8 * 2^29 and 104 + 32 * 2^27 both wrap to 104 in 32 bits.
 TEST(SegmentRecordValidate, CountsThatWrapIn32BitsAreRefused) {
-  Rec r;
-  r.ntaskid = 0x20000000u;
-  r.recsize = 104;
-  Buffer buf(Image(r, false));
-  LogCapture log(true);
-  EXPECT_EQ(SegmentRecordValidate(buf.r(), 104, 0), 32u);
-  EXPECT_EQ(log.texts(),
-            std::vector<std::string>{"Invalid SO record: calculated size 4294967400, size 104"});
-
-  Rec m;
-  m.fptype = 3;
-  m.ndo = 0x08000000u;  // 32 * 2^27 = 2^32
-  m.recsize = 104;
-  Buffer wide(Image(m, false));
-  EXPECT_EQ(SegmentRecordValidate(wide.r(), 104, 0), 32u);
+  Rec tasks, fps;
+  tasks.ntaskid = 0x20000000u;
+  fps.fptype = 3;
+  fps.ndo = 0x08000000u;
+  for (Rec* r : {&tasks, &fps}) {
+    r->recsize = 104;
+    Buffer buf(Image(*r, false));
+    LogCapture log(true);
+    EXPECT_EQ(SegmentRecordValidate(buf.r(), 104, 0), 32u);
+    EXPECT_EQ(log.texts(),
+              std::vector<std::string>{"Invalid SO record: calculated size 4294967400, size 104"});
+  }
 }
 
 // Every prefix of a valid record, given with its true size, in a buffer of
@@ -318,60 +269,45 @@ TEST(SegmentRecordValidate, CountsThatWrapIn32BitsAreRefused) {
 TEST(SegmentRecordValidate, NeverReadsPastTheSizeOfAnyPrefix) {
   const Bytes full = Image(TwoTaskIDsOneFingerprint(), false);
   for (size_t n = 0; n <= full.size(); ++n) {
-    Buffer buf(n);
-    std::memcpy(buf.p, full.data(), n);
+    Buffer buf(Bytes().raw(full.data(), n));
     EXPECT_EQ(SegmentRecordValidate(buf.r(), static_cast<unsigned int>(n), 0),
               n == full.size() ? 0u : 32u)
         << n;
   }
 }
 
+// Half the rounds are random bytes of random length; the other half are
+// records with random counts, some bytes changed and some cut short, so that
+// they reach the later checks. Whatever passes converts within its bytes.
 TEST(SegmentRecordValidate, RandomBytesOfAnyLengthAreReadWithinTheirSize) {
   std::mt19937 rng(20240611);
   int passed = 0;
   for (int round = 0; round < 4000; ++round) {
     const unsigned int flags = rng() % 4;
     const bool net = (flags & CR_SO_VALIDATE_NETWORK_ORDER) != 0;
-    const uint32_t ntaskid = rng() % 4, ndo = rng() % 4;
-    const uint8_t fptype = static_cast<uint8_t>(1 + rng() % 3);
-    size_t n = rng() % 300;
-    // A quarter of the rounds have the size their counts call for, so that
-    // they reach the later checks and some pass.
-    if (round % 4 == 0) n = 104 + 8 * ntaskid + Width(fptype) * ndo;
-    Buffer buf(n);
-    for (size_t i = 0; i < n; ++i) buf.p[i] = static_cast<unsigned char>(rng());
-    auto put16 = [&](size_t off, uint16_t v) {
-      Bytes b;
-      net ? b.be16(v) : b.le16(v);
-      std::memcpy(buf.p + off, b.data(), 2);
-    };
-    auto put32 = [&](size_t off, uint32_t v) {
-      Bytes b;
-      net ? b.be32(v) : b.le32(v);
-      std::memcpy(buf.p + off, b.data(), 4);
-    };
-    if (round % 2 == 0 && n >= 96) {
-      put16(0, 2);
-      put32(4, static_cast<uint32_t>(n));
-      buf.p[89] = fptype;
-      if (round % 4 == 0) {
-        put32(12, ntaskid);
-        put32(52, ndo);
-      }
+    std::vector<uint8_t> bytes(rng() % 300);
+    for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
+    if (round % 2 == 0) {
+      Rec r;
+      r.fptype = static_cast<uint8_t>(1 + rng() % 3);
+      r.taskIDs.assign(rng() % 4, rng());
+      r.fps.assign(rng() % 4, crtest::PatternFP(static_cast<uint8_t>(rng()), Width(r.fptype)));
+      bytes = Image(r, net).vec();
+      for (unsigned int k = rng() % 3; k > 0; --k) bytes[rng() % bytes.size()] ^= 0x5A;
+      if (rng() % 4 == 0) bytes.resize(rng() % bytes.size());
     }
-    const cr_status_t status = SegmentRecordValidate(buf.r(), static_cast<unsigned int>(n), flags);
+    Buffer buf(Bytes().raw(bytes.data(), bytes.size()));
+    const cr_status_t status =
+        SegmentRecordValidate(buf.r(), static_cast<unsigned int>(bytes.size()), flags);
     if (status != 0) {
       EXPECT_EQ(status, 32u);
       continue;
     }
-    // A record that passes converts within its own bytes.
     ++passed;
     if (net) {
-      SegmentRecordNtoh(buf.r(), buf.r(), 0);
-      SegmentRecordHton(buf.r(), buf.r(), CR_SO_CONVERT_DROP_TASKIDS);
-    } else {
-      SegmentRecordHton(buf.r(), buf.r(), 0);
       SegmentRecordNtoh(buf.r(), buf.r(), CR_SO_CONVERT_DROP_TASKIDS);
+    } else {
+      SegmentRecordHton(buf.r(), buf.r(), CR_SO_CONVERT_DROP_TASKIDS);
     }
   }
   EXPECT_GT(passed, 100);
@@ -401,54 +337,34 @@ Bytes SerializedImage(const Rec& r) {
 }
 
 TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
-  Rec rec = TwoTaskIDsOneFingerprint();
-  rec.fileID = 0x0102030405060708ull;
-  rec.fps.push_back(crtest::PatternFP(0xF0, 16));
-  Buffer buf(Image(rec, false));
-  Serialized out;
-  ASSERT_EQ(SegmentRecordSerialize(buf.r(), &out.data, &out.size), 0u);
-  ASSERT_EQ(out.size, 33u + 2 * 33);
-  EXPECT_EQ(out.bytes(), SerializedImage(rec).vec());
+  Rec two = TwoTaskIDsOneFingerprint();
+  two.fileID = 0x0102030405060708ull;
+  two.fps.push_back(crtest::PatternFP(0xF0, 16));
+  Rec wide;
+  wide.fptype = 3;
+  wide.fps = {crtest::PatternFP(0x01, 32), crtest::PatternFP(0xA0, 32)};
+  Rec none;
+  none.taskIDs = {5};
+  for (const Rec& rec : {two, wide, none}) {
+    Buffer buf(Image(rec, false));
+    Serialized out;
+    ASSERT_EQ(SegmentRecordSerialize(buf.r(), &out.data, &out.size), 0u);
+    EXPECT_EQ(out.size, 33 + rec.fps.size() * TextWidth(rec.fptype));
+    EXPECT_EQ(out.bytes(), SerializedImage(rec).vec());
+  }
 }
 
-TEST(SegmentRecordSerialize, WideFingerprintsTakeFieldsOf65Bytes) {
-  Rec rec;
-  rec.fptype = 3;
-  rec.fps = {crtest::PatternFP(0x01, 32), crtest::PatternFP(0xA0, 32)};
-  Buffer buf(Image(rec, false));
-  Serialized out;
-  ASSERT_EQ(SegmentRecordSerialize(buf.r(), &out.data, &out.size), 0u);
-  ASSERT_EQ(out.size, 33u + 2 * 65);
-  EXPECT_EQ(out.bytes(), SerializedImage(rec).vec());
-}
-
-TEST(SegmentRecordSerialize, RecordWithoutFingerprintsIsTheHeadAndOneZeroByte) {
-  Rec rec;
-  rec.taskIDs = {5};
-  Buffer buf(Image(rec, false));
-  Serialized out;
-  ASSERT_EQ(SegmentRecordSerialize(buf.r(), &out.data, &out.size), 0u);
-  EXPECT_EQ(out.bytes(), SerializedImage(rec).vec());
-  EXPECT_EQ(out.size, 33u);
-}
-
-TEST(SegmentRecordSerialize, MissingArgumentsGive65AndAllocateNothing) {
+TEST(SegmentRecordSerialize, MissingArgumentsAndNetworkOrderAreRefused) {
   Buffer buf(Image(Rec(), false));
+  Buffer net(Image(TwoTaskIDsOneFingerprint(), true));
   void* data = &data;
   unsigned long size = 77;
   EXPECT_EQ(SegmentRecordSerialize(nullptr, &data, &size), 65u);
   EXPECT_EQ(SegmentRecordSerialize(buf.r(), nullptr, &size), 65u);
   EXPECT_EQ(SegmentRecordSerialize(buf.r(), &data, nullptr), 65u);
+  EXPECT_EQ(SegmentRecordSerialize(net.r(), &data, &size), 9u);
   EXPECT_EQ(data, &data);
   EXPECT_EQ(size, 77u);
-}
-
-TEST(SegmentRecordSerialize, NetworkOrderRecordIsRefused) {
-  Buffer buf(Image(TwoTaskIDsOneFingerprint(), true));
-  void* data = nullptr;
-  unsigned long size = 0;
-  EXPECT_EQ(SegmentRecordSerialize(buf.r(), &data, &size), 9u);
-  EXPECT_EQ(data, nullptr);
 }
 
 // 33 + 65 * (2^32 - 1) bytes cannot be had; the size is logged at its
@@ -468,8 +384,9 @@ TEST(SegmentRecordSerialize, FailedAllocationIsLoggedAndReturnsTheMappedStatus) 
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
   EXPECT_EQ(log.lines()[0].status, 22u);
-  EXPECT_EQ(log.texts()[0], std::string("Could not serialize SO: malloc failed for 4294967295 bytes (") +
-                                CRStatusToStringA(22) + ")");
+  EXPECT_EQ(log.texts()[0],
+            std::string("Could not serialize SO: malloc failed for 4294967295 bytes (") +
+                CRStatusToStringA(22) + ")");
 }
 
 // --- Stream forms -----------------------------------------------------------------
@@ -481,7 +398,8 @@ TEST(SegmentRecordToStream, TextFormOfTheExampleRecord) {
   Buffer buf(Image(rec, false));
   std::ostringstream os;
   SegmentRecordToStream(os, *buf.r(), false);
-  EXPECT_EQ(os.str(), "2,1,0,1000,0,65536,7,1,,0,1,[],[" + crtest::Hex(rec.fps[0].data(), 16) + "]");
+  EXPECT_EQ(os.str(),
+            "2,1,0,1000,0,65536,7,1,,0,1,[],[" + crtest::Hex(rec.fps[0].data(), 16) + "]");
 }
 
 TEST(SegmentRecordToStream, TextFormListsTaskIDsAndFingerprintsOfANetworkRecord) {
@@ -501,24 +419,19 @@ TEST(SegmentRecordToStream, TextFormListsTaskIDsAndFingerprintsOfANetworkRecord)
   EXPECT_EQ(buf.bytes(net.size()), net.vec()) << "converted back to network order";
 }
 
-TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordStaysInHostOrder) {
+// A host-order record is written as its network image and left in host
+// order; a network-order record is written and left as it stands.
+TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImage) {
   const Rec rec = TwoTaskIDsOneFingerprint();
-  const Bytes host = Image(rec, false);
-  Buffer buf(host);
-  std::ostringstream os;
-  SegmentRecordToStream(os, *buf.r(), true);
   const Bytes net = Image(rec, true);
-  EXPECT_EQ(os.str(), std::string(reinterpret_cast<const char*>(net.data()), net.size()));
-  EXPECT_EQ(buf.bytes(host.size()), host.vec());
-}
-
-TEST(SegmentRecordToStream, NetworkRecordIsWrittenAsItStands) {
-  const Bytes net = Image(TwoTaskIDsOneFingerprint(), true);
-  Buffer buf(net);
-  std::ostringstream os;
-  SegmentRecordToStream(os, *buf.r(), true);
-  EXPECT_EQ(os.str(), std::string(reinterpret_cast<const char*>(net.data()), net.size()));
-  EXPECT_EQ(buf.bytes(net.size()), net.vec());
+  for (bool big : {false, true}) {
+    const Bytes image = Image(rec, big);
+    Buffer buf(image);
+    std::ostringstream os;
+    SegmentRecordToStream(os, *buf.r(), true);
+    EXPECT_EQ(os.str(), std::string(reinterpret_cast<const char*>(net.data()), net.size()));
+    EXPECT_EQ(buf.bytes(image.size()), image.vec());
+  }
 }
 
 class ThrowingBuf : public std::streambuf {

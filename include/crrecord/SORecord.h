@@ -79,7 +79,7 @@ class CRRECORD_API SORecord {
   // Stored and returned as given, in either byte order.
   void SetKeyIndex(unsigned short keyIndex);
   unsigned short GetKeyIndex() const;
-  void SetKey(const QorKey& key);  // copies the key's first 33 bytes
+  void SetKey(const QorKey& key);       // copies the key's first 33 bytes
   const unsigned char* GetKey() const;  // the 33 key bytes inside the record
 
   bool IsInNetworkOrder() const { return networkOrder_; }

@@ -29,7 +29,7 @@
 //
 // Sections, with D = 32 for fingerprint type 3, else 16:
 //
-//   | fixed part 96 | task IDs 8*n (u64 each, conv) | DO fingerprints D*m (no) | trailer 8 |
+//   | 96-byte fixed part | task IDs 8*n (u64 each, conv) | DO fingerprints D*m (no) | trailer 8 |
 //
 // The record size counts the 8-byte trailer after the fingerprints, so a
 // record with no task IDs and no fingerprints is 104 bytes, bytes 96 to 103
@@ -63,31 +63,31 @@
 #include "crrecord/platform/status.h"
 
 struct _SegmentDBRecord {
-  unsigned short type;         // record type, 2
-  unsigned short flags;        // 0 or 2
-  unsigned int recsize;        // bytes of the whole record
-  unsigned int unused;         // not used by this library
-  unsigned int ntaskid;        // task IDs after the fixed part
-  unsigned int checktime;      // seconds
-  unsigned int reserved1;      // unconverted
-  unsigned long DCID;          // container ID, or path ID when fileID != 0
-  unsigned long fileID;        // 0 for a segment in a container
-  unsigned long size;          // segment size, bytes
-  unsigned int CRC;            // segment CRC
-  unsigned int ndo;            // DO fingerprints after the task IDs
-  unsigned char key[33];       // key bytes, verbatim
-  unsigned char fptype;        // fingerprint type
-  unsigned char cryptoMode;    // crypto mode
-  unsigned char pad;           // padding
-  unsigned short keyIndex;     // key index, never converted
-  unsigned short reserved2;    // unconverted
+  unsigned short type;       // record type, 2
+  unsigned short flags;      // 0 or 2
+  unsigned int recsize;      // bytes of the whole record
+  unsigned int unused;       // not used by this library
+  unsigned int ntaskid;      // task IDs after the fixed part
+  unsigned int checktime;    // seconds
+  unsigned int reserved1;    // unconverted
+  unsigned long DCID;        // container ID, or path ID when fileID != 0
+  unsigned long fileID;      // 0 for a segment in a container
+  unsigned long size;        // segment size, bytes
+  unsigned int CRC;          // segment CRC
+  unsigned int ndo;          // DO fingerprints after the task IDs
+  unsigned char key[33];     // key bytes, verbatim
+  unsigned char fptype;      // fingerprint type
+  unsigned char cryptoMode;  // crypto mode
+  unsigned char pad;         // padding
+  unsigned short keyIndex;   // key index, never converted
+  unsigned short reserved2;  // unconverted
 };
 
 enum : unsigned short { CR_SO_RECORD_TYPE = 2 };
 
 enum : unsigned int {
-  CR_SO_FIXED_SIZE = 96,       // the fixed part, sizeof(_SegmentDBRecord)
-  CR_SO_RECORD_MIN_SIZE = 104, // a record with no task IDs and no fingerprints
+  CR_SO_FIXED_SIZE = 96,        // the fixed part, sizeof(_SegmentDBRecord)
+  CR_SO_RECORD_MIN_SIZE = 104,  // a record with no task IDs and no fingerprints
 };
 
 // Flags of SegmentRecordHton / SegmentRecordNtoh.
@@ -106,7 +106,7 @@ enum : unsigned int {
 CRRECORD_API bool RecordInContainer(unsigned long fileID);
 
 // Convert a host-order record to network order (Hton) or back (Ntoh), from
-// src into dst; dst may be src. With CR_SO_CONVERT_DROP_TASKIDS the
+// src into dst; dst may be src, or else must not overlap it. With CR_SO_CONVERT_DROP_TASKIDS the
 // destination has no task IDs, its fingerprints start at offset 96 and its
 // record size is 104 + D*m. dst must hold the resulting record size.
 // REQUIRES: src is a validated record in the byte order converted from.

@@ -32,8 +32,8 @@ uint32_t CheckUniqueDcids(const char* block) {
   std::ostringstream message;
   message << "Computed CRC (" << computed << ") for unique DCID list doesn't match. "
           << "[crc=" << stored << "]," << "[count=" << n << "]," << "[";
-  // The first n words after the count word (DCID, bytes, DCID, ...), not
-  // the n entries: the message shows only what fits its fixed form.
+  // The message lists n words from offset 8 on (DCID, bytes, DCID, ...),
+  // not the n entries.
   for (uint32_t k = 0; k < n; ++k) {
     message << Load<uint64_t>(block + 8 + uint64_t{8} * k) << ",";
   }

@@ -26,18 +26,18 @@ constexpr uint64_t kMaxRecordSize = 0xFFFFFFFFu;  // recsize is 32 bits
 constexpr unsigned int kBufferModeCopy = 1;
 constexpr unsigned int kBufferModeRealloc = 2;
 
-#define CR_REFUSE(status, ...)                                  \
-  do {                                                          \
-    CR_TRACE("Invalid serialized DO record: " __VA_ARGS__);     \
-    return (status);                                            \
+#define CR_REFUSE(status, ...)                              \
+  do {                                                      \
+    CR_TRACE("Invalid serialized DO record: " __VA_ARGS__); \
+    return (status);                                        \
   } while (0)
 
 // What the checks of the input found out: the size of the record to build
 // and the counts it holds.
 struct Plan {
   uint64_t recsize;
-  uint32_t nfp;      // serialized DO record
-  uint32_t bsize;    // serialized Bloom DO record
+  uint32_t nfp;    // serialized DO record
+  uint32_t bsize;  // serialized Bloom DO record
   uint32_t nudcid;
 };
 
@@ -70,8 +70,7 @@ cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char
 }
 
 // The checks of a serialized Bloom DO record; it needs no others.
-cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fptype,
-                      Plan* plan) {
+cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fptype, Plan* plan) {
   const uint32_t nfp = LoadBE32(in + 20);
   if (nfp != 0) CR_REFUSE(CR_STATUS_MALFORMED, "Bloom form with %u segments, expected 0", nfp);
   if (length < kHead + 4) {
@@ -102,8 +101,8 @@ cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fp
   const uint32_t computed =
       nudcid == 0 ? 0 : Adler32(in + block + 4, 4 + uint64_t{kUDCIDEntry} * nudcid);
   if (checksum != computed) {
-    CR_REFUSE(CR_STATUS_MALFORMED, "unique DCID checksum %u, computed %u over %u entries",
-              checksum, computed, nudcid);
+    CR_REFUSE(CR_STATUS_MALFORMED, "unique DCID checksum %u, computed %u over %u entries", checksum,
+              computed, nudcid);
   }
   for (uint64_t at = expected - kBloomTrailingZeros; at < expected; ++at) {
     if (in[at] != 0) {
@@ -114,8 +113,7 @@ cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fp
   plan->nfp = 0;
   plan->bsize = bsize;
   plan->nudcid = nudcid;
-  plan->recsize =
-      DORecordHeaderSizeRaw(0, bsize, nudcid, 0, CR_DO_TYPE_BLOOM_FILTER, fptype, 0);
+  plan->recsize = DORecordHeaderSizeRaw(0, bsize, nudcid, 0, CR_DO_TYPE_BLOOM_FILTER, fptype, 0);
   return CR_STATUS_SUCCESS;
 }
 
@@ -135,8 +133,7 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
     if (src[textWidth - 1] != 0 ||
         CRFPStringToDigest_r(text, textWidth - 1, fptype, &fp) == nullptr) {
       CR_REFUSE(CR_STATUS_MALFORMED,
-                "fingerprint text of segment %u is not %u hex digits and a NUL", i,
-                textWidth - 1);
+                "fingerprint text of segment %u is not %u hex digits and a NUL", i, textWidth - 1);
     }
     std::memcpy(entry, fp.digest, width);
     const unsigned char* field = src + textWidth;
@@ -179,8 +176,8 @@ void FillBloom(DORecordHeader* h, const unsigned char* in, const Plan& plan) {
 }  // namespace
 
 cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* allocatedSize,
-                                      const void* data, unsigned long length,
-                                      unsigned char dotype, unsigned char fptype) {
+                                      const void* data, unsigned long length, unsigned char dotype,
+                                      unsigned char fptype) {
   if (header == nullptr || allocatedSize == nullptr || data == nullptr) {
     CR_REFUSE(CR_STATUS_MISSING_ARGUMENT, "null argument");
   }
@@ -207,17 +204,16 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* al
 
   const bool bloom = dotype == CR_DO_TYPE_BLOOM_FILTER;
   Plan plan;
-  cr_status_t status =
-      bloom ? PlanBloom(in, length, fptype, &plan) : PlanSegments(in, length, dotype, fptype, &plan);
+  cr_status_t status = bloom ? PlanBloom(in, length, fptype, &plan)
+                             : PlanSegments(in, length, dotype, fptype, &plan);
   if (status != CR_STATUS_SUCCESS) return status;
   if (plan.recsize > kMaxRecordSize) {
     CR_REFUSE(CR_STATUS_MALFORMED, "record of %lu bytes exceeds %lu",
-              static_cast<unsigned long>(plan.recsize),
-              static_cast<unsigned long>(kMaxRecordSize));
+              static_cast<unsigned long>(plan.recsize), static_cast<unsigned long>(kMaxRecordSize));
   }
   if (callerBuffer != nullptr && *allocatedSize < plan.recsize) {
-    CR_REFUSE(CR_STATUS_NO_ROOM, "caller buffer of %lu bytes, the record needs %lu",
-              *allocatedSize, static_cast<unsigned long>(plan.recsize));
+    CR_REFUSE(CR_STATUS_NO_ROOM, "caller buffer of %lu bytes, the record needs %lu", *allocatedSize,
+              static_cast<unsigned long>(plan.recsize));
   }
 
   DORecordHeader* h = callerBuffer;
@@ -274,8 +270,8 @@ bool DORecordSerializedHasAdler32(const void* data, unsigned long length) {
 }
 
 DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid,
-                   unsigned char fptype, void* buffer, unsigned long bufferSize,
-                   const void* data, unsigned long dataLength, bool subDO)
+                   unsigned char fptype, void* buffer, unsigned long bufferSize, const void* data,
+                   unsigned long dataLength, bool subDO)
     : header_(static_cast<DORecordHeader*>(buffer)),
       allocatedSize_(bufferSize),
       networkOrder_(false),
@@ -283,16 +279,19 @@ DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid
       subDO_(subDO),
       bufferMode_(kBufferModeCopy) {
   try {
-    const cr_status_t status =
-        DORecordHeaderDeserialize(&header_, &allocatedSize_, data, dataLength,
-                                  static_cast<unsigned char>(dotype), fptype);
+    // The fingerprint type is checked before the bytes are read: the reader
+    // cannot convert fingerprint text of an unknown type, and the caller is
+    // owed "invalid fptype for DO" rather than the reader's refusal.
+    if (!CRFPTypeIsValid(fptype)) ThrowFixed(CR_STATUS_INVALID, "invalid fptype for DO");
+    const cr_status_t status = DORecordHeaderDeserialize(
+        &header_, &allocatedSize_, data, dataLength, static_cast<unsigned char>(dotype), fptype);
     if (status != CR_STATUS_SUCCESS) ThrowStatus(status);
     if (buffer == nullptr) {
       ownsBuffer_ = true;
       bufferMode_ = kBufferModeRealloc;
     }
     setFlags(flags);    // invalid flags are logged and the header keeps its own
-    setFPType(fptype);  // 9 "invalid fptype for DO"
+    setFPType(fptype);
     setDCID(dcid);
     initReferenceSets();
     handleUpdate();

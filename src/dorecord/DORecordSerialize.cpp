@@ -26,7 +26,7 @@ using namespace crrecord;
 namespace {
 
 constexpr unsigned int kSerializedHead = 28;
-constexpr unsigned int kBloomBlockHead = 8;      // checksum word, count word
+constexpr unsigned int kBloomBlockHead = 8;  // checksum word, count word
 constexpr unsigned int kBloomTrailingZeros = 16;
 constexpr const char* kMallocFailed = "Could not serialize DO: malloc failed for %u bytes (%s)";
 

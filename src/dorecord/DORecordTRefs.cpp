@@ -88,26 +88,19 @@ int DORecord::OwnTRef(boost::intrusive_ptr<Cr_TRef> ref) {
 
   tref_set_t& set = trefs_[kind];
   const std::pair<tref_set_t::iterator, bool> added = set.insert(ref);
-  uint32_t size = 0;
-  if (added.second) {
-    size = SerializedSize(ref);
-    try {
-      GrowSizes(*this, size);
-    } catch (...) {
-      set.erase(added.first);
-      throw;
-    }
-  }
+  const uint32_t size = added.second ? SerializedSize(ref) : 0;
+  // The buffer grows before the size fields are written, so that a borrowed
+  // buffer that growth copies (mode 1) keeps its old bytes, and a refusal
+  // only has the insertion to undo.
   try {
-    expand(getRecSize());
+    const uint64_t recsize = uint64_t{getRecSize()} + size;
+    if (recsize > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
+    expand(static_cast<unsigned int>(recsize));
   } catch (...) {
-    if (added.second) {
-      set.erase(added.first);
-      setTRefsSize(getTRefsSize() - size);
-      setRecSize(getRecSize() - size);
-    }
+    if (added.second) set.erase(added.first);
     throw;
   }
+  if (added.second) GrowSizes(*this, size);
   handleUpdate();
   return added.second ? 0 : 1;
 }

@@ -103,8 +103,7 @@ UDCIDEntry ReadEntry(const unsigned char* section, uint32_t i, bool bigEndian) {
 }
 
 // Host-order section: checksum, count, then the entries.
-void WriteSection(unsigned char* section, const std::vector<UDCIDEntry>& entries,
-                  uint32_t count) {
+void WriteSection(unsigned char* section, const std::vector<UDCIDEntry>& entries, uint32_t count) {
   unsigned char* p = section + kUDCIDHead;
   for (const UDCIDEntry& e : entries) {
     Store<uint64_t>(p, e.dcid);

@@ -73,15 +73,11 @@ void SORecord::SetDCID(unsigned long dcid) {
   header_->fileID = 0;
 }
 
-unsigned long SORecord::GetDCID() const {
-  return RecordInContainer(GetFileID()) ? GetPathID() : 0;
-}
+unsigned long SORecord::GetDCID() const { return RecordInContainer(GetFileID()) ? GetPathID() : 0; }
 
 unsigned long SORecord::GetPathID() const { return InRecordOrder(header_->DCID, networkOrder_); }
 
-unsigned long SORecord::GetFileID() const {
-  return InRecordOrder(header_->fileID, networkOrder_);
-}
+unsigned long SORecord::GetFileID() const { return InRecordOrder(header_->fileID, networkOrder_); }
 
 void SORecord::SetSize(unsigned long size) { header_->size = InRecordOrder(size, networkOrder_); }
 

@@ -118,8 +118,8 @@ void Convert(_SegmentDBRecord* dst, const _SegmentDBRecord* src, unsigned int fl
 
   if ((flags & CR_SO_CONVERT_DROP_TASKIDS) != 0) {
     dst->ntaskid = 0;
-    dst->recsize = InRecordOrder(static_cast<uint32_t>(RecordSize(0, ndo, src->fptype)),
-                                 !srcNetwork);
+    dst->recsize =
+        InRecordOrder(static_cast<uint32_t>(RecordSize(0, ndo, src->fptype)), !srcNetwork);
     copyDO(dst, src, 0, ntaskid, ndo);
     copyTrailer(dst, src, 0, ntaskid, ndo);
     return;
@@ -167,8 +167,7 @@ class InPlaceConversion {
 const char* FingerprintText(const _SegmentDBRecord* r, uint32_t i, char* buffer, size_t length) {
   const unsigned int width = FingerprintWidth(r->fptype);
   crfp_digest_t digest{};
-  std::memcpy(digest.digest, Base(r) + FingerprintsOffset(r->ntaskid) + uint64_t{width} * i,
-              width);
+  std::memcpy(digest.digest, Base(r) + FingerprintsOffset(r->ntaskid) + uint64_t{width} * i, width);
   const char* text = CRFPDigestToString_r(&digest, r->fptype, buffer, length);
   return text != nullptr ? text : "";
 }
@@ -224,8 +223,7 @@ cr_status_t SegmentRecordValidate(const _SegmentDBRecord* record, unsigned int s
   return CR_STATUS_SUCCESS;
 }
 
-cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out,
-                                   unsigned long* outSize) {
+cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigned long* outSize) {
   if (record == nullptr || out == nullptr || outSize == nullptr) {
     return CR_STATUS_MISSING_ARGUMENT;
   }
@@ -265,9 +263,8 @@ std::ostream& SegmentRecordToStream(std::ostream& os, _SegmentDBRecord& record, 
   }
   InPlaceConversion inHostOrder(&record, net, false);
   const _SegmentDBRecord& r = record;
-  os << r.type << ',' << 1 << ',' << r.flags << ',' << r.DCID << ',' << r.fileID << ','
-     << r.size << ',' << r.CRC << ',' << unsigned{r.fptype} << ",," << r.ntaskid << ','
-     << r.ndo << ",[";
+  os << r.type << ',' << 1 << ',' << r.flags << ',' << r.DCID << ',' << r.fileID << ',' << r.size
+     << ',' << r.CRC << ',' << unsigned{r.fptype} << ",," << r.ntaskid << ',' << r.ndo << ",[";
   const unsigned char* taskIDs = Base(&r) + CR_SO_FIXED_SIZE;
   for (uint32_t i = 0; i < r.ntaskid; ++i) {
     if (i != 0) os << ',';

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -76,11 +77,12 @@ class ContainerPlacer {
   ContainerPlacer(uint64_t containerSize, uint64_t firstDcid);
   Placement Place(const unsigned char* fingerprint, size_t width, uint32_t size);
 
-  uint64_t containers() const { return used_ == 0 && next_ == first_ ? 0 : next_ - first_ + 1; }
+  uint64_t containers() const { return opened_; }
   uint64_t distinctSegments() const { return seen_.size(); }
   uint64_t distinctBytes() const { return distinctBytes_; }
   uint64_t firstDcid() const { return first_; }
-  uint64_t lastDcid() const { return next_; }
+  // The DCID of the container opened last; meaningless before the first.
+  uint64_t lastDcid() const { return current_; }
 
  private:
   struct Slot {
@@ -89,8 +91,9 @@ class ContainerPlacer {
   };
   uint64_t containerSize_;
   uint64_t first_;
-  uint64_t next_;  // the container being filled
-  uint64_t used_;  // bytes used in it
+  uint64_t opened_ = 0;   // containers opened so far
+  uint64_t current_ = 0;  // the container being filled
+  uint64_t used_ = 0;     // bytes used in it
   uint64_t distinctBytes_ = 0;
   std::unordered_map<std::string, Slot> seen_;
 };
@@ -139,6 +142,11 @@ std::string CheckBuildOptions(const BuildOptions& options);
 // bits for DO type 5), or the library's refusal.
 Built BuildRecord(ByteSource& source, const std::string& name, const BuildOptions& options,
                   const ProgressFn& progress = ProgressFn());
+
+// The summary of a build: bytes, segments, distinct segments and dedup
+// ratio, containers, record size, serialized size and digest.
+void PrintBuildSummary(const std::string& name, const Built& built, const BuildOptions& options,
+                       std::ostream& out);
 
 // The k bit positions of a fingerprint in a Bloom bitmap of `bits` bits.
 // Exposed for tests; k = kBloomHashes.

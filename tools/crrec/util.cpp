@@ -163,26 +163,40 @@ std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit) {
   return data;
 }
 
-void WriteFile(const std::string& path, const void* data, size_t n) {
-  Fd out{path == "-" ? 1
-                     : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666),
-         path != "-"};
-  if (out.fd < 0) Unsound(path, "cannot create: " + ErrnoText(errno));
+OutputFile::OutputFile(const std::string& path)
+    : path_(path),
+      fd_(path == "-" ? 1 : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+  if (fd_ < 0) Unsound(path, "cannot create: " + ErrnoText(errno));
+}
+
+OutputFile::~OutputFile() {
+  if (fd_ > 1) ::close(fd_);
+}
+
+void OutputFile::Write(const void* data, size_t n) {
   const unsigned char* p = static_cast<const unsigned char*>(data);
   while (n > 0) {
-    ssize_t put = ::write(out.fd, p, n);
+    ssize_t put = ::write(fd_, p, n);
     if (put < 0) {
       if (errno == EINTR) continue;
-      Unsound(path, "cannot write: " + ErrnoText(errno));
+      Unsound(path_, "cannot write: " + ErrnoText(errno));
     }
     p += put;
     n -= static_cast<size_t>(put);
   }
-  if (out.owned) {
-    int fd = out.fd;
-    out.fd = -1;
-    if (::close(fd) != 0) Unsound(path, "cannot write: " + ErrnoText(errno));
-  }
+}
+
+void OutputFile::Close() {
+  if (fd_ <= 1) return;
+  const int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) Unsound(path_, "cannot write: " + ErrnoText(errno));
+}
+
+void WriteFile(const std::string& path, const void* data, size_t n) {
+  OutputFile out(path);
+  out.Write(data, n);
+  out.Close();
 }
 
 namespace {

@@ -54,6 +54,21 @@ std::string UtcTime(uint32_t seconds);
 // a usage error (the command line named it); one over `limit` bytes is
 // refused as unsound with the reason "larger than ...".
 std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit);
+// A file being written ("-": standard output); failures exit 1.
+class OutputFile {
+ public:
+  explicit OutputFile(const std::string& path);
+  ~OutputFile();  // closes without reporting; call Close to learn of failures
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  void Write(const void* data, size_t n);
+  void Close();
+
+ private:
+  std::string path_;
+  int fd_;
+};
+
 // Writes the bytes to path ("-": standard output); failures exit 1.
 void WriteFile(const std::string& path, const void* data, size_t n);
 

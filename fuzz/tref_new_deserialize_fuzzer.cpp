@@ -1,0 +1,10 @@
+// libFuzzer target: CRTRefNewDeserialize.
+#include <cstddef>
+#include <cstdint>
+
+#include "fuzz_targets.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  crfuzz::FuzzTRefNewDeserialize(data, size);
+  return 0;
+}

@@ -1,0 +1,955 @@
+// Allocation-failure sweeps: every constructor, builder, serializer and
+// reference operation is run with its first, second, third ... allocation
+// failing until it runs through. Each failure must come out as the status
+// or exception named for it (status 22 for record buffers and serialized
+// output, std::bad_alloc for a set node, a map node, a raw reference or a
+// TRef pool block), must leave the object as it was or leave no object, and
+// must keep no allocation. The allocator is described in failing_allocator.h.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <boost/pool/singleton_pool.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "alloc/failing_allocator.h"
+#include "crrecord/DORecord.h"
+#include "crrecord/SORecord.h"
+#include "crrecord/SOmarshall.h"
+#include "serialized_form.h"
+#include "test_support.h"
+
+namespace {
+
+using crtest::Bytes;
+using crtest::Describe;
+using crtest::Outcome;
+using crtest::SweepAllocationFailures;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+// The TRef pool as the library declares it: the same template arguments
+// name the same process-wide pool.
+typedef boost::singleton_pool<Cr_TRef_Pool_Tag, 16u, boost::default_user_allocator_new_delete,
+                              std::mutex, 32u, 0u>
+    TRefPool;
+
+const char kBadAlloc[] = "bad_alloc";
+const char kCreateFailed[] = "throw 22: Not enough memory to create DORecord.";
+const char kExpandFailed[] = "throw 22: Not enough memory to expand a DO record.";
+const char kCorruptTRefs[] = "throw 22: Received a buffer with corrupt typed references.";
+const char kReturned22[] = "return 22";
+
+constexpr unsigned int kOldTime = 1000;  // any stamp of mtime shows
+constexpr unsigned long kWarmChunks = 4096;
+
+// Makes the pool take enough blocks for every test here, so that making a
+// Cr_TRef allocates nothing more: the sweeps then see the raw references
+// and the set nodes alone, and the pool's own failure is tested apart.
+void WarmTRefPool() {
+  std::vector<boost::intrusive_ptr<Cr_TRef>> refs;
+  refs.reserve(kWarmChunks);
+  for (unsigned long id = 1; id <= kWarmChunks; ++id) refs.emplace_back(new Cr_TRef(id));
+}
+
+class WarmPoolEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override { WarmTRefPool(); }
+};
+::testing::Environment* const kWarmPool =
+    ::testing::AddGlobalTestEnvironment(new WarmPoolEnvironment);
+
+// Log lines kept in fixed storage: a sink that allocated would count
+// against the operations it watches.
+class FixedLog {
+ public:
+  static constexpr int kLines = 8;
+  static void Install() {
+    Clear();
+    CRLogSetSink(&Sink, nullptr);
+  }
+  static void Uninstall() { CRLogSetSink(nullptr, nullptr); }
+  static void Clear() { count_ = 0; }
+  static int Count() { return count_; }
+  static std::string Text(int i) { return text_[i]; }
+  static cr_status_t Status(int i) { return status_[i]; }
+
+ private:
+  static void Sink(cr_log_level_t, cr_status_t status, const char* message, void*) {
+    if (count_ == kLines) return;
+    std::strncpy(text_[count_], message, sizeof text_[count_] - 1);
+    text_[count_][sizeof text_[count_] - 1] = '\0';
+    status_[count_] = status;
+    ++count_;
+  }
+  static inline char text_[kLines][1024];
+  static inline cr_status_t status_[kLines];
+  static inline int count_ = 0;
+};
+
+// --- Records for the sweeps ------------------------------------------------
+
+// Three segments of 100, 200 and 300 bytes in containers 500, 70 and 500.
+std::vector<crtest::Seg> TypeTwoSegments() {
+  return {{crtest::PatternFP(0x10, 16), 100, 0, 0, 500},
+          {crtest::PatternFP(0x40, 16), 200, 0, 0, 70},
+          {crtest::PatternFP(0x70, 16), 300, 0, 0, 500}};
+}
+
+std::vector<unsigned long> Dcids(const std::vector<crtest::Seg>& segs) {
+  std::vector<unsigned long> dcids;
+  for (const crtest::Seg& s : segs) dcids.push_back(s.dcid);
+  return dcids;
+}
+
+// A DO type 2 record that owns a buffer of exactly its size, so that its
+// first added reference must grow it. Times are fixed and old.
+DORecord* NewTightRecord() {
+  const std::vector<crtest::Seg> segs = TypeTwoSegments();
+  const Bytes list = crtest::SegmentList(CR_DO_TYPE_NO_OFFSET, segs);
+  const std::vector<unsigned long> dcids = Dcids(segs);
+  return new DORecord(900, 600, 4096, 77, kOldTime, kOldTime, list.data(), 3, dcids.data(),
+                      nullptr, CR_FP_TYPE_SHA256_16, CR_DO_TYPE_NO_OFFSET);
+}
+
+DORecord* NewBloomRecord(const std::vector<crtest::UEntry>& entries) {
+  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(64);
+  const std::vector<uint8_t> block = crtest::HostUniqueDcids(entries);
+  return new DORecord(900, 600, 4096, 77, kOldTime, kOldTime, 64, bitmap.data(),
+                      reinterpret_cast<const char*>(block.data()), CR_FP_TYPE_SHA256_16,
+                      CR_DO_TYPE_BLOOM_FILTER);
+}
+
+_cr_tref_t* NewRawRef(cr_reftype_t kind, uint8_t seed) {
+  const uint8_t payload[6] = {seed, 1, 2, 3, 4, 5};
+  return CRTRefNew(kind, payload, sizeof payload);
+}
+
+// Everything a failed operation must leave as it was. The typed-reference
+// section is written from the sets first, so that its bytes stand for them.
+struct RecordImage {
+  const DORecordHeader* buffer;
+  unsigned long allocated;
+  bool owns;
+  unsigned int mode;
+  bool network;
+  std::vector<uint8_t> bytes;
+  std::vector<std::vector<const Cr_TRef*>> refs;
+
+  bool operator==(const RecordImage& o) const {
+    return buffer == o.buffer && allocated == o.allocated && owns == o.owns && mode == o.mode &&
+           network == o.network && bytes == o.bytes && refs == o.refs;
+  }
+};
+
+RecordImage Image(const DORecord& r) {
+  RecordImage image;
+  image.buffer = r.GetHeader();
+  image.allocated = r.GetAllocatedSize();
+  image.owns = r.OwnsBuffer();
+  image.mode = r.GetBufferMode();
+  image.network = r.IsInNetworkOrder();
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(image.buffer);
+  image.bytes.assign(p, p + r.getRecSize());
+  for (unsigned int kind = 0; kind < CR_TREF_TYPE_END; ++kind) {
+    std::vector<const Cr_TRef*> set;
+    const cr_reftype_t k = static_cast<cr_reftype_t>(kind);
+    for (auto it = r.GetTRefTypeBegin(k); it != r.GetTRefTypeEnd(k); ++it) set.push_back(it->get());
+    image.refs.push_back(set);
+  }
+  return image;
+}
+
+// The same with the mtime field left out, for the operations that stamp it
+// before they allocate.
+RecordImage ImageWithoutMTime(const DORecord& r) {
+  RecordImage image = Image(r);
+  std::memset(image.bytes.data() + offsetof(DORecordHeader, mtime), 0, 4);
+  return image;
+}
+
+// The sizes that every change of the sets keeps in step.
+void ExpectSizesInStep(const DORecord& r) {
+  EXPECT_EQ(r.getTRefsSize(), r.calcTRefsSize());
+  EXPECT_EQ(r.getRecSize(), r.calcRecSize());
+  EXPECT_GE(r.GetAllocatedSize(), r.getRecSize());
+}
+
+class AllocFailureTest : public ::testing::Test {
+ protected:
+  void SetUp() override { FixedLog::Install(); }
+  void TearDown() override { FixedLog::Uninstall(); }
+};
+
+// --- The allocator itself --------------------------------------------------
+
+// Without this the sweeps below would pass without failing anything.
+TEST_F(AllocFailureTest, AllocatorFailsExactlyTheChosenAllocationOfEveryKind) {
+  crtest::FailAllocationAt(0);
+  EXPECT_EQ(std::malloc(8), nullptr);
+  EXPECT_EQ(errno, ENOMEM);
+  void* second = std::malloc(8);
+  EXPECT_TRUE(crtest::StopFailingAllocations());
+  EXPECT_NE(second, nullptr);
+  std::free(second);
+
+  crtest::FailAllocationAt(1);
+  void* first = std::calloc(1, 8);
+  EXPECT_EQ(std::realloc(first, 4096), nullptr);  // the block stays as it was
+  EXPECT_TRUE(crtest::StopFailingAllocations());
+  std::free(first);
+
+  crtest::FailAllocationAt(0);
+  EXPECT_THROW(delete new int(5), std::bad_alloc);
+  EXPECT_TRUE(crtest::StopFailingAllocations());
+
+  crtest::FailAllocationAt(1);
+  int* kept = new int(6);
+  EXPECT_EQ(new (std::nothrow) char[16], nullptr);
+  EXPECT_TRUE(crtest::StopFailingAllocations());
+  EXPECT_EQ(crtest::AllocationsSinceArmed(), 2u);
+  delete kept;
+}
+
+TEST_F(AllocFailureTest, LiveCountFollowsEveryAllocationAndRelease) {
+  const long before = crtest::LiveAllocations();
+  void* a = std::malloc(10);
+  void* b = std::calloc(2, 10);
+  int* c = new int(1);
+  EXPECT_EQ(crtest::LiveAllocations(), before + 3);
+  a = std::realloc(a, 100000);  // moves, still one block
+  EXPECT_EQ(crtest::LiveAllocations(), before + 3);
+  std::free(a);
+  std::free(b);
+  delete c;
+  EXPECT_EQ(crtest::LiveAllocations(), before);
+}
+
+// --- Constructors and builders ----------------------------------------------
+
+TEST_F(AllocFailureTest, SegmentListConstructorOfEveryDOTypeFailsWithStatus22AndNoObject) {
+  for (uint8_t dotype : {0, 1, 2, 3, 5}) {
+    SCOPED_TRACE(int{dotype});
+    const std::vector<crtest::Seg> segs = crtest::ThreeSegments(CR_FP_TYPE_SHA256);
+    const Bytes list = crtest::SegmentList(dotype, segs);
+    const std::vector<unsigned long> dcids = Dcids(segs);
+    const std::vector<Outcome> failures = SweepAllocationFailures(
+        [&] {
+          DORecord r(900, 10000, 4096, 7, 0, 0, list.data(), 3, dcids.data(), nullptr,
+                     CR_FP_TYPE_SHA256, dotype);
+        },
+        [](const Outcome&) {});
+    EXPECT_THAT(Describe(failures), ElementsAre(kCreateFailed));
+  }
+}
+
+TEST_F(AllocFailureTest, BloomConstructorFailsWithStatus22AndNoObject) {
+  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(100);
+  const std::vector<uint8_t> block = crtest::HostUniqueDcids({{70, 10}, {500, 20}});
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        DORecord r(900, 30, 4096, 7, 0, 0, 100, bitmap.data(),
+                   reinterpret_cast<const char*>(block.data()), CR_FP_TYPE_MD5,
+                   CR_DO_TYPE_BLOOM_FILTER);
+      },
+      [](const Outcome&) {});
+  EXPECT_THAT(Describe(failures), ElementsAre(kCreateFailed));
+}
+
+// The reader reports its failed allocation as status 22, which the buffer
+// constructor throws without a message.
+TEST_F(AllocFailureTest, BufferConstructorWithoutBufferFailsWithStatus22AndNoMessage) {
+  const std::vector<uint8_t> serialized = crtest::Sealed(crtest::SerializedDO(
+      CR_DO_TYPE_8_BYTE_OFFSET, 10000, 4096, 0, crtest::ThreeSegments(CR_FP_TYPE_MD5)));
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        DORecord r(CR_DO_TYPE_8_BYTE_OFFSET, 2, 900, CR_FP_TYPE_MD5, nullptr, 0,
+                   serialized.data(), serialized.size(), false);
+        EXPECT_EQ(r.GetNfp(), 3u);
+      },
+      [](const Outcome&) {});
+  EXPECT_THAT(Describe(failures), ElementsAre("throw 22: "));
+
+  const std::vector<uint8_t> bloom =
+      crtest::SerializedBloom(30, 4096, crtest::PatternBitmap(40), {{70, 10}, {500, 20}});
+  const std::vector<Outcome> bloomFailures = SweepAllocationFailures(
+      [&] {
+        DORecord r(CR_DO_TYPE_BLOOM_FILTER, 2, 900, CR_FP_TYPE_MD5, nullptr, 0, bloom.data(),
+                   bloom.size(), false);
+      },
+      [](const Outcome&) {});
+  EXPECT_THAT(Describe(bloomFailures), ElementsAre("throw 22: "));
+}
+
+TEST_F(AllocFailureTest, BufferConstructorInCallersBufferAllocatesNothing) {
+  const std::vector<uint8_t> serialized = crtest::SerializedDO(
+      CR_DO_TYPE_NO_SIZE, 10000, 4096, 0, crtest::ThreeSegments(CR_FP_TYPE_SHA256_16));
+  std::vector<uint64_t> buffer(512);  // 8-byte aligned, 4096 bytes
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        DORecord r(CR_DO_TYPE_NO_SIZE, 2, 900, CR_FP_TYPE_SHA256_16, buffer.data(), 4096,
+                   serialized.data(), serialized.size(), false);
+      },
+      [](const Outcome&) {});
+  EXPECT_THAT(failures, IsEmpty());
+}
+
+// The caller's buffer, malloc'ed as GetHeader handed it out, for the stored
+// constructor; it is freed here unless a record took it over.
+struct CallerBuffer {
+  explicit CallerBuffer(const std::vector<uint8_t>& image) : size(image.size()), original(image) {
+    bytes = static_cast<DORecordHeader*>(std::malloc(size));
+    std::memcpy(bytes, image.data(), size);
+  }
+  ~CallerBuffer() {
+    if (!handedOver) std::free(bytes);
+  }
+  CallerBuffer(CallerBuffer&& o) noexcept
+      : bytes(o.bytes), size(o.size), original(std::move(o.original)), handedOver(o.handedOver) {
+    o.handedOver = true;
+  }
+  bool Unchanged() const { return std::memcmp(bytes, original.data(), size) == 0; }
+
+  DORecordHeader* bytes;
+  size_t size;
+  std::vector<uint8_t> original;
+  bool handedOver = false;
+};
+
+std::vector<uint8_t> StoredImage(const DORecord& r) {
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(r.GetHeader());
+  return std::vector<uint8_t>(p, p + r.getRecSize());
+}
+
+// The stored record's references are decoded one by one: a failed raw
+// reference comes back from the typed-reference library as status 22, a
+// failed set node as std::bad_alloc. The caller's buffer keeps its bytes
+// and stays the caller's until the record is complete.
+TEST_F(AllocFailureTest, StoredConstructorLoadingReferencesLeavesCallersBufferUntouched) {
+  std::vector<uint8_t> image;
+  {
+    std::unique_ptr<DORecord> source(NewTightRecord());
+    source->AddTaskID(5ul);
+    source->AddTaskID(7ul);
+    source->AddDSID(9u);
+    image = StoredImage(*source);
+  }
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return CallerBuffer(image); },
+      [](CallerBuffer& b) {
+        DORecord r(b.bytes, b.size, 2);
+        b.handedOver = true;
+        EXPECT_EQ(r.GetNtaskid(), 2u);
+        EXPECT_EQ(r.GetNds(), 1u);
+      },
+      [](CallerBuffer& b, const Outcome& o) {
+        if (o.injected) {
+          EXPECT_FALSE(b.handedOver);
+          EXPECT_TRUE(b.Unchanged());
+        }
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kCorruptTRefs, kBadAlloc, kCorruptTRefs, kBadAlloc,
+                                              kCorruptTRefs, kBadAlloc));
+}
+
+// A stored record of an older kind: two old task IDs and one old DSID
+// behind the header, then a DO type 1 segment list of two segments.
+std::vector<uint8_t> OldListsImage() {
+  const uint32_t recsize = 80 + 2 * 8 + 4 + 2 * 16 + 2 * 8;
+  Bytes b;
+  b.le16(3).le16(2).le32(recsize).le32(0).le32(0);       // type, flags, recsize, reserved, checktime
+  b.le64(900).le64(8000).le64(4096).le32(77);            // CID, size, ssize, CRC
+  b.le32(kOldTime).le32(kOldTime);                       // ctime, mtime
+  b.le32(2).le32(2).le32(0).le32(1).le32(0).le32(0);     // ntaskid, nfp, nudcid, nds, trefsize, bsize
+  b.u8(CR_FP_TYPE_MD5).u8(CR_DO_TYPE_NO_SIZE).zeros(2);  // fptype, dotype, reserved
+  b.le64(31).le64(17).le32(4);                           // old task IDs, old DSID
+  b.raw(crtest::PatternFP(1, 16).data(), 16).raw(crtest::PatternFP(2, 16).data(), 16);
+  b.le64(64).le64(65);
+  return b.vec();
+}
+
+// The conversion works on a copy (status 22 when there is none), then adds
+// 10 bytes per task ID, which fit the place of the old lists, and 6 for the
+// DSID, which does not: the copy must grow.
+TEST_F(AllocFailureTest, StoredConstructorConvertingOldListsLeavesCallersBufferUntouched) {
+  const std::vector<uint8_t> image = OldListsImage();
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return CallerBuffer(image); },
+      [](CallerBuffer& b) {
+        DORecord r(b.bytes, b.size, 2);
+        b.handedOver = true;
+        EXPECT_TRUE(r.HasTaskID(31));
+        EXPECT_TRUE(r.HasDSID(4));
+      },
+      [](CallerBuffer& b, const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(b.Unchanged());
+      });
+  EXPECT_THAT(Describe(failures),
+              ElementsAre("throw 22: Not enough memory to copy a DO record.", kBadAlloc, kBadAlloc,
+                          kBadAlloc, kBadAlloc, kBadAlloc, kBadAlloc, kExpandFailed));
+}
+
+TEST_F(AllocFailureTest, SORecordConstructorLogsAndThrowsStatus22) {
+  const QorKey key = {};
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { SORecord r(2, 64, 4096, 7, key, 0, CR_FP_TYPE_MD5); }, [](const Outcome&) {});
+  EXPECT_THAT(Describe(failures),
+              ElementsAre("throw 22: SORecord: memory allocation of 104 bytes failed!"));
+  ASSERT_EQ(FixedLog::Count(), 1);
+  EXPECT_EQ(FixedLog::Status(0), 22u);
+  EXPECT_EQ(FixedLog::Text(0), "SORecord: memory allocation of 104 bytes failed!");
+}
+
+// --- Buffer growth -----------------------------------------------------------
+
+TEST_F(AllocFailureTest, ExpandInReallocModeKeepsTheOldBuffer) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  const RecordImage before = Image(*r);
+  const unsigned int needed = r->getRecSize() + 1;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { r->expand(needed); },
+      [&](const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(Image(*r) == before);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kExpandFailed));
+  EXPECT_EQ(r->GetAllocatedSize(), static_cast<unsigned long>(sysconf(_SC_PAGESIZE)));
+}
+
+TEST_F(AllocFailureTest, ExpandInCopyModeKeepsTheCallersBufferAndMode) {
+  const std::vector<uint8_t> serialized = crtest::SerializedDO(
+      CR_DO_TYPE_ORIGINAL, 10000, 4096, 0, crtest::ThreeSegments(CR_FP_TYPE_SHA256_16));
+  std::vector<uint64_t> buffer(64);  // 512 bytes, 8-byte aligned
+  DORecord r(CR_DO_TYPE_ORIGINAL, 2, 900, CR_FP_TYPE_SHA256_16, buffer.data(), 512,
+             serialized.data(), serialized.size(), false);
+  const std::vector<uint64_t> callers = buffer;
+  const RecordImage before = Image(r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { r.expand(513); },
+      [&](const Outcome& o) {
+        if (o.injected) {
+          EXPECT_TRUE(Image(r) == before);
+          EXPECT_EQ(r.GetBufferMode(), 1u);
+          EXPECT_FALSE(r.OwnsBuffer());
+        }
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kExpandFailed));
+  EXPECT_EQ(r.GetBufferMode(), 2u);
+  EXPECT_TRUE(r.OwnsBuffer());
+  EXPECT_EQ(buffer, callers);
+}
+
+// --- Serialization and stream forms --------------------------------------------
+
+TEST_F(AllocFailureTest, SerializeReturnsTheMappedStatusAndLogsTheSize) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  const RecordImage before = Image(*r);
+  void* out = reinterpret_cast<void*>(1);
+  unsigned long outSize = 12345;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        FixedLog::Clear();
+        return r->Serialize(&out, &outSize, true);
+      },
+      [&](const Outcome& o) {
+        if (!o.injected) return;
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(outSize, 12345u);
+        EXPECT_TRUE(Image(*r) == before);
+        ASSERT_EQ(FixedLog::Count(), 1);
+        EXPECT_EQ(FixedLog::Status(0), 22u);
+        // 28-byte head, 3 x (33 text + 4 size + 8 DCID), one zero byte.
+        EXPECT_EQ(FixedLog::Text(0),
+                  "Could not serialize DO: malloc failed for 164 bytes (out of memory)");
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22));
+  EXPECT_EQ(outSize, 164u);
+  DORecord::SerializedDORecordFree(&out);
+}
+
+TEST_F(AllocFailureTest, SerializeBloomFilterDOReturnsTheMappedStatusAndLogsTheSize) {
+  std::unique_ptr<DORecord> r(NewBloomRecord({{70, 10}, {500, 20}}));
+  void* out = nullptr;
+  unsigned long outSize = 0;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        FixedLog::Clear();
+        return r->Serialize(&out, &outSize, false);
+      },
+      [&](const Outcome& o) {
+        if (!o.injected) return;
+        EXPECT_EQ(out, nullptr);
+        ASSERT_EQ(FixedLog::Count(), 1);
+        // 56 + 64 bitmap bytes + 2 entries of 16.
+        EXPECT_EQ(FixedLog::Text(0),
+                  "Could not serialize DO: malloc failed for 152 bytes (out of memory)");
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22));
+  DORecord::SerializedDORecordFree(&out);
+}
+
+TEST_F(AllocFailureTest, SegmentRecordSerializeReturnsTheMappedStatusAndLogsTheSize) {
+  const QorKey key = {};
+  SORecord so(2, 64, 4096, 7, key, 0, CR_FP_TYPE_MD5);
+  void* out = nullptr;
+  unsigned long outSize = 99;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        FixedLog::Clear();
+        return SegmentRecordSerialize(so.GetHeader(), &out, &outSize);
+      },
+      [&](const Outcome& o) {
+        if (!o.injected) return;
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(outSize, 99u);
+        ASSERT_EQ(FixedLog::Count(), 1);
+        EXPECT_EQ(FixedLog::Status(0), 22u);
+        EXPECT_EQ(FixedLog::Text(0),
+                  "Could not serialize SO: malloc failed for 33 bytes (out of memory)");
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22));
+  EXPECT_EQ(outSize, 33u);
+  std::free(out);
+}
+
+// A stream that throws lets the failure of its own buffer through; the
+// record must come out as it went in.
+TEST_F(AllocFailureTest, TextFormPassesTheStreamsFailureOnAndChangesNothing) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  r->AddTaskID(5ul);
+  const RecordImage before = Image(*r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        std::ostringstream os;
+        os.exceptions(std::ios::badbit);
+        r->ToStream(os, false);
+      },
+      [&](const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(Image(*r) == before);
+      });
+  EXPECT_THAT(Describe(failures), Not(IsEmpty()));
+  EXPECT_THAT(Describe(failures), Each(kBadAlloc));
+}
+
+TEST_F(AllocFailureTest, BinaryFormOfANetworkOrderRecordIsPutBackWhenTheStreamFails) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  r->AddDSID(3u);
+  r->HostToNetwork(0);
+  const RecordImage before = Image(*r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        std::ostringstream os;
+        os.exceptions(std::ios::badbit);
+        r->ToStream(os, true);
+      },
+      [&](const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(Image(*r) == before);
+      });
+  EXPECT_THAT(Describe(failures), Not(IsEmpty()));
+  EXPECT_THAT(Describe(failures), Each(kBadAlloc));
+  EXPECT_TRUE(r->IsInNetworkOrder());
+}
+
+TEST_F(AllocFailureTest, SegmentRecordStreamFormsPutTheRecordBackWhenTheStreamFails) {
+  const QorKey key = {};
+  SORecord so(2, 64, 4096, 7, key, 0, CR_FP_TYPE_MD5);
+  std::vector<uint8_t> before(104);
+  std::memcpy(before.data(), so.GetHeader(), 104);
+  for (bool binary : {true, false}) {
+    SCOPED_TRACE(binary);
+    const std::vector<Outcome> failures = SweepAllocationFailures(
+        [&] {
+          std::ostringstream os;
+          os.exceptions(std::ios::badbit);
+          SegmentRecordToStream(os, *so.GetHeader(), binary);
+        },
+        [&](const Outcome&) { EXPECT_EQ(std::memcmp(so.GetHeader(), before.data(), 104), 0); });
+    EXPECT_THAT(Describe(failures), Each(kBadAlloc));
+  }
+}
+
+// --- Digest ------------------------------------------------------------------------
+
+TEST_F(AllocFailureTest, GetDigestNamesTheBlockAndTheDigestObjectFailures) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  const RecordImage before = Image(*r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        cr_tdigest_t* digest = r->GetDigest();
+        EXPECT_NE(digest, nullptr);
+        CRTDigestDelete(&digest);
+      },
+      [&](const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(Image(*r) == before);
+      });
+  EXPECT_THAT(Describe(failures),
+              ElementsAre("throw 22: Failed to allocate memeory for DO buffer.",
+                          "throw 22: Couldn't allocate enough memory to store the digest of a "
+                          "DORecord"));
+}
+
+TEST_F(AllocFailureTest, GetDigestOfABloomRecordAllocatesOnlyTheDigestObject) {
+  std::unique_ptr<DORecord> r(NewBloomRecord({{70, 10}}));
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] {
+        cr_tdigest_t* digest = r->GetDigest();
+        CRTDigestDelete(&digest);
+      },
+      [](const Outcome&) {});
+  EXPECT_THAT(Describe(failures),
+              ElementsAre("throw 22: Couldn't allocate enough memory to store the digest of a "
+                          "DORecord"));
+}
+
+// --- Unique-DCID list --------------------------------------------------------------
+
+// Gathering the containers and growing the buffer both report 22 and leave
+// the record as it was.
+TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListReturns22AndChangesNothing) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  const RecordImage before = Image(*r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return r->AppendBloomAndUniqueDCIDList(); },
+      [&](const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(Image(*r) == before);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22, kReturned22));
+  ASSERT_EQ(r->GetNudcid(), 2u);
+  EXPECT_EQ(r->GetSegmentUDCID(0), 70u);
+  EXPECT_EQ(r->GetSegmentUDCID(1), 500u);
+}
+
+// The Bloom list is gathered into a vector (22 when it cannot be had) and
+// sorted; a sort without its scratch buffer sorts in place and succeeds.
+TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListOfABloomRecord) {
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] { return std::unique_ptr<DORecord>(NewBloomRecord({{500, 20}, {70, 10}})); },
+      [](std::unique_ptr<DORecord>& r) { return r->AppendBloomAndUniqueDCIDList(); },
+      [](std::unique_ptr<DORecord>& r, const Outcome& o) {
+        if (o.status != 0) return;
+        ASSERT_EQ(r->GetNudcid(), 2u);
+        EXPECT_EQ(r->GetSegmentUDCID(0), 70u);
+        EXPECT_EQ(r->GetSegmentUDCID(1), 500u);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22, "return 0"));
+}
+
+// Three map nodes (two listed containers and the record's own); the map
+// keeps what was inserted before the failure.
+TEST_F(AllocFailureTest, GetUDCIDSizeListReturns22AndLogsIt) {
+  std::unique_ptr<DORecord> r(NewBloomRecord({{70, 10}, {500, 20}}));
+  const RecordImage before = Image(*r);
+  const unsigned long body = r->GetDOSize();
+  typedef std::map<unsigned long, unsigned long> SizeMap;
+  const SizeMap listed{{70, 10}, {500, 20}};
+  size_t run = 0;  // the run that fails its k-th allocation inserted k entries
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] {
+        FixedLog::Clear();
+        return SizeMap{{1, 1}};
+      },
+      [&](SizeMap& sizes) { return r->GetUDCIDSizeList(sizes); },
+      [&](SizeMap& sizes, const Outcome& o) {
+        const size_t inserted = run++;
+        EXPECT_TRUE(Image(*r) == before);
+        if (!o.injected) {
+          EXPECT_EQ(sizes, (SizeMap{{70, 10}, {500, 20}, {900, body}}));
+          return;
+        }
+        EXPECT_EQ(*__cr_errno_location(), 22u);
+        ASSERT_EQ(FixedLog::Count(), 1);
+        EXPECT_EQ(FixedLog::Status(0), 22u);
+        EXPECT_EQ(FixedLog::Text(0),
+                  "GetUDCIDSizeList: failed to construct SO info vector, out of memory.");
+        SizeMap expected;
+        for (const auto& e : listed) {
+          if (expected.size() == inserted) break;
+          expected.insert(e);
+        }
+        EXPECT_EQ(sizes, expected);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22, kReturned22, kReturned22));
+}
+
+// AppendBloom returns 0 whatever happens; a map node that cannot be had
+// comes out as std::bad_alloc, and the entries added before it stay.
+TEST_F(AllocFailureTest, AppendBloomPassesAMapNodeFailureOn) {
+  std::unique_ptr<DORecord> r(NewBloomRecord({{70, 10}, {500, 20}}));
+  const RecordImage before = Image(*r);
+  typedef std::map<unsigned long, unsigned long> SizeMap;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] { return SizeMap{}; }, [&](SizeMap& dcids) { return r->AppendBloom(dcids); },
+      [&](SizeMap& dcids, const Outcome& o) {
+        EXPECT_TRUE(Image(*r) == before);
+        if (!o.injected) EXPECT_EQ(dcids, (SizeMap{{70, 10}, {500, 20}}));
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kBadAlloc, kBadAlloc));
+}
+
+// --- References ----------------------------------------------------------------
+
+// A new reference needs its raw reference and its set node (std::bad_alloc)
+// and, in a record without room, a bigger buffer (status 22); each failure
+// leaves the record as it was, the mtime included.
+TEST_F(AllocFailureTest, AddTaskIDAndAddDSIDLeaveTheRecordAsItWas) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  RecordImage before = Image(*r);
+  auto unchanged = [&](const Outcome& o) {
+    if (o.injected) EXPECT_TRUE(Image(*r) == before);
+  };
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->AddTaskID(7ul); }, unchanged)),
+              ElementsAre(kBadAlloc, kBadAlloc, kExpandFailed));
+  EXPECT_TRUE(r->HasTaskID(7));
+  ExpectSizesInStep(*r);
+
+  // The buffer now has room: no growth is asked for.
+  before = Image(*r);
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->AddDSID(3u); }, unchanged)),
+              ElementsAre(kBadAlloc, kBadAlloc));
+  EXPECT_TRUE(r->HasDSID(3));
+  ExpectSizesInStep(*r);
+}
+
+int AllActive(unsigned long, void*) { return 1; }
+
+// The purge before the addition stamps the mtime whatever follows.
+TEST_F(AllocFailureTest, AddTaskIDWithCallbackLeavesTheReferencesAsTheyWere) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  r->AddTaskID(3ul);
+  const RecordImage before = ImageWithoutMTime(*r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return r->AddTaskID(9ul, &AllActive, nullptr); },
+      [&](const Outcome& o) {
+        if (o.injected) EXPECT_TRUE(ImageWithoutMTime(*r) == before);
+      });
+  // The temporary, the record's own copy of it, the set node.
+  EXPECT_THAT(Describe(failures), ElementsAre(kBadAlloc, kBadAlloc, kBadAlloc));
+  EXPECT_TRUE(r->HasTaskID(9));
+}
+
+TEST_F(AllocFailureTest, OwnTRefUndoesItsInsertionWhenTheBufferCannotGrow) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  const RecordImage before = Image(*r);
+  boost::intrusive_ptr<Cr_TRef> ref(new Cr_TRef(NewRawRef(CR_TREF_TYPE_RETENTION, 1)));
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return r->OwnTRef(ref); },
+      [&](const Outcome& o) {
+        if (!o.injected) return;
+        EXPECT_TRUE(Image(*r) == before);
+        EXPECT_EQ(ref->UseCount(), 1u);  // the caller's count alone
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kBadAlloc, kExpandFailed));
+  EXPECT_EQ(ref->UseCount(), 2u);
+  ExpectSizesInStep(*r);
+}
+
+// A raw reference handed to OwnTRef is the record's, or released, once a
+// Cr_TRef holds it, whatever fails afterwards.
+struct RecordAndRawRef {
+  RecordAndRawRef() : record(NewTightRecord()), raw(NewRawRef(CR_TREF_TYPE_HOLD, 2)) {}
+  ~RecordAndRawRef() {
+    if (callerOwnsRaw) CRTRefDelete(&raw);
+  }
+  RecordAndRawRef(RecordAndRawRef&& o) noexcept
+      : record(std::move(o.record)), raw(o.raw), callerOwnsRaw(o.callerOwnsRaw) {
+    o.callerOwnsRaw = false;
+  }
+  std::unique_ptr<DORecord> record;
+  _cr_tref_t* raw;
+  bool callerOwnsRaw = true;
+};
+
+TEST_F(AllocFailureTest, OwnTRefOfARawReferenceTakesItOverInEveryOutcome) {
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] { return RecordAndRawRef(); },
+      [](RecordAndRawRef& s) {
+        s.callerOwnsRaw = false;
+        return s.record->OwnTRef(*s.raw);
+      },
+      [](RecordAndRawRef& s, const Outcome& o) {
+        if (o.injected) EXPECT_EQ(s.record->GetNTRefs(), 0u);
+        ExpectSizesInStep(*s.record);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kBadAlloc, kExpandFailed));
+}
+
+TEST_F(AllocFailureTest, AddTRefStoresACopyOrNothing) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  const RecordImage before = Image(*r);
+  _cr_tref_t* raw = NewRawRef(CR_TREF_TYPE_HOLD, 4);
+  auto unchanged = [&](const Outcome& o) {
+    if (o.injected) EXPECT_TRUE(Image(*r) == before);
+  };
+  // The copy, its set node, the bigger buffer.
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->AddTRef(*raw); }, unchanged)),
+              ElementsAre(kBadAlloc, kBadAlloc, kExpandFailed));
+  CRTRefDelete(&raw);
+  ExpectSizesInStep(*r);
+
+  const RecordImage afterFirst = Image(*r);
+  boost::intrusive_ptr<Cr_TRef> held(new Cr_TRef(NewRawRef(CR_TREF_TYPE_RETENTION, 5)));
+  EXPECT_THAT(Describe(SweepAllocationFailures(
+                  [&] { return r->AddTRef(held); },
+                  [&](const Outcome& o) {
+                    if (o.injected) EXPECT_TRUE(Image(*r) == afterFirst);
+                  })),
+              ElementsAre(kBadAlloc, kBadAlloc));
+  EXPECT_EQ(held->UseCount(), 1u);  // the record holds a copy, not this object
+  EXPECT_EQ(r->GetNTRefs(), 2u);
+}
+
+// Looking up or removing by raw reference or by ID makes one temporary.
+TEST_F(AllocFailureTest, LookupsAndRemovalsByValueFailOnlyOnTheirTemporary) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  r->AddTaskID(5ul);
+  r->AddDSID(6u);
+  _cr_tref_t* hold = NewRawRef(CR_TREF_TYPE_HOLD, 7);
+  r->AddTRef(*hold);
+  const RecordImage before = Image(*r);
+  auto unchanged = [&](const Outcome& o) {
+    if (o.injected) EXPECT_TRUE(Image(*r) == before);
+  };
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->CheckTRef(hold); }, unchanged)),
+              ElementsAre(kBadAlloc));
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->HasTaskID(5) ? 0 : 1; }, unchanged)),
+              ElementsAre(kBadAlloc));
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->HasDSID(6) ? 0 : 1; }, unchanged)),
+              ElementsAre(kBadAlloc));
+  EXPECT_THAT(Describe(SweepAllocationFailures([&] { return r->DelTRef(hold); }, unchanged)),
+              ElementsAre(kBadAlloc));
+  EXPECT_EQ(r->GetNTRefs(CR_TREF_TYPE_HOLD), 0u);
+  const RecordImage afterDel = Image(*r);
+  EXPECT_THAT(Describe(SweepAllocationFailures(
+                  [&] { return r->DelDSID(6u); },
+                  [&](const Outcome& o) {
+                    if (o.injected) EXPECT_TRUE(Image(*r) == afterDel);
+                  })),
+              ElementsAre(kBadAlloc));
+  EXPECT_EQ(r->GetNds(), 0u);
+  CRTRefDelete(&hold);
+  ExpectSizesInStep(*r);
+}
+
+// A section of three references: the growth first (status 22, nothing
+// changed), then per reference its raw reference (status 22 from the
+// typed-reference library) and its set node (std::bad_alloc). What was
+// loaded before a failure stays, counted in the sizes, and the mtime is
+// not stamped.
+TEST_F(AllocFailureTest, AddSerializedTRefsKeepsWhatItLoadedBeforeTheFailure) {
+  Bytes section;
+  section.u8(CR_TREF_TYPE_TASKID).u8(8).be64(11);
+  section.u8(CR_TREF_TYPE_DSID).u8(4).be32(12);
+  section.u8(CR_TREF_TYPE_HOLD).u8(3).u8(1).u8(2).u8(3);
+  const uint32_t sizes[] = {10, 6, 5};
+  size_t run = 0;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] { return std::unique_ptr<DORecord>(NewTightRecord()); },
+      [&](std::unique_ptr<DORecord>& r) {
+        r->AddSerializedTRefs(reinterpret_cast<const char*>(section.data()),
+                              static_cast<unsigned int>(section.size()));
+      },
+      [&](std::unique_ptr<DORecord>& r, const Outcome& o) {
+        const size_t k = run++;
+        ExpectSizesInStep(*r);
+        if (!o.injected) {
+          EXPECT_EQ(r->GetNTRefs(), 3u);
+          return;
+        }
+        // Run 0 fails the growth; runs 2i+1 and 2i+2 fail reference i.
+        const size_t loaded = k == 0 ? 0 : (k - 1) / 2;
+        EXPECT_EQ(r->GetNTRefs(), loaded);
+        uint32_t trefs = 0;
+        for (size_t i = 0; i < loaded; ++i) trefs += sizes[i];
+        EXPECT_EQ(r->getTRefsSize(), trefs);
+        EXPECT_EQ(r->GetMTime(), kOldTime);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kExpandFailed, kCorruptTRefs, kBadAlloc,
+                                              kCorruptTRefs, kBadAlloc, kCorruptTRefs, kBadAlloc));
+}
+
+// Changes that only remove, convert or read allocate nothing, so they
+// cannot fail for want of memory.
+TEST_F(AllocFailureTest, RemovingConvertingAndCheckingAllocateNothing) {
+  std::unique_ptr<DORecord> r(NewTightRecord());
+  r->AddTaskID(5ul);
+  r->AddTaskID(6ul);
+  r->AddDSID(7u);
+  boost::intrusive_ptr<Cr_TRef> dsid(new Cr_TRef(7u));
+  boost::intrusive_ptr<Cr_TRef> absent(new Cr_TRef(8u));
+  auto none = [](const Outcome&) {};
+  std::unique_ptr<DORecord> twin(NewTightRecord());
+  const std::vector<std::vector<Outcome>> sweeps = {
+      SweepAllocationFailures([&] { r->checkSegmentList(); }, none),
+      SweepAllocationFailures([&] { return r->CheckTRef(dsid); }, none),
+      SweepAllocationFailures([&] { return r->CheckTRef(absent); }, none),
+      SweepAllocationFailures([&] { return *r == *twin ? 0 : 1; }, none),
+      SweepAllocationFailures([&] { r->GetHeader(); }, none),
+      SweepAllocationFailures([&] { r->HostToNetwork(0); }, none),
+      SweepAllocationFailures([&] { r->NetworkToHost(0); }, none),
+      SweepAllocationFailures([&] { return r->DelTRef(dsid); }, none),
+      SweepAllocationFailures([&] { return r->RemoveInactiveTaskIDs(&AllActive, nullptr); }, none),
+      SweepAllocationFailures([&] { r->RemoveAllTRefs(); }, none),
+      SweepAllocationFailures([&] { r->ClearTRefType(CR_TREF_TYPE_DSID); }, none),
+  };
+  for (const std::vector<Outcome>& failures : sweeps) EXPECT_THAT(failures, IsEmpty());
+  EXPECT_EQ(r->GetNTRefs(), 0u);
+}
+
+// --- The TRef pool's own blocks ------------------------------------------------
+
+// With the pool emptied, the first Cr_TRef needs a new block: its failure
+// is std::bad_alloc and leaves no block and no reference behind.
+struct EmptyPoolRecord {
+  EmptyPoolRecord() : record(NewTightRecord()) {
+    TRefPool::purge_memory();  // no Cr_TRef is alive between the tests
+  }
+  std::unique_ptr<DORecord> record;
+};
+
+TEST_F(AllocFailureTest, TRefPoolBlockFailureIsBadAllocAndLeavesNothing) {
+  size_t run = 0;
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] { return EmptyPoolRecord(); },
+      [](EmptyPoolRecord& s) { return s.record->AddTaskID(7ul); },
+      [&](EmptyPoolRecord& s, const Outcome& o) {
+        if (run++ == 0) EXPECT_EQ(crtest::PoolBlocks(), 0);
+        if (o.injected) EXPECT_EQ(s.record->GetNTRefs(), 0u);
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kBadAlloc, kBadAlloc, kBadAlloc, kExpandFailed));
+  WarmTRefPool();
+}
+
+// When no Cr_TRef can be made for a raw reference, it stays the caller's.
+TEST_F(AllocFailureTest, OwnTRefLeavesTheRawReferenceToTheCallerWhenNoCrTRefCanBeMade) {
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [] {
+        RecordAndRawRef s;
+        TRefPool::purge_memory();
+        return s;
+      },
+      [](RecordAndRawRef& s) {
+        s.callerOwnsRaw = false;
+        return s.record->OwnTRef(*s.raw);
+      },
+      [](RecordAndRawRef& s, const Outcome& o) {
+        // The pool had no block to give: nothing holds the raw reference.
+        if (o.injected && crtest::PoolBlocks() == 0) s.callerOwnsRaw = true;
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kBadAlloc, kBadAlloc, kExpandFailed));
+  WarmTRefPool();
+}
+
+}  // namespace

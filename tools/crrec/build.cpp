@@ -1,0 +1,333 @@
+// Building a DO record from a stream of bytes.
+#include "build.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <ostream>
+
+#include <boost/crc.hpp>
+
+#include <crrecord/DORecord.h>
+#include <crrecord/platform/fingerprint.h>
+#include <crrecord/platform/status.h>
+
+#include "Endian.h"
+#include "inspect.h"
+#include "load.h"
+#include "util.h"
+
+namespace crrec {
+
+FileSource::FileSource(const std::string& path)
+    : path_(path), fd_(path == "-" ? 0 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)), size_(0) {
+  if (fd_ < 0) Usage(path, std::string("cannot open: ") + std::strerror(errno));
+  struct stat st {};
+  if (::fstat(fd_, &st) == 0) {
+    if (S_ISDIR(st.st_mode)) {
+      if (fd_ > 0) ::close(fd_);
+      Usage(path, "is a directory");
+    }
+    if (S_ISREG(st.st_mode)) size_ = static_cast<uint64_t>(st.st_size);
+  }
+}
+
+FileSource::~FileSource() {
+  if (fd_ > 0) ::close(fd_);
+}
+
+size_t FileSource::Read(unsigned char* buffer, size_t n) {
+  for (;;) {
+    ssize_t got = ::read(fd_, buffer, n);
+    if (got >= 0) return static_cast<size_t>(got);
+    if (errno != EINTR) Unsound(path_, std::string("cannot read: ") + std::strerror(errno));
+  }
+}
+
+size_t MemorySource::Read(unsigned char* buffer, size_t n) {
+  size_t take = std::min(n, length_ - at_);
+  std::memcpy(buffer, data_ + at_, take);
+  at_ += take;
+  return take;
+}
+
+ContainerPlacer::ContainerPlacer(uint64_t containerSize, uint64_t firstDcid)
+    : containerSize_(containerSize), first_(firstDcid) {}
+
+ContainerPlacer::Placement ContainerPlacer::Place(const unsigned char* fingerprint, size_t width,
+                                                  uint32_t size) {
+  std::string key(reinterpret_cast<const char*>(fingerprint), width);
+  auto found = seen_.find(key);
+  if (found != seen_.end()) return Placement{found->second.dcid, found->second.offset, true};
+  if (opened_ == 0 || (used_ > 0 && used_ + size > containerSize_)) {
+    current_ = first_ + opened_;
+    ++opened_;
+    used_ = 0;
+  }
+  Slot slot{current_, used_};
+  seen_.emplace(std::move(key), slot);
+  used_ += size;
+  distinctBytes_ += size;
+  return Placement{slot.dcid, slot.offset, false};
+}
+
+namespace {
+
+bool CarriesSizes(unsigned char dotype) {
+  return dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
+         dotype == CR_DO_TYPE_4_BYTE_OFFSET;
+}
+
+unsigned ExtraWidth(unsigned char dotype) {
+  switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET: return 4;
+    case CR_DO_TYPE_8_BYTE_OFFSET: return 12;
+    case CR_DO_TYPE_4_BYTE_OFFSET: return 8;
+    default: return 0;
+  }
+}
+
+// The unique-DCID block as the builders take it: checksum, count, entries,
+// all host order, entries in ascending DCID order.
+std::vector<unsigned char> UniqueDcidBlock(const std::map<uint64_t, uint64_t>& bytes) {
+  std::vector<unsigned char> block(8 + 16 * bytes.size());
+  crrecord::Store<uint32_t>(&block[4], static_cast<uint32_t>(bytes.size()));
+  size_t at = 8;
+  for (const auto& entry : bytes) {
+    crrecord::Store<uint64_t>(&block[at], entry.first);
+    crrecord::Store<uint64_t>(&block[at + 8], entry.second);
+    at += 16;
+  }
+  crrecord::Store<uint32_t>(&block[0], DORecordAdler32(&block[4], block.size() - 4));
+  return block;
+}
+
+}  // namespace
+
+void BloomPositions(const unsigned char* fingerprint, uint64_t bits, uint64_t* positions) {
+  // Fingerprints are uniform already: two 64-bit halves give the k
+  // positions by double hashing; an odd step visits distinct positions
+  // whenever the bitmap size is a power of two.
+  const uint64_t h1 = crrecord::Load<uint64_t>(fingerprint);
+  const uint64_t h2 = crrecord::Load<uint64_t>(fingerprint + 8) | 1;
+  for (unsigned i = 0; i < kBloomHashes; ++i) positions[i] = (h1 + i * h2) % bits;
+}
+
+std::string CheckBuildOptions(const BuildOptions& o) {
+  if (!CRFPTypeIsValid(o.fptype)) {
+    return "fingerprint type " + std::to_string(o.fptype) + " is not one of 1, 2, 3";
+  }
+  if (!CRDOTypeIsValid(o.dotype)) {
+    return "DO type " + std::to_string(o.dotype) + " is not one of 0, 1, 2, 3, 4, 5";
+  }
+  std::string chunking = CheckChunkerParams(o.chunking);
+  if (!chunking.empty()) return chunking;
+  if ((o.dotype == CR_DO_TYPE_ORIGINAL || o.dotype == CR_DO_TYPE_NO_SIZE) &&
+      o.chunking.kind != ChunkerKind::kFixed) {
+    return "DO types 0 and 1 derive segment sizes from one segment size: use --chunker fixed";
+  }
+  if (o.firstDcid < 64) return "DCIDs below 64 are invalid: --first-dcid must be at least 64";
+  if (o.firstDcid > UINT64_MAX - (uint64_t{1} << 32)) return "--first-dcid leaves no room";
+  if (o.containerSize == 0) return "the container size must be at least 1 byte";
+  if (o.dotype != CR_DO_TYPE_BLOOM_FILTER && o.bloomBytes != 0) {
+    return "--bloom-bytes is for DO type 4 only";
+  }
+  return "";
+}
+
+Built BuildRecord(ByteSource& source, const std::string& name, const BuildOptions& o,
+                  const ProgressFn& progress) {
+  std::string problem = CheckBuildOptions(o);
+  if (!problem.empty()) Usage(name, problem);
+
+  const Chunker chunker(o.chunking);
+  const unsigned width = CRFPDigestSize(o.fptype);
+  const bool bloom = o.dotype == CR_DO_TYPE_BLOOM_FILTER;
+  const unsigned entryWidth = width + ExtraWidth(o.dotype);
+
+  std::vector<unsigned char> segments;       // the interleaved segment list
+  std::vector<unsigned long> dcids;          // one per segment
+  std::vector<unsigned char> distinctFps;    // DO type 4: what the bitmap holds
+  std::map<uint64_t, uint64_t> perContainer; // DO type 4: the unique-DCID list
+  ContainerPlacer placer(o.containerSize, o.firstDcid);
+  boost::crc_32_type crc;
+  BuildStats stats;
+
+  // The buffer holds several of the largest segments, so that reads are
+  // large and a cut always sees MaxSize bytes ahead unless the input ends.
+  const size_t capacity = std::max<size_t>(size_t{4} * chunker.MaxSize(), size_t{1} << 20);
+  std::vector<unsigned char> buffer(capacity);
+  size_t start = 0, have = 0;
+  bool eof = false;
+  uint64_t offset = 0, nextReport = 0;
+  const uint64_t total = source.SizeHint();
+
+  for (;;) {
+    if (!eof && have - start < chunker.MaxSize()) {
+      std::memmove(buffer.data(), buffer.data() + start, have - start);
+      have -= start;
+      start = 0;
+      while (have < capacity && !eof) {
+        size_t got = source.Read(buffer.data() + have, capacity - have);
+        if (got == 0) eof = true;
+        crc.process_bytes(buffer.data() + have, got);
+        have += got;
+      }
+    }
+    if (start == have) break;
+
+    const size_t length = chunker.Cut(buffer.data() + start, have - start);
+    crfp_digest_t fp;
+    if (CRFPCompute(o.fptype, buffer.data() + start, length, &fp) != 0) {
+      Unsound(name, std::string("cannot fingerprint segment ") + std::to_string(stats.segments) +
+                        ": " + CRStatusToStringA(*__cr_errno_location()));
+    }
+    const uint32_t size = static_cast<uint32_t>(length);
+    const ContainerPlacer::Placement where = placer.Place(fp.digest, width, size);
+    if (bloom) {
+      perContainer[where.dcid] += size;
+      if (!where.repeated) distinctFps.insert(distinctFps.end(), fp.digest, fp.digest + width);
+    } else {
+      if (stats.segments == UINT32_MAX ||
+          DORecordHeaderSizeRaw(0, static_cast<uint32_t>(stats.segments) + 1, 1, 0, o.dotype,
+                                o.fptype, 0) > UINT32_MAX) {
+        Unsound(name, "more segments than one record holds (" + std::to_string(stats.segments) +
+                          "): use larger segments");
+      }
+      if (o.dotype == CR_DO_TYPE_4_BYTE_OFFSET && offset > UINT32_MAX) {
+        Unsound(name, "DO type 5 keeps 32-bit object offsets and segment " +
+                          std::to_string(stats.segments) + " starts at byte " +
+                          std::to_string(offset) + ": use DO type 3");
+      }
+      size_t at = segments.size();
+      segments.resize(at + entryWidth);
+      std::memcpy(&segments[at], fp.digest, width);
+      if (CarriesSizes(o.dotype)) crrecord::Store<uint32_t>(&segments[at + width], size);
+      if (o.dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
+        crrecord::Store<uint64_t>(&segments[at + width + 4], offset);
+      } else if (o.dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
+        // The object offset: where the segment begins in the data object,
+        // the file, as for DO type 3 but in 32 bits.
+        crrecord::Store<uint32_t>(&segments[at + width + 4], static_cast<uint32_t>(offset));
+      }
+      dcids.push_back(where.dcid);
+    }
+    ++stats.segments;
+    offset += length;
+    start += length;
+    if (progress && offset >= nextReport) {
+      progress(offset, total);
+      nextReport = offset + (uint64_t{1} << 20);
+    }
+  }
+  if (progress) progress(offset, total);
+
+  if (stats.segments == 0) Unsound(name, "empty input: a DO record needs at least one segment");
+  stats.bytes = offset;
+  stats.distinctSegments = placer.distinctSegments();
+  stats.distinctBytes = placer.distinctBytes();
+  stats.containers = placer.containers();
+  stats.firstDcid = placer.firstDcid();
+  stats.lastDcid = placer.lastDcid();
+  stats.crc = o.crcGiven ? o.crc : static_cast<uint32_t>(crc.checksum());
+
+  MessageScope scope;
+  Built built;
+  built.stats = stats;
+  try {
+    if (bloom) {
+      uint64_t bytes = o.bloomBytes;
+      if (bytes == 0) {
+        // About 1% false positives with 7 hashes at 10 bits per element.
+        bytes = std::max<uint64_t>(8, (stats.distinctSegments * 10 + 7) / 8);
+      }
+      if (bytes > UINT32_MAX / 2) Unsound(name, "the Bloom bitmap would be too large");
+      std::vector<unsigned char> bitmap(bytes);
+      uint64_t positions[kBloomHashes];
+      for (size_t at = 0; at < distinctFps.size(); at += width) {
+        BloomPositions(&distinctFps[at], bytes * 8, positions);
+        for (uint64_t bit : positions) bitmap[bit / 8] |= static_cast<unsigned char>(1u << (bit % 8));
+      }
+      std::vector<unsigned char> block;
+      if (o.uniqueDcidList) block = UniqueDcidBlock(perContainer);
+      built.record.reset(new DORecord(
+          o.cid, stats.bytes, chunker.NominalSize(), stats.crc, o.time, o.time,
+          static_cast<unsigned int>(bytes), bitmap.data(),
+          block.empty() ? nullptr : reinterpret_cast<const char*>(block.data()), o.fptype,
+          o.dotype));
+    } else {
+      built.record.reset(new DORecord(o.cid, stats.bytes, chunker.NominalSize(), stats.crc,
+                                      o.time, o.time, segments.data(),
+                                      static_cast<unsigned int>(stats.segments), dcids.data(),
+                                      nullptr, o.fptype, o.dotype));
+      // The list goes in before any reference: the library appends it only
+      // to a record whose typed-reference section is empty.
+      if (o.uniqueDcidList) {
+        cr_status_t status = built.record->AppendBloomAndUniqueDCIDList();
+        if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
+      }
+    }
+    for (uint64_t id : o.taskIds) built.record->AddTaskID(static_cast<unsigned long>(id));
+    for (uint32_t id : o.dsids) built.record->AddDSID(id);
+  } catch (const Cr_ErrnoException& e) {
+    Unsound(name, Describe(e, scope));
+  }
+  return built;
+}
+
+void PrintBuildSummary(const std::string& name, const Built& built, const BuildOptions& o,
+                       std::ostream& out) {
+  const BuildStats& s = built.stats;
+  const DORecord& r = *built.record;
+  auto row = [&out](const char* field, const std::string& value) {
+    out << "  " << field << std::string(12 - std::strlen(field), ' ') << value << "\n";
+  };
+  char ratio[32];
+  std::snprintf(ratio, sizeof ratio, "%.2f",
+                s.distinctBytes == 0 ? 1.0
+                                     : static_cast<double>(s.bytes) /
+                                           static_cast<double>(s.distinctBytes));
+  const ChunkerParams& c = o.chunking;
+  std::string chunking =
+      c.kind == ChunkerKind::kFixed
+          ? "fixed-size: " + std::to_string(c.fixedSize) + " bytes"
+          : "content-defined: min " + std::to_string(c.minSize) + ", avg " +
+                std::to_string(c.avgSize) + ", max " + std::to_string(c.maxSize) + " bytes";
+  uint64_t trefs = 0;
+  for (unsigned kind = CR_TREF_TYPE_NONE; kind < CR_TREF_TYPE_END; ++kind) {
+    trefs += r.GetNTRefs(static_cast<cr_reftype_t>(kind));
+  }
+  out << name << "\n";
+  row("bytes", std::to_string(s.bytes) + " (" + HumanBytes(s.bytes) + ")");
+  row("segments", std::to_string(s.segments) + " (" + chunking + ")");
+  row("distinct", std::to_string(s.distinctSegments) + " segments, " +
+                      std::to_string(s.distinctBytes) + " bytes; dedup ratio " + ratio);
+  row("containers", std::to_string(s.containers) + " of " + HumanBytes(o.containerSize) +
+                        ", DCIDs " + std::to_string(s.firstDcid) + " to " +
+                        std::to_string(s.lastDcid));
+  row("record", std::to_string(r.GetHeaderSize()) + " bytes (DO type " +
+                    std::to_string(o.dotype) + ", fingerprint type " + std::to_string(o.fptype) +
+                    ", " + std::to_string(r.GetNudcid()) + " unique DCIDs, " +
+                    std::to_string(trefs) + " typed references)");
+  // The serialized size follows from the counts; no need to make the form.
+  const uint64_t serialized =
+      o.dotype == CR_DO_TYPE_BLOOM_FILTER
+          ? 56 + uint64_t{r.GetBSize()} + 16 * uint64_t{r.GetNudcid()}
+          : 29 + uint64_t{r.GetNfp()} *
+                     ((o.fptype == CR_FP_TYPE_SHA256 ? 65 : 33) + ExtraWidth(o.dotype) + 8);
+  row("serialized", std::to_string(serialized) + " bytes");
+  std::string digest;
+  try {
+    digest = DigestText(r, name);
+  } catch (const ToolError& e) {
+    digest = "none (" + e.reason() + ")";
+  }
+  row("digest", digest);
+}
+
+}  // namespace crrec

@@ -1,0 +1,479 @@
+// The command line: options of every command, and turning failures into
+// one line and an exit code.
+#include "cli.h"
+
+#include <unistd.h>
+
+#include <iostream>
+#include <memory>
+#include <new>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include <crrecord/DORecord.h>
+#include <crrecord/SOmarshall.h>
+
+#include "build.h"
+#include "inspect.h"
+#include "json.h"
+#include "load.h"
+#include "sample.h"
+#include "util.h"
+
+namespace crrec {
+
+uint64_t ParseNumber(const std::string& text, uint64_t max, const std::string& option) {
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const size_t start = hex ? 2 : 0;
+  if (text.size() == start) Usage("", option + ": \"" + text + "\" is not a number");
+  uint64_t value = 0;
+  for (size_t i = start; i < text.size(); ++i) {
+    const char c = text[i];
+    int digit = c >= '0' && c <= '9'             ? c - '0'
+                : hex && c >= 'a' && c <= 'f'    ? c - 'a' + 10
+                : hex && c >= 'A' && c <= 'F'    ? c - 'A' + 10
+                                                 : -1;
+    if (digit < 0) Usage("", option + ": \"" + text + "\" is not a number");
+    const uint64_t base = hex ? 16 : 10;
+    if (value > (max - static_cast<uint64_t>(digit)) / base) {
+      Usage("", option + ": " + text + " is larger than " + std::to_string(max));
+    }
+    value = value * base + static_cast<uint64_t>(digit);
+  }
+  return value;
+}
+
+namespace {
+
+uint64_t SizeOption(const std::string& text, uint64_t max, const std::string& option) {
+  uint64_t value = 0;
+  try {
+    value = ParseSize(text);
+  } catch (const std::invalid_argument& e) {
+    Usage("", option + ": " + e.what());
+  }
+  if (value > max) Usage("", option + ": " + text + " is larger than " + std::to_string(max));
+  return value;
+}
+
+// Options that say how to read an input file.
+struct InputArgs {
+  std::string file;
+  std::string form, dotype, fptype, cid;
+};
+
+void AddInput(CLI::App* cmd, InputArgs* in) {
+  cmd->add_option("FILE", in->file, "the record file (- for standard input)")->required();
+  cmd->add_option("--form", in->form, "what the file holds, when it cannot be recognised")
+      ->check(CLI::IsMember({"stored", "serialized", "serialized-bloom", "segment-db", "json"}));
+  cmd->add_option("--dotype", in->dotype, "DO type of a serialized form (0-5)");
+  cmd->add_option("--fptype", in->fptype, "fingerprint type of a serialized form (1-3)");
+  cmd->add_option("--cid", in->cid,
+                  "container ID for a record read from a serialized form (default 0)");
+}
+
+Hints MakeHints(const InputArgs& in) {
+  Hints hints;
+  if (!in.form.empty()) {
+    hints.formGiven = FormFromKey(in.form, &hints.form);
+  }
+  if (!in.dotype.empty()) hints.dotype = static_cast<int>(ParseNumber(in.dotype, 255, "--dotype"));
+  if (!in.fptype.empty()) hints.fptype = static_cast<int>(ParseNumber(in.fptype, 255, "--fptype"));
+  if (!in.cid.empty()) hints.cid = ParseNumber(in.cid, UINT64_MAX, "--cid");
+  return hints;
+}
+
+void PrintNotes(const Loaded& loaded, std::ostream& err) {
+  for (const std::string& note : loaded.notes) {
+    err << "crrec: " << loaded.name << ": note: " << note << "\n";
+  }
+}
+
+// A progress bar on stderr, when stderr is a terminal; cleared when done.
+class Progress {
+ public:
+  Progress(const std::string& name, std::ostream& err, bool enabled)
+      : name_(name), err_(err), enabled_(enabled && &err == &std::cerr && ::isatty(2) == 1) {}
+  ~Progress() {
+    if (shown_) err_ << "\r" << std::string(78, ' ') << "\r" << std::flush;
+  }
+  ProgressFn Fn() {
+    if (!enabled_) return ProgressFn();
+    return [this](uint64_t done, uint64_t total) {
+      std::string line = "crrec: " + name_ + " ";
+      if (total > 0) {
+        const uint64_t pct = done >= total ? 100 : done * 100 / total;
+        line += "[" + std::string(pct / 4, '#') + std::string(25 - pct / 4, '.') + "] " +
+                std::to_string(pct) + "% ";
+      }
+      line += HumanBytes(done);
+      if (line.size() > 78) line = line.substr(line.size() - 78);
+      err_ << "\r" << line << std::string(78 - line.size(), ' ') << std::flush;
+      shown_ = true;
+    };
+  }
+
+ private:
+  std::string name_;
+  std::ostream& err_;
+  bool enabled_;
+  bool shown_ = false;
+};
+
+void WriteOutput(const std::string& path, const std::vector<unsigned char>& bytes, bool binary) {
+  if (path == "-" && binary && ::isatty(1) == 1) {
+    Usage("", "will not write a binary record to a terminal: say -o FILE");
+  }
+  WriteFile(path, bytes.data(), bytes.size());
+}
+
+std::vector<unsigned char> TextBytes(const std::string& text) {
+  return std::vector<unsigned char>(text.begin(), text.end());
+}
+
+struct BuildArgs {
+  std::string file;
+  std::string chunker, segmentSize, minSize, avgSize, maxSize;
+  std::string dotype = "3", fptype = "2";
+  std::string containerSize = "4M", firstDcid = "64", cid, crc, time;
+  bool noUnique = false;
+  std::string bloomBytes;
+  std::vector<std::string> taskIds, dsids;
+  std::string stored, serialized, json;
+  bool networkOrder = false, noChecksum = false, quiet = false, noProgress = false;
+};
+
+int DoBuild(const BuildArgs& a, std::ostream& out, std::ostream& err) {
+  BuildOptions o;
+  o.dotype = static_cast<unsigned char>(ParseNumber(a.dotype, 255, "--dotype"));
+  o.fptype = static_cast<unsigned char>(ParseNumber(a.fptype, 255, "--fptype"));
+  const bool derived = o.dotype == CR_DO_TYPE_ORIGINAL || o.dotype == CR_DO_TYPE_NO_SIZE;
+  const bool fixed = a.chunker.empty() ? derived || !a.segmentSize.empty() : a.chunker == "fixed";
+  ChunkerParams& c = o.chunking;
+  c.kind = fixed ? ChunkerKind::kFixed : ChunkerKind::kContentDefined;
+  if (fixed) {
+    if (!a.minSize.empty() || !a.avgSize.empty() || !a.maxSize.empty()) {
+      Usage("", "--min, --avg and --max are for --chunker cdc");
+    }
+    if (!a.segmentSize.empty()) c.fixedSize = static_cast<uint32_t>(
+        SizeOption(a.segmentSize, kMaxSegmentSize, "--segment-size"));
+  } else {
+    if (!a.segmentSize.empty()) Usage("", "--segment-size is for --chunker fixed");
+    if (!a.avgSize.empty()) c.avgSize = static_cast<uint32_t>(
+        SizeOption(a.avgSize, kMaxSegmentSize, "--avg"));
+    c.minSize = a.minSize.empty() ? c.avgSize / 4
+                                  : static_cast<uint32_t>(SizeOption(a.minSize, kMaxSegmentSize, "--min"));
+    c.maxSize = a.maxSize.empty()
+                    ? static_cast<uint32_t>(std::min<uint64_t>(uint64_t{c.avgSize} * 8, kMaxSegmentSize))
+                    : static_cast<uint32_t>(SizeOption(a.maxSize, kMaxSegmentSize, "--max"));
+  }
+  o.containerSize = SizeOption(a.containerSize, UINT64_MAX, "--container-size");
+  o.firstDcid = ParseNumber(a.firstDcid, UINT64_MAX, "--first-dcid");
+  o.cid = a.cid.empty() ? o.firstDcid : ParseNumber(a.cid, UINT64_MAX, "--cid");
+  if (!a.crc.empty()) {
+    o.crcGiven = true;
+    o.crc = static_cast<uint32_t>(ParseNumber(a.crc, UINT32_MAX, "--crc"));
+  }
+  if (!a.time.empty()) o.time = static_cast<uint32_t>(ParseNumber(a.time, UINT32_MAX, "--time"));
+  o.uniqueDcidList = !a.noUnique;
+  if (!a.bloomBytes.empty()) {
+    o.bloomBytes = static_cast<uint32_t>(SizeOption(a.bloomBytes, UINT32_MAX / 2, "--bloom-bytes"));
+  }
+  for (const std::string& id : a.taskIds) o.taskIds.push_back(ParseNumber(id, UINT64_MAX, "--taskid"));
+  for (const std::string& id : a.dsids) {
+    o.dsids.push_back(static_cast<uint32_t>(ParseNumber(id, UINT32_MAX, "--dsid")));
+  }
+  const std::string problem = CheckBuildOptions(o);
+  if (!problem.empty()) Usage("", problem);
+
+  FileSource source(a.file);
+  Built built;
+  {
+    Progress progress(a.file, err, !a.quiet && !a.noProgress);
+    built = BuildRecord(source, a.file, o, progress.Fn());
+  }
+  const bool toStdout = a.stored == "-" || a.serialized == "-" || a.json == "-";
+  if (!a.quiet) PrintBuildSummary(a.file, built, o, toStdout ? err : out);
+
+  if (!a.stored.empty()) {
+    WriteOutput(a.stored, StoredBytes(*built.record, a.networkOrder), true);
+  }
+  if (!a.serialized.empty()) {
+    WriteOutput(a.serialized, SerializedBytes(*built.record, !a.noChecksum, a.file), true);
+  }
+  if (!a.json.empty()) {
+    Loaded loaded;
+    loaded.name = a.file;
+    loaded.networkOrder = a.networkOrder;
+    loaded.record = std::move(built.record);
+    WriteOutput(a.json, TextBytes(ToJson(loaded).dump(2) + "\n"), false);
+  }
+  return kExitOk;
+}
+
+int DoShow(const InputArgs& in, const ShowOptions& options, bool text, bool json,
+           std::ostream& out) {
+  Loaded loaded = LoadFile(in.file, MakeHints(in));
+  if (json) {
+    out << ToJson(loaded).dump(2) << "\n";
+  } else if (text) {
+    MessageScope scope;
+    try {
+      if (loaded.IsDO()) {
+        loaded.record->ToStream(out, false);
+      } else {
+        SegmentRecordToStream(out, *loaded.so(), false);
+      }
+    } catch (const Cr_ErrnoException& e) {
+      Unsound(in.file, Describe(e, scope));
+    }
+    out << "\n";
+  } else {
+    Show(loaded, options, out);
+  }
+  return kExitOk;
+}
+
+int DoVerify(const InputArgs& in, const VerifyOptions& options, bool quiet, std::ostream& out) {
+  Loaded loaded = LoadFile(in.file, MakeHints(in));
+  std::ostringstream report;
+  Verify(loaded, options, quiet ? report : out);
+  return kExitOk;
+}
+
+struct ConvertArgs {
+  std::string to, output = "-";
+  bool networkOrder = false, hostOrder = false, checksum = false, noChecksum = false;
+};
+
+int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
+  Loaded loaded = LoadFile(in.file, MakeHints(in));
+  PrintNotes(loaded, err);
+  if (a.to == "json") {
+    WriteOutput(a.output, TextBytes(ToJson(loaded).dump(2) + "\n"), false);
+    return kExitOk;
+  }
+  if (a.to == "text") {
+    std::ostringstream text;
+    MessageScope scope;
+    try {
+      if (loaded.IsDO()) {
+        loaded.record->ToStream(text, false);
+      } else {
+        SegmentRecordToStream(text, *loaded.so(), false);
+      }
+    } catch (const Cr_ErrnoException& e) {
+      Unsound(in.file, Describe(e, scope));
+    }
+    text << "\n";
+    WriteOutput(a.output, TextBytes(text.str()), false);
+    return kExitOk;
+  }
+  if (a.to == "stored") {
+    // The byte order of the input, unless the caller says.
+    const bool keep = loaded.origin == Form::kStored || loaded.origin == Form::kSegmentDb;
+    const bool network = a.networkOrder || (!a.hostOrder && keep && loaded.networkOrder);
+    if (loaded.IsDO()) {
+      WriteOutput(a.output, StoredBytes(*loaded.record, network), true);
+    } else {
+      std::vector<uint64_t> copy(loaded.soStorage);
+      _SegmentDBRecord* s = reinterpret_cast<_SegmentDBRecord*>(copy.data());
+      if (network) SegmentRecordHton(s, s, 0);
+      const unsigned char* p = reinterpret_cast<const unsigned char*>(copy.data());
+      WriteOutput(a.output, std::vector<unsigned char>(p, p + loaded.soLength), true);
+    }
+    return kExitOk;
+  }
+  // serialized: with the checksum the input had, unless the caller says.
+  const bool serializedOrigin =
+      loaded.origin == Form::kSerialized || loaded.origin == Form::kSerializedBloom;
+  const bool checksum =
+      a.checksum || (!a.noChecksum && (!serializedOrigin || loaded.serializedChecksum));
+  if (loaded.IsDO()) {
+    WriteOutput(a.output, SerializedBytes(*loaded.record, checksum, in.file), true);
+  } else {
+    MessageScope scope;
+    void* out = nullptr;
+    unsigned long size = 0;
+    cr_status_t status = SegmentRecordSerialize(loaded.so(), &out, &size);
+    if (status != CR_STATUS_SUCCESS) Unsound(in.file, DescribeStatus(status, scope));
+    std::vector<unsigned char> bytes(static_cast<unsigned char*>(out),
+                                     static_cast<unsigned char*>(out) + size);
+    std::free(out);
+    WriteOutput(a.output, bytes, true);
+  }
+  return kExitOk;
+}
+
+int DoDigest(const InputArgs& in, std::ostream& out, std::ostream& err) {
+  Loaded loaded = LoadFile(in.file, MakeHints(in));
+  PrintNotes(loaded, err);
+  if (!loaded.IsDO()) Unsound(in.file, "a segment DB record has no digest");
+  out << DigestText(*loaded.record, in.file) << "  " << in.file << "\n";
+  return kExitOk;
+}
+
+int DoGen(const std::string& file, const std::string& size, const std::string& seed) {
+  SampleSource source(ParseNumber(seed, UINT64_MAX, "--seed"), SizeOption(size, UINT64_MAX, "--size"));
+  // Written block by block: a sample of any size takes a fixed amount of memory.
+  std::vector<unsigned char> block(1 << 20);
+  OutputFile output(file);
+  while (size_t n = source.Read(block.data(), block.size())) output.Write(block.data(), n);
+  output.Close();
+  return kExitOk;
+}
+
+std::string OneLine(std::string s) {
+  for (char& c : s) {
+    if (c == '\n') c = ' ';
+  }
+  while (!s.empty() && s.back() == ' ') s.pop_back();
+  return s;
+}
+
+}  // namespace
+
+int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  CLI::App app{"crrec: builds DO records from files, and shows, verifies and converts records.\n"
+               "Without a command it runs the demo job.",
+               "crrec"};
+  app.require_subcommand(0, 1);
+
+  CLI::App* demo = app.add_subcommand("demo", "build, serialize, rebuild, verify and show a sample");
+
+  BuildArgs b;
+  CLI::App* build = app.add_subcommand("build", "cut a file into segments and build its DO record");
+  build->add_option("FILE", b.file, "the file (- for standard input)")->required();
+  build->add_option("--chunker", b.chunker, "fixed or cdc (content-defined); default: fixed for "
+                    "DO types 0 and 1, else cdc")->check(CLI::IsMember({"fixed", "cdc"}));
+  build->add_option("--segment-size", b.segmentSize, "fixed-size segments (default 8K)");
+  build->add_option("--min", b.minSize, "content-defined: minimum segment size (default avg/4)");
+  build->add_option("--avg", b.avgSize, "content-defined: average segment size (default 8K)");
+  build->add_option("--max", b.maxSize, "content-defined: maximum segment size (default avg*8)");
+  build->add_option("--dotype", b.dotype, "DO type: 0, 1 (fixed), 2, 3, 5, or 4 (Bloom)")->capture_default_str();
+  build->add_option("--fptype", b.fptype, "fingerprint type: 1 MD5, 2 SHA-256/16, 3 SHA-256")->capture_default_str();
+  build->add_option("--container-size", b.containerSize, "bytes per data container")->capture_default_str();
+  build->add_option("--first-dcid", b.firstDcid, "DCID of the first container (64 or more)")->capture_default_str();
+  build->add_option("--cid", b.cid, "the record's own container ID (default: the first DCID)");
+  build->add_option("--crc", b.crc, "the CRC to store (default: the CRC-32 of the file)");
+  build->add_option("--time", b.time, "ctime and mtime, seconds since 1970 (default: now)");
+  build->add_flag("--no-unique-dcids", b.noUnique, "leave the unique-DCID list out");
+  build->add_option("--bloom-bytes", b.bloomBytes,
+                    "DO type 4: bitmap size (default 10 bits per distinct segment)");
+  build->add_option("--taskid", b.taskIds, "add a task-ID reference (repeatable)");
+  build->add_option("--dsid", b.dsids, "add a data-selection-ID reference (repeatable)");
+  build->add_option("-o,--stored", b.stored, "write the stored record buffer here");
+  build->add_flag("--network-order", b.networkOrder, "store it (and its JSON) in network order");
+  build->add_option("-s,--serialized", b.serialized, "write the serialized form here");
+  build->add_flag("--no-checksum", b.noChecksum, "serialize without the Adler-32 checksum");
+  build->add_option("-j,--json", b.json, "write the JSON form here");
+  build->add_flag("-q,--quiet", b.quiet, "print no summary and no progress");
+  build->add_flag("--no-progress", b.noProgress, "no progress bar");
+
+  InputArgs showIn;
+  ShowOptions showOptions;
+  std::string segments;
+  bool all = false, text = false, json = false;
+  CLI::App* show = app.add_subcommand("show", "print a record for a person");
+  AddInput(show, &showIn);
+  show->add_option("-n,--segments", segments, "segments to list (default 10)");
+  show->add_flag("--all", all, "list every segment");
+  show->add_flag("--text", text, "print the record's own text form instead");
+  show->add_flag("--json", json, "print the JSON form instead");
+
+  InputArgs verifyIn;
+  VerifyOptions verifyOptions;
+  bool verifyQuiet = false;
+  CLI::App* verify = app.add_subcommand("verify", "run every check; exit 0 when the record is sound");
+  AddInput(verify, &verifyIn);
+  verify->add_flag("--no-checksum", verifyOptions.noChecksum,
+                   "the serialized form was written without a checksum");
+  verify->add_flag("-q,--quiet", verifyQuiet, "print nothing when the record is sound");
+
+  InputArgs convertIn;
+  ConvertArgs convertArgs;
+  CLI::App* convert = app.add_subcommand("convert", "write a record in another form");
+  AddInput(convert, &convertIn);
+  convert->add_option("--to", convertArgs.to, "stored, serialized, text or json")
+      ->required()
+      ->check(CLI::IsMember({"stored", "serialized", "text", "json"}));
+  convert->add_option("-o,--output", convertArgs.output, "where to write (default: stdout)");
+  convert->add_flag("--network-order", convertArgs.networkOrder, "stored form in network order");
+  convert->add_flag("--host-order", convertArgs.hostOrder, "stored form in host order");
+  convert->add_flag("--checksum", convertArgs.checksum, "serialized form with checksum");
+  convert->add_flag("--no-checksum", convertArgs.noChecksum, "serialized form without checksum");
+
+  InputArgs digestIn;
+  CLI::App* digest = app.add_subcommand("digest", "print the record's digest");
+  AddInput(digest, &digestIn);
+
+  std::string genFile, genSize = "8M", genSeed = "1";
+  CLI::App* gen = app.add_subcommand("gen", "write deterministic sample data with repeated regions");
+  gen->add_option("FILE", genFile, "where to write (- for stdout)")->required();
+  gen->add_option("--size", genSize, "how many bytes")->capture_default_str();
+  gen->add_option("--seed", genSeed, "which sample")->capture_default_str();
+
+  std::vector<const char*> argv;
+  for (const std::string& a : args) argv.push_back(a.c_str());
+  try {
+    app.parse(static_cast<int>(argv.size()), argv.data());
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e, out, err);
+    err << "crrec: " << OneLine(e.what()) << " (see crrec --help)\n";
+    return kExitUsage;
+  }
+
+  std::string file;
+  try {
+    if (*build) {
+      file = b.file;
+      return DoBuild(b, out, err);
+    }
+    if (*show) {
+      file = showIn.file;
+      if (all) showOptions.segments = UINT64_MAX;
+      if (!segments.empty()) showOptions.segments = ParseNumber(segments, UINT64_MAX, "--segments");
+      if (text && json) Usage("", "--text or --json, not both");
+      return DoShow(showIn, showOptions, text, json, out);
+    }
+    if (*verify) {
+      file = verifyIn.file;
+      return DoVerify(verifyIn, verifyOptions, verifyQuiet, out);
+    }
+    if (*convert) {
+      file = convertIn.file;
+      if (convertArgs.networkOrder && convertArgs.hostOrder) {
+        Usage("", "--network-order or --host-order, not both");
+      }
+      if (convertArgs.checksum && convertArgs.noChecksum) Usage("", "--checksum or --no-checksum, not both");
+      return DoConvert(convertIn, convertArgs, err);
+    }
+    if (*digest) {
+      file = digestIn.file;
+      return DoDigest(digestIn, out, err);
+    }
+    if (*gen) {
+      file = genFile;
+      return DoGen(genFile, genSize, genSeed);
+    }
+    (void)demo;
+    file = "demo";
+    return RunDemo(out);
+  } catch (const ToolError& e) {
+    ToolError named(e.exitCode(), e.where().empty() ? file : e.where(), e.reason());
+    err << OneLine(named.Line()) << "\n";
+    return named.exitCode();
+  } catch (const std::bad_alloc&) {
+    err << "crrec: " << file << ": out of memory\n";
+    return kExitUnsound;
+  } catch (const Cr_ErrnoException& e) {
+    err << "crrec: " << file << ": " << OneLine(e.what()) << " (status " << e.GetStatus() << ")\n";
+    return kExitUnsound;
+  } catch (const std::exception& e) {
+    err << "crrec: " << file << ": " << OneLine(e.what()) << "\n";
+    return kExitUnsound;
+  }
+}
+
+}  // namespace crrec

@@ -1,0 +1,326 @@
+// Recognising the form of an input and opening it through the library.
+#include "load.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include <crrecord/platform/fingerprint.h>
+
+#include "Endian.h"
+#include "json.h"
+#include "util.h"
+
+namespace crrec {
+
+namespace {
+
+constexpr uint64_t kSerializedHead = 28;
+constexpr uint64_t kBloomFixed = 56;  // head, length word, checksum, count, 16 zeros
+
+struct FreeDeleter {
+  void operator()(void* p) const { std::free(p); }
+};
+
+unsigned TextWidth(unsigned fptype) { return fptype == CR_FP_TYPE_SHA256 ? 65 : 33; }
+
+unsigned ExtraWidth(unsigned dotype) {
+  switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET: return 4;
+    case CR_DO_TYPE_8_BYTE_OFFSET: return 12;
+    case CR_DO_TYPE_4_BYTE_OFFSET: return 8;
+    default: return 0;
+  }
+}
+
+// Bytes per segment in the serialized form: text field, fields, DCID.
+unsigned SerializedEntry(unsigned dotype, unsigned fptype) {
+  return TextWidth(fptype) + ExtraWidth(dotype) + 8;
+}
+
+// Preference among pairs that fit the same bytes: DO type 1 over 0 (it has
+// a digest), fingerprint type 2 over 1 (what `crrec build` makes).
+const unsigned kDOTypeOrder[] = {1, 0, 3, 2, 5};
+const unsigned kFPTypeOrder[] = {2, 1, 3};
+
+std::string JoinTypes(const std::vector<unsigned>& types) {
+  std::vector<unsigned> sorted(types);
+  std::sort(sorted.begin(), sorted.end());
+  std::string s;
+  for (size_t i = 0; i < sorted.size(); ++i) {
+    if (i > 0) s += i + 1 == sorted.size() ? " and " : ", ";
+    s += std::to_string(sorted[i]);
+  }
+  return s;
+}
+
+bool Contains(const std::vector<unsigned>& v, unsigned x) {
+  return std::find(v.begin(), v.end(), x) != v.end();
+}
+
+// Chooses the DO type and fingerprint type of a serialized DO record among
+// those that fit its length and the hints.
+void ChooseSerializedTypes(const unsigned char* data, size_t length, const Hints& hints,
+                           const std::string& name, Recognition* r) {
+  const uint32_t nfp = length >= kSerializedHead ? crrecord::LoadBE32(data + 20) : 0;
+  std::vector<std::pair<unsigned, unsigned>> fits;
+  for (unsigned dotype : kDOTypeOrder) {
+    if (hints.dotype >= 0 && static_cast<unsigned>(hints.dotype) != dotype) continue;
+    for (unsigned fptype : kFPTypeOrder) {
+      if (hints.fptype >= 0 && static_cast<unsigned>(hints.fptype) != fptype) continue;
+      if (length == 29 + uint64_t{nfp} * SerializedEntry(dotype, fptype)) {
+        fits.emplace_back(dotype, fptype);
+      }
+    }
+  }
+  if (fits.empty() && (hints.formGiven || (hints.dotype >= 0 && hints.fptype >= 0))) {
+    // The caller insists: the library's reader says what is wrong.
+    r->dotype = static_cast<unsigned char>(hints.dotype >= 0 ? hints.dotype : kDOTypeOrder[0]);
+    r->fptype = static_cast<unsigned char>(hints.fptype >= 0 ? hints.fptype : kFPTypeOrder[0]);
+    return;
+  }
+  if (fits.empty()) {
+    std::string said;
+    if (hints.dotype >= 0) said += " of DO type " + std::to_string(hints.dotype);
+    if (hints.fptype >= 0) {
+      said += (said.empty() ? " of" : " and") + std::string(" fingerprint type ") +
+              std::to_string(hints.fptype);
+    }
+    Unsound(name, std::to_string(length) + " bytes do not fit a serialized DO record" + said +
+                      " with " + std::to_string(nfp) +
+                      " segments (29 + " + std::to_string(nfp) +
+                      " x 41, 45, 49, 53, 73, 77, 81 or 85 bytes by type)");
+  }
+  std::vector<unsigned> dotypes, fptypes;
+  for (const auto& f : fits) {
+    if (!Contains(dotypes, f.first)) dotypes.push_back(f.first);
+    if (!Contains(fptypes, f.second)) fptypes.push_back(f.second);
+  }
+  // `fits` is in preference order, so its first pair is the assumption.
+  r->dotype = static_cast<unsigned char>(fits.front().first);
+  r->fptype = static_cast<unsigned char>(fits.front().second);
+  if (dotypes.size() > 1) {
+    r->notes.push_back("DO types " + JoinTypes(dotypes) + " fit; assumed " +
+                       std::to_string(r->dotype) + " (say --dotype)");
+  }
+  if (fptypes.size() > 1) {
+    r->notes.push_back("fingerprint types " + JoinTypes(fptypes) + " fit; assumed " +
+                       std::to_string(r->fptype) + " (say --fptype)");
+  }
+}
+
+void ChooseBloomTypes(const Hints& hints, const std::string& name, Recognition* r) {
+  if (hints.dotype >= 0 && hints.dotype != CR_DO_TYPE_BLOOM_FILTER) {
+    Unsound(name, "a serialized Bloom DO record (DO type 4), not DO type " +
+                      std::to_string(hints.dotype));
+  }
+  r->dotype = CR_DO_TYPE_BLOOM_FILTER;
+  if (hints.fptype >= 0) {
+    r->fptype = static_cast<unsigned char>(hints.fptype);
+  } else {
+    r->fptype = CR_FP_TYPE_SHA256_16;
+    r->notes.push_back("the Bloom form carries no fingerprint type; assumed 2 (say --fptype)");
+  }
+}
+
+// Whether the bytes have the exact length of a serialized Bloom DO record.
+bool FitsBloom(const unsigned char* data, size_t length) {
+  if (length < kBloomFixed || crrecord::LoadBE32(data + 20) != 0) return false;
+  const uint64_t bsize = crrecord::LoadBE32(data + kSerializedHead);
+  if (length < kBloomFixed + bsize) return false;
+  const uint64_t nudcid = crrecord::LoadBE32(data + 36 + bsize);
+  return length == kBloomFixed + bsize + 16 * nudcid;
+}
+
+bool LooksLikeJson(const unsigned char* data, size_t length) {
+  for (size_t i = 0; i < length; ++i) {
+    unsigned char c = data[i];
+    if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+    return c == '{';
+  }
+  return false;
+}
+
+}  // namespace
+
+const char* FormKey(Form form) {
+  switch (form) {
+    case Form::kStored: return "stored";
+    case Form::kSerialized: return "serialized";
+    case Form::kSerializedBloom: return "serialized-bloom";
+    case Form::kSegmentDb: return "segment-db";
+    case Form::kJson: return "json";
+  }
+  return "?";
+}
+
+bool FormFromKey(const std::string& key, Form* form) {
+  for (Form f : {Form::kStored, Form::kSerialized, Form::kSerializedBloom, Form::kSegmentDb,
+                 Form::kJson}) {
+    if (key == FormKey(f)) {
+      *form = f;
+      return true;
+    }
+  }
+  return false;
+}
+
+Recognition Recognise(const unsigned char* data, size_t length, const Hints& hints,
+                      const std::string& name) {
+  if (length == 0) Unsound(name, "empty file");
+  Recognition r;
+  const uint16_t typeLE = length >= 2 ? crrecord::Load<uint16_t>(data) : 0;
+  const uint16_t typeBE = length >= 2 ? crrecord::LoadBE16(data) : 0;
+
+  if (hints.formGiven) {
+    r.form = hints.form;
+    if (r.form == Form::kStored) r.networkOrder = typeLE != 3 && typeBE == 3;
+    if (r.form == Form::kSegmentDb) r.networkOrder = typeLE != CR_SO_RECORD_TYPE &&
+                                                      typeBE == CR_SO_RECORD_TYPE;
+    if (r.form == Form::kSerialized) ChooseSerializedTypes(data, length, hints, name, &r);
+    if (r.form == Form::kSerializedBloom) ChooseBloomTypes(hints, name, &r);
+    return r;
+  }
+  if (typeLE == 3 || typeBE == 3) {
+    r.form = Form::kStored;
+    r.networkOrder = typeLE != 3;
+    return r;
+  }
+  if (typeLE == CR_SO_RECORD_TYPE || typeBE == CR_SO_RECORD_TYPE) {
+    r.form = Form::kSegmentDb;
+    r.networkOrder = typeLE != CR_SO_RECORD_TYPE;
+    return r;
+  }
+  if (LooksLikeJson(data, length)) {
+    r.form = Form::kJson;
+    return r;
+  }
+  if (length < 29) {
+    Unsound(name, std::to_string(length) +
+                      " bytes: too short for any record form (a serialized DO record has at "
+                      "least 29)");
+  }
+  if (crrecord::LoadBE32(data + 24) != 0) {
+    Unsound(name, "not a record: no DO or segment DB type word, not JSON, and bytes 24-27 of "
+                  "a serialized form would be zero");
+  }
+  if (hints.dotype == CR_DO_TYPE_BLOOM_FILTER || FitsBloom(data, length)) {
+    r.form = Form::kSerializedBloom;
+    ChooseBloomTypes(hints, name, &r);
+    return r;
+  }
+  r.form = Form::kSerialized;
+  ChooseSerializedTypes(data, length, hints, name, &r);
+  return r;
+}
+
+std::unique_ptr<DORecord> OpenStored(const std::string& name, const unsigned char* data,
+                                     size_t length, bool networkOrder, DORecordHeader* header) {
+  if (length > kMaxInput) Unsound(name, "larger than any DO record");
+  MessageScope scope;
+  // The library reads the header as a struct: a malloc'ed copy is aligned,
+  // and the object takes it over (buffer mode 2) once it opens.
+  std::unique_ptr<void, FreeDeleter> copy(std::malloc(std::max<size_t>(length, 1)));
+  if (copy == nullptr) Unsound(name, "out of memory");
+  std::memcpy(copy.get(), data, length);
+  DORecordHeader* h = static_cast<DORecordHeader*>(copy.get());
+  cr_status_t status = DORecordHeaderValidate(
+      h, static_cast<unsigned int>(length), networkOrder ? CR_DO_VALIDATE_NETWORK_ORDER : 0);
+  if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
+  if (networkOrder) DORecordHeaderNtoh(h);
+  if (header != nullptr) *header = *h;
+  std::unique_ptr<DORecord> record;
+  try {
+    record.reset(new DORecord(h, length, 2));
+  } catch (const Cr_ErrnoException& e) {
+    Unsound(name, Describe(e, scope));
+  }
+  copy.release();
+  return record;
+}
+
+Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, const Hints& hints) {
+  const unsigned char* data = bytes.data();
+  const size_t length = bytes.size();
+  Recognition r = Recognise(data, length, hints, name);
+  if (r.form == Form::kJson) return LoadJson(name, data, length, hints);
+
+  Loaded loaded;
+  loaded.name = name;
+  loaded.form = loaded.origin = r.form;
+  loaded.networkOrder = r.networkOrder;
+  loaded.notes = r.notes;
+  switch (r.form) {
+    case Form::kStored:
+      loaded.record = OpenStored(name, data, length, r.networkOrder, &loaded.fileHeader);
+      break;
+    case Form::kSerialized:
+    case Form::kSerializedBloom: {
+      loaded.serialized = bytes;
+      loaded.serializedChecksum = DORecordSerializedHasAdler32(data, length);
+      MessageScope scope;
+      try {
+        loaded.record.reset(new DORecord(r.dotype, hints.flags, hints.cid, r.fptype, nullptr, 0,
+                                         data, length, false));
+      } catch (const Cr_ErrnoException& e) {
+        Unsound(name, Describe(e, scope));
+      }
+      if (r.form == Form::kSerializedBloom) {
+        // The list travelled big-endian; the record keeps it so until it is
+        // turned to host order, which serializing and printing expect.
+        cr_status_t status = loaded.record->AppendBloomAndUniqueDCIDList();
+        if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
+      }
+      break;
+    }
+    case Form::kSegmentDb: {
+      if (length > kMaxInput) Unsound(name, "larger than any segment DB record");
+      MessageScope scope;
+      loaded.soStorage.assign((length + 7) / 8 + 1, 0);
+      std::memcpy(loaded.soStorage.data(), data, length);
+      loaded.soLength = static_cast<uint32_t>(length);
+      cr_status_t status =
+          SegmentRecordValidate(loaded.so(), loaded.soLength,
+                                r.networkOrder ? CR_SO_VALIDATE_NETWORK_ORDER : 0);
+      if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
+      if (r.networkOrder) SegmentRecordNtoh(loaded.so(), loaded.so(), 0);
+      break;
+    }
+    case Form::kJson:
+      break;
+  }
+  return loaded;
+}
+
+Loaded LoadFile(const std::string& path, const Hints& hints) {
+  return Load(path, ReadFile(path, kMaxInput), hints);
+}
+
+std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder) {
+  const DORecordHeader* h = record.GetHeader();
+  std::vector<unsigned char> bytes(reinterpret_cast<const unsigned char*>(h),
+                                   reinterpret_cast<const unsigned char*>(h) + h->recsize);
+  if (networkOrder) {
+    // Converted in an aligned copy: the header is accessed as a struct.
+    std::vector<uint64_t> aligned((bytes.size() + 7) / 8);
+    std::memcpy(aligned.data(), bytes.data(), bytes.size());
+    DORecordHeaderHton(reinterpret_cast<DORecordHeader*>(aligned.data()));
+    std::memcpy(bytes.data(), aligned.data(), bytes.size());
+  }
+  return bytes;
+}
+
+std::vector<unsigned char> SerializedBytes(const DORecord& record, bool checksum,
+                                           const std::string& name) {
+  MessageScope scope;
+  void* out = nullptr;
+  unsigned long size = 0;
+  cr_status_t status = record.Serialize(&out, &size, checksum);
+  if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
+  std::vector<unsigned char> bytes(static_cast<unsigned char*>(out),
+                                   static_cast<unsigned char*>(out) + size);
+  DORecord::SerializedDORecordFree(&out);
+  return bytes;
+}
+
+}  // namespace crrec
