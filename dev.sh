@@ -3,7 +3,10 @@
 #
 #   ./dev.sh demo   install what is missing, build, run the main job
 #   ./dev.sh test   install what is missing, build, run the whole test suite
-#                   (plain build, then again under AddressSanitizer + UBSan)
+#                   (plain build, then again under AddressSanitizer + UBSan,
+#                   and the thread test under ThreadSanitizer)
+#   ./dev.sh coverage  install what is missing (gcovr too), build with
+#                   coverage, run the tests, print line and branch coverage
 #
 # Packages are installed with apt-get only when missing, so a second run
 # goes straight to the build.
@@ -53,9 +56,20 @@ case "$command" in
     ctest --test-dir build --output-on-failure -j"$jobs"
     build build-sanitize -DCRRECORD_SANITIZE=ON -DCRRECORD_BUILD_EXAMPLES=OFF
     ctest --test-dir build-sanitize --output-on-failure -j"$jobs"
+    # Only the thread test under ThreadSanitizer: it is the one that runs
+    # the library on several threads, and the others would double CI time.
+    cmake -S . -B build-tsan -G Ninja -DCRRECORD_TSAN=ON -DCRRECORD_BUILD_TOOLS=OFF \
+      -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null
+    cmake --build build-tsan --target thread_test -j"$jobs"
+    ./build-tsan/tests/thread_test
+    ;;
+  coverage)
+    PACKAGES+=(gcovr)
+    install_missing
+    scripts/coverage.sh build-coverage
     ;;
   *)
-    echo "usage: $0 [demo|test]" >&2
+    echo "usage: $0 [demo|test|coverage]" >&2
     exit 2
     ;;
 esac

@@ -146,7 +146,12 @@ Outcome FuzzHeaderDeserialize(const uint8_t* data, size_t size) {
     CheckRebuilt(r, checksum);
     return Outcome::kAccepted;
   } catch (const Cr_ErrnoException& e) {
-    if (expected != CR_STATUS_SUCCESS) {
+    if (!CRFPTypeIsValid(fptype)) {
+      // Checked before the bytes are read: the type completes the header.
+      Check(e.GetStatus() == CR_STATUS_INVALID &&
+                std::string(e.what()) == "invalid fptype for DO",
+            "an unknown fingerprint type gives 9 \"invalid fptype for DO\"");
+    } else if (expected != CR_STATUS_SUCCESS) {
       Check(e.GetStatus() == expected && std::string(e.what()).empty(),
             "the constructor throws the deserialization status without a message");
     } else {
@@ -305,7 +310,7 @@ Outcome FuzzStoredRecord(Input& in) {
     DORecord r(given, recsize + slack, bufferMode);
     // In mode 2 the record took the buffer over, or freed it for its copy.
     if (bufferMode == 2) buffer.release();
-    Check(r.GetNtaskid() == 0 && r.GetNds() == 0, "old lists are converted");
+    Check(r.GetHeader()->ntaskid == 0 && r.GetHeader()->nds == 0, "old lists are cut out");
     for (uint32_t i = 0; i < ntaskid; ++i) {
       Check(r.HasTaskID(crrecord::Load<uint64_t>(image.data() + kHeader + 8 * i)),
             "every old task ID becomes a reference");
@@ -360,7 +365,7 @@ Outcome FuzzHeaderValidate(const uint8_t* data, size_t size) {
   const DORecordHeader* h = reinterpret_cast<const DORecordHeader*>(raw.get());
   Check(DORecordHeaderValidate(h, length, 2) == CR_STATUS_INVALID, "unknown flags give 9");
   const bool net = size >= 2 && crrecord::LoadBE16(data) == 3;
-  DORecordHeaderValidate(h, length, net ? 0 : CR_DO_VALIDATE_NETWORK_ORDER);
+  DORecordHeaderValidate(h, length, net ? 0u : unsigned{CR_DO_VALIDATE_NETWORK_ORDER});
   const cr_status_t status = DORecordHeaderValidate(h, length, net ? 1 : 0);
   if (status != CR_STATUS_SUCCESS) {
     Check(status == CR_STATUS_INVALID_RECORD, "an invalid record gives 32");

@@ -64,7 +64,8 @@ Buffer CopyOf(const void* data, size_t n, size_t slack) {
 
 unsigned char DOTypeFrom(uint8_t b) {
   if (b < 0xF0) return static_cast<unsigned char>(b % 6);
-  return b == 0xFF ? CR_DO_TYPE_INVALID : static_cast<unsigned char>(6 + (b - 0xF0));
+  if (b == 0xFF) return CR_DO_TYPE_INVALID;
+  return static_cast<unsigned char>(6 + (b - 0xF0));
 }
 
 unsigned char FPTypeFrom(uint8_t b) {

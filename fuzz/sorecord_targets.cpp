@@ -66,7 +66,7 @@ Outcome FuzzSegmentRecordValidate(const uint8_t* data, size_t size) {
   Convert(AsRecord(moved), src, 0, net);
   Check(std::memcmp(inPlace.get(), moved.get(), length) == 0,
         "conversion in place and into another buffer agree");
-  const unsigned int otherOrder = net ? 0 : CR_SO_VALIDATE_NETWORK_ORDER;
+  const unsigned int otherOrder = net ? 0u : unsigned{CR_SO_VALIDATE_NETWORK_ORDER};
   Check(SegmentRecordValidate(AsRecord(moved), length, otherOrder | (flags & 2)) ==
             CR_STATUS_SUCCESS,
         "a converted record validates in its new order");

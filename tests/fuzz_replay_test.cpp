@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -34,6 +34,32 @@ std::vector<fs::path> FilesIn(const fs::path& dir) {
 std::vector<uint8_t> Read(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+// A dictionary line as libFuzzer reads it: name="value" or "value", with
+// \xNN, \\ and \" the only escapes.
+bool WellFormedEntry(const std::string& line) {
+  size_t i = 0;
+  while (i < line.size() && (std::isalnum(static_cast<unsigned char>(line[i])) || line[i] == '_')) {
+    ++i;
+  }
+  if (i != 0 && (i == line.size() || line[i++] != '=')) return false;
+  if (i == line.size() || line[i++] != '"') return false;
+  while (i + 1 < line.size()) {
+    const char c = line[i++];
+    if (c == '"') return false;
+    if (c != '\\') continue;
+    if (line[i] == '\\' || line[i] == '"') {
+      ++i;
+    } else if (line[i] == 'x' && i + 2 < line.size() &&
+               std::isxdigit(static_cast<unsigned char>(line[i + 1])) &&
+               std::isxdigit(static_cast<unsigned char>(line[i + 2]))) {
+      i += 3;
+    } else {
+      return false;
+    }
+  }
+  return i + 1 == line.size() && line[i] == '"';
 }
 
 // Broken invariants are collected instead of trapping.
@@ -82,12 +108,10 @@ TEST_P(FuzzReplay, CorpusReachesBothAcceptanceAndRefusal) {
 TEST_P(FuzzReplay, DictionaryHoldsOnlyWellFormedEntries) {
   std::ifstream in(kFuzzDir / (std::string(GetParam().name) + ".dict"));
   ASSERT_TRUE(in.good());
-  // name="value" or "value", with \xNN, \\ and \" the only escapes.
-  const std::regex entry(R"re(^([A-Za-z0-9_]+=)?"([^"\\]|\\x[0-9A-Fa-f]{2}|\\\\|\\")*"$)re");
   int entries = 0;
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line[0] == '#') continue;
-    EXPECT_TRUE(std::regex_match(line, entry)) << line;
+    EXPECT_TRUE(WellFormedEntry(line)) << line;
     ++entries;
   }
   EXPECT_GE(entries, 3);
@@ -116,11 +140,11 @@ TEST(FuzzSupport, CheckReportsOnlyBrokenInvariantsToTheHandler) {
 }
 
 TEST(FuzzSupport, InputReadsLittleEndianAndZerosPastTheEnd) {
-  const uint8_t bytes[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07};
+  const uint8_t bytes[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06};
   crfuzz::Input in(bytes, sizeof bytes);
   EXPECT_EQ(in.U8(), 0x01);
   EXPECT_EQ(in.U16(), 0x0302);
-  EXPECT_EQ(in.U32(), 0x00070605u);  // three bytes left, then zeros
+  EXPECT_EQ(in.U32(), 0x00060504u);  // three bytes left, then zeros
   EXPECT_EQ(in.Left(), 0u);
   EXPECT_EQ(in.U64(), 0u);
   EXPECT_EQ(in.Bytes(3), (std::vector<uint8_t>{0, 0, 0}));

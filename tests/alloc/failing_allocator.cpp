@@ -22,6 +22,7 @@ namespace {
 std::atomic<bool> gArmed{false};
 std::atomic<bool> gInjected{false};
 std::atomic<unsigned long> gFailAt{0};
+std::atomic<unsigned long> gFailCount{1};
 std::atomic<unsigned long> gSeen{0};
 std::atomic<long> gLive{0};
 
@@ -35,7 +36,8 @@ long gPoolBlockCount = 0;
 
 bool ShouldFail() {
   if (!gArmed.load(std::memory_order_acquire)) return false;
-  if (gSeen.fetch_add(1) != gFailAt.load()) return false;
+  const unsigned long n = gSeen.fetch_add(1);
+  if (n < gFailAt.load() || n - gFailAt.load() >= gFailCount.load()) return false;
   gInjected = true;
   return true;
 }
@@ -159,8 +161,9 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { operator delet
 
 namespace crtest {
 
-void FailAllocationAt(unsigned long k) {
+void FailAllocationAt(unsigned long k, unsigned long count) {
   gFailAt = k;
+  gFailCount = count;
   gSeen = 0;
   gInjected = false;
   gArmed.store(true, std::memory_order_release);

@@ -39,11 +39,11 @@
 
 namespace crtest {
 
-// The k-th allocation from now on (0 = the next one) fails: malloc, calloc
-// and realloc return null with errno ENOMEM, operator new throws
-// std::bad_alloc and its nothrow form returns null. Only one allocation
-// fails; the ones after it succeed.
-void FailAllocationAt(unsigned long k);
+// The k-th allocation from now on (0 = the next one) fails, and the
+// count - 1 after it: malloc, calloc and realloc return null with errno
+// ENOMEM, operator new throws std::bad_alloc and its nothrow form returns
+// null. The allocations after those succeed.
+void FailAllocationAt(unsigned long k, unsigned long count = 1);
 // Stops injecting; true when the chosen allocation was reached and failed.
 bool StopFailingAllocations();
 // Allocations seen since FailAllocationAt.
@@ -76,9 +76,13 @@ struct Outcome {
 
 namespace internal {
 
+// Room for an exception's text, taken before anything is counted, so that
+// copying the text into the outcome allocates nothing that counts.
+constexpr size_t kMessageRoom = 2048;
+
+// Fills `out`, which comes with its message room taken.
 template <class Op, class State>
-Outcome RunArmed(unsigned long k, Op& op, State& state) {
-  Outcome out;
+void RunArmed(unsigned long k, Op& op, State& state, Outcome& out) {
   const long before = LiveAllocations();
   // Nothing allocates between the failure and StopFailingAllocations: the
   // exception's text is copied only afterwards.
@@ -106,7 +110,6 @@ Outcome RunArmed(unsigned long k, Op& op, State& state) {
     out.message = e.what();
   }
   out.liveDelta = LiveAllocations() - before;
-  return out;
 }
 
 constexpr unsigned long kSweepLimit = 10000;
@@ -127,11 +130,12 @@ template <class Setup, class Op, class Check>
 std::vector<Outcome> SweepAllocationFailures(Setup setup, Op op, Check check) {
   std::vector<Outcome> failures;
   for (unsigned long k = 0; k < internal::kSweepLimit; ++k) {
-    const long base = LiveAllocations();
     Outcome out;
+    out.message.reserve(internal::kMessageRoom);
+    const long base = LiveAllocations();
     {
       auto state = setup();
-      out = internal::RunArmed(k, op, state);
+      internal::RunArmed(k, op, state, out);
       check(state, out);
     }
     EXPECT_EQ(LiveAllocations(), base)
@@ -155,7 +159,9 @@ std::vector<Outcome> SweepAllocationFailures(Op op, Check check) {
   std::vector<Outcome> failures;
   for (unsigned long k = 0; k < internal::kSweepLimit; ++k) {
     NoState state = setup();
-    const Outcome out = internal::RunArmed(k, opOnState, state);
+    Outcome out;
+    out.message.reserve(internal::kMessageRoom);
+    internal::RunArmed(k, opOnState, state, out);
     check(out);
     if (!out.injected) return failures;
     EXPECT_EQ(out.liveDelta, 0) << "failing allocation " << k << " (" << out.Describe()

@@ -274,6 +274,9 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
     }
     for (uint64_t id : o.taskIds) built.record->AddTaskID(static_cast<unsigned long>(id));
     for (uint32_t id : o.dsids) built.record->AddDSID(id);
+    // Adding a reference stamps mtime with the clock; a time the caller
+    // gave stands for both times.
+    if (o.time != 0) built.record->GetHeader()->mtime = o.time;
   } catch (const Cr_ErrnoException& e) {
     Unsound(name, Describe(e, scope));
   }
@@ -307,13 +310,13 @@ void PrintBuildSummary(const std::string& name, const Built& built, const BuildO
   row("segments", std::to_string(s.segments) + " (" + chunking + ")");
   row("distinct", std::to_string(s.distinctSegments) + " segments, " +
                       std::to_string(s.distinctBytes) + " bytes; dedup ratio " + ratio);
-  row("containers", std::to_string(s.containers) + " of " + HumanBytes(o.containerSize) +
+  row("containers", Count(s.containers, "container") + " of " + HumanBytes(o.containerSize) +
                         ", DCIDs " + std::to_string(s.firstDcid) + " to " +
                         std::to_string(s.lastDcid));
   row("record", std::to_string(r.GetHeaderSize()) + " bytes (DO type " +
                     std::to_string(o.dotype) + ", fingerprint type " + std::to_string(o.fptype) +
-                    ", " + std::to_string(r.GetNudcid()) + " unique DCIDs, " +
-                    std::to_string(trefs) + " typed references)");
+                    ", " + Count(r.GetNudcid(), "unique DCID") + ", " +
+                    Count(trefs, "typed reference") + ")");
   // The serialized size follows from the counts; no need to make the form.
   const uint64_t serialized =
       o.dotype == CR_DO_TYPE_BLOOM_FILTER

@@ -363,9 +363,9 @@ void Verify(const Loaded& loaded, const VerifyOptions& options, std::ostream& ou
       }
       perContainer[dcid] += r.GetSegmentSize(i);
     }
-    Row(out, "segments", "ok (" + std::to_string(h->nfp) + " segments in " +
-                             std::to_string(perContainer.size()) +
-                             " containers, every DCID at least 64)");
+    Row(out, "segments", "ok (" + Count(h->nfp, "segment") + " in " +
+                             Count(perContainer.size(), "container") +
+                             ", every DCID at least 64)");
 
     uint32_t checksum = 0;
     std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
@@ -392,7 +392,7 @@ void Verify(const Loaded& loaded, const VerifyOptions& options, std::ostream& ou
                             " of the segment list");
         }
       }
-      Row(out, "unique", "ok (" + std::to_string(entries.size()) + " containers, checksum " +
+      Row(out, "unique", "ok (" + Count(entries.size(), "container") + ", checksum " +
                              Hex32(checksum) + ", agrees with the segment list)");
     } else {
       Row(out, "unique", "none");
@@ -402,8 +402,8 @@ void Verify(const Loaded& loaded, const VerifyOptions& options, std::ostream& ou
     std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
     Row(out, "bloom", "ok (" + std::to_string(h->bsize) + " bytes of bitmap)");
     Row(out, "unique", entries.empty() ? std::string("none")
-                                       : "ok (" + std::to_string(entries.size()) +
-                                             " containers, checksum " + Hex32(checksum) + ")");
+                                       : "ok (" + Count(entries.size(), "container") +
+                                             ", checksum " + Hex32(checksum) + ")");
   }
 
   uint64_t trefs = 0;

@@ -447,7 +447,7 @@ Loaded DOFromJson(const Reader& in, const Json& j, Form form) {
       unsigned long consumed = 0;
       _cr_tref_t* ref = CRTRefNewDeserialize(bytes.data(), bytes.size(), CR_TREF_MODE_BINARY, &consumed);
       const bool whole = ref != nullptr && consumed == bytes.size();
-      const uint64_t actual = ref != nullptr ? CRTRefGetType(ref) : 0;
+      const uint64_t actual = ref != nullptr ? uint64_t{CRTRefGetType(ref)} : 0;
       CRTRefDelete(&ref);
       if (!whole) in.Fail(tp + ".bytes", "not exactly one typed reference");
       if (actual != kind) {
@@ -530,7 +530,7 @@ Loaded SOFromJson(const Reader& in, const Json& j) {
   _SegmentDBRecord* s = loaded.so();
   unsigned char* base = reinterpret_cast<unsigned char*>(s);
   s->type = static_cast<unsigned short>(
-      j.contains("type") ? in.Field(j, "", "type", 0xFFFF) : CR_SO_RECORD_TYPE);
+      j.contains("type") ? in.Field(j, "", "type", 0xFFFF) : uint64_t{CR_SO_RECORD_TYPE});
   s->flags = static_cast<unsigned short>(in.Field(j, "", "flags", 0xFFFF));
   s->recsize = static_cast<uint32_t>(recsize);
   s->unused = static_cast<uint32_t>(in.Field(j, "", "unused", UINT32_MAX));

@@ -225,7 +225,7 @@ std::unique_ptr<DORecord> OpenStored(const std::string& name, const unsigned cha
   std::memcpy(copy.get(), data, length);
   DORecordHeader* h = static_cast<DORecordHeader*>(copy.get());
   cr_status_t status = DORecordHeaderValidate(
-      h, static_cast<unsigned int>(length), networkOrder ? CR_DO_VALIDATE_NETWORK_ORDER : 0);
+      h, static_cast<unsigned int>(length), networkOrder ? unsigned{CR_DO_VALIDATE_NETWORK_ORDER} : 0u);
   if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
   if (networkOrder) DORecordHeaderNtoh(h);
   if (header != nullptr) *header = *h;
@@ -281,7 +281,7 @@ Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, co
       loaded.soLength = static_cast<uint32_t>(length);
       cr_status_t status =
           SegmentRecordValidate(loaded.so(), loaded.soLength,
-                                r.networkOrder ? CR_SO_VALIDATE_NETWORK_ORDER : 0);
+                                r.networkOrder ? unsigned{CR_SO_VALIDATE_NETWORK_ORDER} : 0u);
       if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
       if (r.networkOrder) SegmentRecordNtoh(loaded.so(), loaded.so(), 0);
       break;

@@ -74,6 +74,7 @@ int RunDemo(std::ostream& out) {
   options.chunking.kind = ChunkerKind::kContentDefined;
   options.dotype = 3;
   options.fptype = 2;
+  options.containerSize = 1u << 20;
   options.time = 1700000000;  // fixed, so that the demo prints the same every time
   options.taskIds.push_back(42);
 
@@ -91,6 +92,8 @@ int RunDemo(std::ostream& out) {
   out << "\n3. rebuild from the serialized form\n";
   Hints hints;
   hints.cid = options.cid;
+  hints.dotype = options.dotype;
+  hints.fptype = options.fptype;
   Loaded rebuilt = Load("sample.serialized", serialized, hints);
   std::vector<unsigned char> again = SerializedBytes(*rebuilt.record, true, name);
   const std::string before = DigestText(*built.record, name);

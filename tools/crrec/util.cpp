@@ -107,6 +107,10 @@ std::string HumanBytes(uint64_t n) {
   return buf;
 }
 
+std::string Count(uint64_t n, const std::string& noun) {
+  return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
+
 std::string UtcTime(uint32_t seconds) {
   std::time_t t = static_cast<std::time_t>(seconds);
   std::tm tm{};

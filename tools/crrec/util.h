@@ -47,6 +47,8 @@ bool HexDecode(const std::string& text, std::vector<unsigned char>* out);
 uint64_t ParseSize(const std::string& text);
 // "6.0 MiB", "512 bytes": for people, next to the exact number.
 std::string HumanBytes(uint64_t n);
+// "1 segment", "2 segments".
+std::string Count(uint64_t n, const std::string& noun);
 // "2023-11-14 22:13:20 UTC".
 std::string UtcTime(uint32_t seconds);
 

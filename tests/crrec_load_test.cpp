@@ -1,0 +1,198 @@
+// The tool's recognition of what a file holds, and opening each form; the
+// byte images are written here by hand.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "load.h"
+#include "test_support.h"
+#include "util.h"
+
+namespace {
+
+using crrec::Form;
+using crrec::Hints;
+using crrec::Recognition;
+
+Recognition Recognise(const crtest::Bytes& b, const Hints& hints = Hints()) {
+  return crrec::Recognise(b.data(), b.size(), hints, "f");
+}
+
+// The line a refusal prints.
+std::string Refusal(const crtest::Bytes& b, const Hints& hints = Hints()) {
+  try {
+    crrec::Load("f", b.vec(), hints);
+  } catch (const crrec::ToolError& e) {
+    return std::to_string(e.exitCode()) + " " + e.Line();
+  }
+  return "loaded";
+}
+
+// A serialized DO record's head: size, ssize, checksum, nfp, zero word.
+crtest::Bytes Head(uint64_t size, uint64_t ssize, uint32_t checksum, uint32_t nfp) {
+  crtest::Bytes b;
+  b.be64(size).be64(ssize).be32(checksum).be32(nfp).be32(0);
+  return b;
+}
+
+crtest::Bytes SerializedOfEntryWidth(uint32_t nfp, size_t entry) {
+  crtest::Bytes b = Head(0, 0, 0, nfp);
+  b.zeros(1 + nfp * entry);
+  return b;
+}
+
+TEST(CrrecRecognise, TypeWordTellsStoredAndSegmentDbRecordsAndTheirByteOrder) {
+  crtest::Bytes stored, storedNet, so, soNet, json;
+  stored.le16(3).zeros(10);
+  storedNet.be16(3).zeros(10);
+  so.le16(2).zeros(10);
+  soNet.be16(2).zeros(10);
+  json.str(" \n {\"form\": \"stored\"}");
+  EXPECT_EQ(Recognise(stored).form, Form::kStored);
+  EXPECT_FALSE(Recognise(stored).networkOrder);
+  EXPECT_EQ(Recognise(storedNet).form, Form::kStored);
+  EXPECT_TRUE(Recognise(storedNet).networkOrder);
+  EXPECT_EQ(Recognise(so).form, Form::kSegmentDb);
+  EXPECT_FALSE(Recognise(so).networkOrder);
+  EXPECT_EQ(Recognise(soNet).form, Form::kSegmentDb);
+  EXPECT_TRUE(Recognise(soNet).networkOrder);
+  EXPECT_EQ(Recognise(json).form, Form::kJson);
+}
+
+TEST(CrrecRecognise, SerializedEntryWidthTellsTheTypesUpToTheSharedLayouts) {
+  struct Case {
+    size_t entry;
+    unsigned dotype, fptype;
+    std::vector<std::string> notes;
+  } cases[] = {
+      {41, 1, 2, {"DO types 0 and 1 fit; assumed 1 (say --dotype)",
+                  "fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
+      {73, 1, 3, {"DO types 0 and 1 fit; assumed 1 (say --dotype)"}},
+      {45, 2, 2, {"fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
+      {77, 2, 3, {}},
+      {53, 3, 2, {"fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
+      {85, 3, 3, {}},
+      {49, 5, 2, {"fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
+      {81, 5, 3, {}},
+  };
+  for (const Case& c : cases) {
+    Recognition r = Recognise(SerializedOfEntryWidth(3, c.entry));
+    EXPECT_EQ(r.form, Form::kSerialized) << c.entry;
+    EXPECT_EQ(r.dotype, c.dotype) << c.entry;
+    EXPECT_EQ(r.fptype, c.fptype) << c.entry;
+    EXPECT_EQ(r.notes, c.notes) << c.entry;
+  }
+}
+
+TEST(CrrecRecognise, HintsSettleWhatTheLengthCannot) {
+  Hints hints;
+  hints.dotype = 0;
+  hints.fptype = 1;
+  Recognition r = Recognise(SerializedOfEntryWidth(2, 41), hints);
+  EXPECT_EQ(r.dotype, 0u);
+  EXPECT_EQ(r.fptype, 1u);
+  EXPECT_TRUE(r.notes.empty());
+  // A record without segments fits every DO type.
+  r = Recognise(SerializedOfEntryWidth(0, 0));
+  EXPECT_EQ(r.form, Form::kSerialized);
+  EXPECT_EQ(r.notes.front(), "DO types 0, 1, 2, 3 and 5 fit; assumed 1 (say --dotype)");
+}
+
+TEST(CrrecRecognise, BloomFormIsRecognisedFromItsLengthAndHead) {
+  crtest::Bytes b = Head(4096, 4096, 0, 0);
+  b.be32(5).zeros(5).be32(0).be32(2).zeros(32).zeros(16);  // 56 + 5 + 2 * 16
+  Recognition r = Recognise(b);
+  EXPECT_EQ(r.form, Form::kSerializedBloom);
+  EXPECT_EQ(r.dotype, CR_DO_TYPE_BLOOM_FILTER);
+  EXPECT_EQ(r.fptype, 2u);
+  EXPECT_EQ(r.notes, (std::vector<std::string>{
+                         "the Bloom form carries no fingerprint type; assumed 2 (say --fptype)"}));
+}
+
+TEST(CrrecRecognise, WhatFitsNoFormIsRefusedWithTheSizesExpected) {
+  crtest::Bytes empty;
+  EXPECT_EQ(Refusal(empty), "1 crrec: f: empty file");
+  crtest::Bytes shortBytes;
+  shortBytes.zeros(20);
+  EXPECT_EQ(Refusal(shortBytes),
+            "1 crrec: f: 20 bytes: too short for any record form (a serialized DO record has "
+            "at least 29)");
+  EXPECT_EQ(Refusal(SerializedOfEntryWidth(2, 50)),
+            "1 crrec: f: 129 bytes do not fit a serialized DO record with 2 segments (29 + 2 x "
+            "41, 45, 49, 53, 73, 77, 81 or 85 bytes by type)");
+  Hints hints;
+  hints.fptype = 3;
+  EXPECT_EQ(Refusal(SerializedOfEntryWidth(2, 53), hints),
+            "1 crrec: f: 135 bytes do not fit a serialized DO record of fingerprint type 3 with "
+            "2 segments (29 + 2 x 41, 45, 49, 53, 73, 77, 81 or 85 bytes by type)");
+}
+
+TEST(CrrecLoad, SerializedRecordWrittenByHandOpens) {
+  // DO type 2, one segment of 1000 bytes in container 70.
+  const std::string fp = "000102030405060708090a0b0c0d0e0f";
+  crtest::Bytes body;
+  body.str(fp).u8(0).be32(1000).u8(0).be64(70);
+  crtest::Bytes b = Head(1000, 4096, crtest::SlowAdler32(body.data(), body.size()), 1);
+  b.raw(body.data(), body.size());
+  Hints hints;
+  hints.fptype = 1;
+  hints.cid = 99;
+  crrec::Loaded loaded = crrec::Load("f", b.vec(), hints);
+  ASSERT_TRUE(loaded.IsDO());
+  EXPECT_EQ(loaded.form, Form::kSerialized);
+  EXPECT_TRUE(loaded.serializedChecksum);
+  const DORecord& r = *loaded.record;
+  EXPECT_EQ(r.GetDOType(), CR_DO_TYPE_NO_OFFSET);
+  EXPECT_EQ(r.GetFPType(), CR_FP_TYPE_MD5);
+  EXPECT_EQ(r.GetDCID(), 99u);
+  EXPECT_EQ(r.GetSize(), 1000u);
+  EXPECT_EQ(r.GetSegmentSize(0), 1000u);
+  EXPECT_EQ(r.GetSegmentDCID(0), 70u);
+  EXPECT_EQ(crtest::Hex(r.GetSegmentFP(0), 16), fp);
+}
+
+TEST(CrrecLoad, StoredRecordInNetworkOrderOpensInHostOrder) {
+  // One DO type 1 segment, no unique-DCID list, written big-endian.
+  crtest::Bytes b;
+  b.be16(3).be16(2).be32(80 + 24).be32(0).be32(5).be64(64).be64(100).be64(4096)
+      .be32(0x01020304).be32(11).be32(12).be32(0).be32(1).be32(0).be32(0).be32(0).be32(0)
+      .u8(1).u8(1).zeros(2).raw(crtest::PatternFP(0x10, 16).data(), 16).le64(65);
+  crrec::Loaded loaded = crrec::Load("f", b.vec(), Hints());
+  ASSERT_TRUE(loaded.IsDO());
+  EXPECT_TRUE(loaded.networkOrder);
+  EXPECT_EQ(loaded.fileHeader.checktime, 5u);
+  EXPECT_EQ(loaded.fileHeader.CRC, 0x01020304u);
+  EXPECT_EQ(loaded.record->GetSize(), 100u);
+  EXPECT_EQ(loaded.record->GetSegmentDCID(0), 65u);
+  // Written back in network order it is the same bytes.
+  EXPECT_EQ(crrec::StoredBytes(*loaded.record, true), b.vec());
+}
+
+TEST(CrrecLoad, DamagedStoredRecordIsRefusedWithTheLibrarysReason) {
+  crtest::Bytes b;
+  b.le16(3).le16(2).le32(80 + 24).le32(0).le32(0).le64(64).le64(100).le64(4096)
+      .le32(0).le32(1).le32(1).le32(0).le32(1).le32(0).le32(0).le32(0).le32(0)
+      .u8(1).u8(1).zeros(2).raw(crtest::PatternFP(0x10, 16).data(), 16).le64(65);
+  EXPECT_EQ(Refusal(b), "loaded");
+  crtest::Bytes truncated;
+  truncated.raw(b.data(), b.size() - 1);
+  EXPECT_EQ(Refusal(truncated), "1 crrec: f: Invalid DO record: recsize 104, size 103 (status 32)");
+}
+
+TEST(CrrecLoad, SegmentDbRecordIsValidatedAndOpened) {
+  crtest::Bytes b;
+  b.le16(2).le16(0).le32(104 + 8 + 16).le32(0).le32(1).le32(77).le32(0).le64(1000).le64(0)
+      .le64(65536).le32(7).le32(1).zeros(33).u8(1).u8(0).u8(0).le16(0).le16(0)
+      .le64(42).raw(crtest::PatternFP(1, 16).data(), 16).zeros(8);
+  crrec::Loaded loaded = crrec::Load("f", b.vec(), Hints());
+  EXPECT_FALSE(loaded.IsDO());
+  EXPECT_EQ(loaded.so()->DCID, 1000u);
+  EXPECT_EQ(loaded.so()->ntaskid, 1u);
+  crtest::Bytes wrong;
+  wrong.raw(b.data(), b.size());
+  wrong.zeros(8);
+  EXPECT_EQ(Refusal(wrong), "1 crrec: f: Invalid SO record: recsize 128, size 136 (status 32)");
+}
+
+}  // namespace
