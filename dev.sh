@@ -4,7 +4,8 @@
 #   ./dev.sh demo   install what is missing, build, run the main job
 #   ./dev.sh test   install what is missing, build, run the whole test suite
 #                   (plain build, then again under AddressSanitizer + UBSan,
-#                   and the thread test under ThreadSanitizer)
+#                   the thread test under ThreadSanitizer, and each fuzz
+#                   target for a bounded run)
 #   ./dev.sh coverage  install what is missing (gcovr too), build with
 #                   coverage, run the tests, print line and branch coverage
 #
@@ -17,6 +18,7 @@ PACKAGES=(
   g++ cmake ninja-build pkg-config ccache
   libssl-dev libboost-dev
   libgtest-dev libgmock-dev
+  clang libclang-rt-14-dev
 )
 
 install_missing() {
@@ -62,6 +64,8 @@ case "$command" in
       -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null
     cmake --build build-tsan --target thread_test -j"$jobs"
     ./build-tsan/tests/thread_test
+    # Each fuzz target for a bounded number of inputs, built with clang.
+    fuzz/run.sh build-fuzz
     ;;
   coverage)
     PACKAGES+=(gcovr)

@@ -1,6 +1,7 @@
 // Fuzz entry functions over the DO record's readers of outside bytes: the
 // serialized forms, typed-reference sections, stored records, and raw record
 // buffers given to the header validation.
+#include <algorithm>
 #include <cstring>
 #include <set>
 #include <string>
@@ -256,13 +257,17 @@ Outcome FuzzStoredRecord(Input& in) {
   const unsigned char fptype = FPTypeFrom(in.U8());
   const unsigned int bufferMode = in.U8() % 4;  // 3 is refused
   const uint8_t options = in.U8();
-  const uint32_t ntaskid = in.U8();
-  const uint32_t nds = in.U8();
-  const uint32_t count = in.U16() % 4097;  // nfp, or bsize for DO type 4
-  const uint32_t nudcid = in.U8() % 33;
-  const uint32_t trefsize = in.U16() % 4097;
-  const uint8_t slack = in.U8();
   const bool bloom = dotype == CR_DO_TYPE_BLOOM_FILTER;
+  // Counts are cut to what the input still holds, so that runs stay short.
+  auto fits = [&in](uint32_t count, size_t width) {
+    return static_cast<uint32_t>(std::min<size_t>(count, in.Left() / width));
+  };
+  const uint32_t ntaskid = fits(in.U8(), 8);
+  const uint32_t nds = fits(in.U8(), 4);
+  const uint32_t count = fits(in.U16() % 4097, bloom ? 1 : 24);  // nfp, or bsize
+  const uint32_t nudcid = in.U8() % 33;
+  const uint32_t trefsize = fits(in.U16() % 4097, 1);
+  const uint8_t slack = in.U8();
 
   const uint64_t old = 8 * uint64_t{ntaskid} + 4 * uint64_t{nds};
   const uint64_t body = bloom ? 4 + uint64_t{count} + 16

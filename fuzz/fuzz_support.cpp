@@ -2,6 +2,7 @@
 // targets and the invariant handler.
 #include "fuzz_support.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -87,10 +88,14 @@ void RecordParams::Decode(Input& in) {
   mtime = in.U32();
   const unsigned char dotype = DOTypeFrom(dotypeByte);
   const unsigned int width = FPWidth(FPTypeFrom(fptypeByte));
+  // Counts are cut to what the input still holds, so that a few bytes
+  // cannot ask for a thousand zero-filled segments (and slow runs).
+  auto fits = [&in](size_t count, size_t width) { return std::min(count, in.Left() / width); };
+  constexpr size_t kSegmentFields = 4 + 8 + 4 + 8;
   if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
-    bitmap = in.Bytes(in.U16() % (kMaxBitmap + 1));
+    bitmap = in.Bytes(fits(in.U16() % (kMaxBitmap + 1), 1));
   } else {
-    segments.resize(in.U16() % (kMaxSegments + 1));
+    segments.resize(fits(in.U16() % (kMaxSegments + 1), width + kSegmentFields));
     for (SegmentParams& s : segments) {
       s.fp = in.Bytes(width);
       s.size = in.U32();
@@ -100,14 +105,15 @@ void RecordParams::Decode(Input& in) {
     }
   }
   if ((options & kBuildUniqueDcids) != 0) {
-    udcids.resize(in.U8() % (kMaxUdcids + 1));
+    const size_t count = in.U8() % (kMaxUdcids + 1);
     udcidChecksum = in.U32();
+    udcids.resize(fits(count, 16));
     for (auto& e : udcids) {
       e.first = in.U64();
       e.second = in.U64();
     }
   }
-  refs.resize(in.U8() % (kMaxRefs + 1));
+  refs.resize(fits(in.U8() % (kMaxRefs + 1), 9));
   for (RefParams& r : refs) {
     r.kind = in.U8();
     r.value = in.U64();

@@ -5,6 +5,7 @@
 //   make_fuzz_seeds <fuzz dir>
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -100,9 +101,16 @@ Bytes Serialized(const DORecord& r, bool checksum) {
   return crfuzz::TakeOutput(&out, size);
 }
 
+// The record buffer with ctime and mtime fixed, so that seeds come out the
+// same on every run (the library stamps the current time).
 Bytes HeaderBytes(const DORecord& r) {
   const unsigned char* h = reinterpret_cast<const unsigned char*>(r.GetHeader());
-  return Bytes(h, h + r.GetHeaderSize());
+  Bytes b(h, h + r.GetHeaderSize());
+  const uint32_t ctime = crrecord::InRecordOrder(uint32_t{1000}, r.IsInNetworkOrder());
+  const uint32_t mtime = crrecord::InRecordOrder(uint32_t{2000}, r.IsInNetworkOrder());
+  crrecord::Store(b.data() + offsetof(DORecordHeader, ctime), ctime);
+  crrecord::Store(b.data() + offsetof(DORecordHeader, mtime), mtime);
+  return b;
 }
 
 Bytes Cat(Bytes a, const Bytes& b) {

@@ -25,7 +25,9 @@ cmake --build "$dir" -j"$jobs"
 find "$dir" -name '*.gcda' -delete
 # The install check builds a consumer against the installed package, which
 # says nothing about the library's own code.
-ctest --test-dir "$dir" --output-on-failure -j"$jobs" -E '^install_consumer$'
+# A failing test still leaves its counts: report them, then fail.
+tests=0
+ctest --test-dir "$dir" --output-on-failure -j"$jobs" -E '^install_consumer$' || tests=$?
 
 gcovr --root . --object-directory "$dir" \
   --filter 'src/' --filter 'platform/src/' \
@@ -37,3 +39,7 @@ gcovr --root . --object-directory "$dir" \
   --exclude-throw-branches --exclude-unreachable-branches \
   --branches --txt "$dir/coverage-branches.txt"
 echo "per-file reports: $dir/coverage-lines.txt, $dir/coverage-branches.txt"
+if [ "$tests" -ne 0 ]; then
+  echo "coverage: some tests failed" >&2
+  exit "$tests"
+fi

@@ -142,8 +142,12 @@ TEST(CrrecBuild, ContentDefinedRecordCarriesSizesOffsetsAndFingerprintsOfTheSlic
     for (unsigned int i = 0; i < r.GetNfp(); ++i) {
       const unsigned int size = r.GetSegmentSize(i);
       ASSERT_LE(at + size, data.size());
-      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) EXPECT_EQ(r.GetSegmentOffset(i), at) << i;
-      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) EXPECT_EQ(r.GetSegmentObjectOffset(i), at) << i;
+      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
+        EXPECT_EQ(r.GetSegmentOffset(i), at) << i;
+      }
+      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
+        EXPECT_EQ(r.GetSegmentObjectOffset(i), at) << i;
+      }
       std::vector<unsigned char> fp = Digest(EVP_sha256(), data.data() + at, size);
       EXPECT_EQ(crtest::Hex(r.GetSegmentFP(i), 32), crtest::Hex(fp.data(), 32)) << i;
       at += size;

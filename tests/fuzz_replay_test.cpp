@@ -8,9 +8,12 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "crrecord/DORecord.h"
 #include "fuzz_input.h"
 #include "fuzz_support.h"
 #include "fuzz_targets.h"
@@ -194,6 +197,87 @@ TEST(FuzzSupport, RecordParamsDecodeWhatEncodeWrote) {
   ASSERT_EQ(q.refs.size(), 2u);
   EXPECT_EQ(q.refs[1].kind, 3);
   EXPECT_EQ(q.refs[1].value, 7u);
+}
+
+// Every byte maps to some type, the valid ones all reachable, and refused
+// ones too (255 among the DO types), so the targets cover both.
+TEST(FuzzSupport, TypeBytesReachEveryValidTypeAndSomeRefusedOnes) {
+  std::set<int> dotypes, fptypes;
+  for (int b = 0; b < 256; ++b) {
+    dotypes.insert(crfuzz::DOTypeFrom(static_cast<uint8_t>(b)));
+    fptypes.insert(crfuzz::FPTypeFrom(static_cast<uint8_t>(b)));
+  }
+  for (int t : {0, 1, 2, 3, 4, 5, 6, 255}) EXPECT_EQ(dotypes.count(t), 1u) << t;
+  for (int t : {0, 1, 2, 3, 4}) EXPECT_EQ(fptypes.count(t), 1u) << t;
+  EXPECT_EQ(crfuzz::DOTypeFrom(3), 3);
+  EXPECT_EQ(crfuzz::FPTypeFrom(2), 3);
+}
+
+// A deterministic stream of parameter bytes.
+std::vector<uint8_t> PseudoRandomBytes(uint32_t seed, size_t n) {
+  std::vector<uint8_t> out(n);
+  for (uint8_t& b : out) {
+    seed = seed * 1103515245u + 12345u;
+    b = static_cast<uint8_t>(seed >> 16);
+  }
+  return out;
+}
+
+// With kBuildConsistent the round-trip targets must get past the builder
+// whatever the other values say; a builder that lets bad sizes or DCIDs
+// through would leave them testing refusals only.
+TEST(FuzzSupport, ConsistentParametersBuildEveryTypeAndWidth) {
+  constexpr size_t kCountAt = 3 + 3 * 8 + 3 * 4;  // after the types, options and header values
+  for (uint32_t seed = 0; seed < 60; ++seed) {
+    std::vector<uint8_t> bytes = PseudoRandomBytes(seed, 2000);
+    bytes[0] = static_cast<uint8_t>(seed % 6);      // DO type
+    bytes[1] = static_cast<uint8_t>(seed / 6 % 3);  // fingerprint type - 1
+    bytes[2] |= crfuzz::kBuildConsistent;
+    bytes[kCountAt] = static_cast<uint8_t>(1 + seed % 7);  // segments or bitmap bytes
+    bytes[kCountAt + 1] = 0;
+    crfuzz::Input in(bytes.data(), bytes.size());
+    crfuzz::RecordParams p;
+    p.Decode(in);
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    std::unique_ptr<DORecord> r = crfuzz::BuildRecord(p);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->GetDOType(), p.dotypeByte);
+    EXPECT_EQ(r->GetFPType(), p.fptypeByte + 1);
+    EXPECT_TRUE(crfuzz::AddRefs(*r, p));
+  }
+}
+
+TEST(FuzzSupport, UncheckedParametersAreRefusedNotCrashed) {
+  crfuzz::RecordParams p;
+  p.dotypeByte = 2;
+  p.options = 0;  // DCIDs as given: 5 is below 64
+  crfuzz::SegmentParams s;
+  s.fp.assign(16, 0);
+  s.size = 10;
+  s.dcid = 5;
+  p.segments = {s};
+  p.size = 10;
+  EXPECT_EQ(crfuzz::BuildRecord(p), nullptr);
+  p.options = crfuzz::kBuildConsistent;
+  EXPECT_NE(crfuzz::BuildRecord(p), nullptr);
+}
+
+// Fields 0 to 11 of the text form are the header's; the segment list after
+// them keeps its commas.
+TEST(FuzzSupport, TextWithoutBlanksOnlyTheNamedHeaderFields) {
+  const std::string text = "3,1,2,100,10,4096,7,1000,2000,1,0,1,[[00ff][64]],[]";
+  EXPECT_EQ(crfuzz::TextWithout(text, {6, 7, 8}), "3,1,2,100,10,4096,*,*,*,1,0,1,[[00ff][64]],[]");
+  EXPECT_EQ(crfuzz::TextWithout(text, {}), text);
+}
+
+TEST(FuzzSupport, CopiesAreAlignedForTheHeaderAndNeverNull) {
+  const uint8_t bytes[] = {1, 2, 3};
+  crfuzz::Buffer empty = crfuzz::CopyOf(nullptr, 0);
+  EXPECT_NE(empty.get(), nullptr);
+  crfuzz::Buffer copy = crfuzz::CopyOf(bytes, sizeof bytes, 5);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(copy.get()) % alignof(DORecordHeader), 0u);
+  EXPECT_EQ(std::vector<uint8_t>(copy.get(), copy.get() + 8),
+            (std::vector<uint8_t>{1, 2, 3, 0, 0, 0, 0, 0}));
 }
 
 }  // namespace

@@ -513,19 +513,21 @@ class CRRECORD_API DORecord {
   unsigned char* GetBloomStart() const;
 
  private:
-  void init(unsigned long dcid, unsigned long size, unsigned long ssize, unsigned int crc,
-            unsigned int ctime, unsigned int mtime, const unsigned long* taskIds,
-            unsigned int taskIdCount, const void* segments, unsigned int segmentCount,
-            const unsigned long* dcids, const char* uniqueDcids, unsigned char fptype,
-            unsigned char dotype);
-  void initWithBloom(unsigned long dcid, unsigned long size, unsigned long ssize,
-                     unsigned int crc, unsigned int ctime, unsigned int mtime,
-                     const unsigned long* taskIds, unsigned int taskIdCount,
-                     unsigned int bitmapSize, const unsigned char* bitmap,
-                     const char* uniqueDcids, unsigned char fptype, unsigned char dotype);
-  void cleanupConstruction();
-  unsigned int headerSize() const;
-  void writeTRefSection() const;
+  CRRECORD_LOCAL void init(unsigned long dcid, unsigned long size, unsigned long ssize,
+                           unsigned int crc, unsigned int ctime, unsigned int mtime,
+                           const unsigned long* taskIds, unsigned int taskIdCount,
+                           const void* segments, unsigned int segmentCount,
+                           const unsigned long* dcids, const char* uniqueDcids,
+                           unsigned char fptype, unsigned char dotype);
+  CRRECORD_LOCAL void initWithBloom(unsigned long dcid, unsigned long size, unsigned long ssize,
+                                    unsigned int crc, unsigned int ctime, unsigned int mtime,
+                                    const unsigned long* taskIds, unsigned int taskIdCount,
+                                    unsigned int bitmapSize, const unsigned char* bitmap,
+                                    const char* uniqueDcids, unsigned char fptype,
+                                    unsigned char dotype);
+  CRRECORD_LOCAL void cleanupConstruction();
+  CRRECORD_LOCAL unsigned int headerSize() const;
+  CRRECORD_LOCAL void writeTRefSection() const;
 
   DORecordHeader* header_;
   unsigned long allocatedSize_;

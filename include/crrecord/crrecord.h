@@ -1,4 +1,6 @@
-// Everything of crrecord: the record library and the platform layer.
+/// @file
+/// Everything of crrecord: the record library and the platform layer, in one
+/// include.
 #ifndef CRRECORD_CRRECORD_H
 #define CRRECORD_CRRECORD_H
 

@@ -17,6 +17,7 @@
 #include <new>
 
 #include "crrecord/platform/status.h"
+#include "fingerprint_batch.h"
 #include "hex.h"
 
 namespace crrecord {
@@ -214,6 +215,43 @@ crfp_digest_t* CRFPStringToDigest_r(const char* text, size_t length, unsigned ch
   }
   *out = value;
   return out;
+}
+
+int CRFPDigestsToStrings(const void* digests, size_t digestStride, unsigned char fptype,
+                         char* text, size_t textStride, size_t count) {
+  if (count == 0) return 0;
+  if (digests == nullptr || text == nullptr) {
+    Fail(CR_STATUS_MISSING_ARGUMENT);
+    return -1;
+  }
+  const size_t size = CRFPDigestSize(fptype);
+  if (size == 0) {
+    Fail(CR_STATUS_INVALID);
+    return -1;
+  }
+  crrecord::HexEncodeFields(static_cast<const unsigned char*>(digests), digestStride, size, text,
+                            textStride, count);
+  for (char* nul = text + 2 * size; count-- > 0; nul += textStride) *nul = '\0';
+  return 0;
+}
+
+size_t CRFPStringsToDigests(const char* text, size_t textStride, unsigned char fptype,
+                            void* digests, size_t digestStride, size_t count) {
+  if (count == 0) return 0;
+  if (text == nullptr || digests == nullptr) {
+    Fail(CR_STATUS_MISSING_ARGUMENT);
+    return 0;
+  }
+  const size_t size = CRFPDigestSize(fptype);
+  if (size == 0) {
+    Fail(CR_STATUS_INVALID);
+    return 0;
+  }
+  const size_t good = crrecord::HexDecodeFields(text, textStride, size,
+                                                static_cast<unsigned char*>(digests),
+                                                digestStride, count);
+  if (good < count) Fail(CR_STATUS_MALFORMED);
+  return good;
 }
 
 int CRFPCompute(unsigned char fptype, const void* data, size_t length, crfp_digest_t* out) {

@@ -13,6 +13,15 @@ uint32_t Adler32Update(uint32_t adler, const void* data, size_t length);
 
 inline uint32_t Adler32(const void* data, size_t length) { return Adler32Update(1, data, length); }
 
+// The implementations, so that tests can hold each against the others: the
+// first call picks the widest one the CPU runs.
+enum class Adler32Path { kPortable, kSSSE3, kAVX2 };
+bool Adler32PathAvailable(Adler32Path path);
+// Routes every later call through `path`; false, and no change, when the
+// CPU cannot run it.
+bool Adler32ForcePath(Adler32Path path);
+Adler32Path Adler32ActivePath();
+
 }  // namespace crrecord
 
 #endif  // CRRECORD_SRC_COMMON_ADLER32_H

@@ -331,10 +331,11 @@ TEST_F(AllocFailureTest, BufferConstructorInCallersBufferAllocatesNothing) {
 }
 
 // The caller's buffer, malloc'ed as GetHeader handed it out, for the stored
-// constructor, and the record made over it; the buffer is freed here
-// unless the record took it over.
+// constructor, and the record made over it in the given buffer mode; the
+// buffer is freed here unless the record took it over (mode 2).
 struct StoredRecord {
-  explicit StoredRecord(const std::vector<uint8_t>& image) : size(image.size()), original(image) {
+  StoredRecord(const std::vector<uint8_t>& image, unsigned int bufferMode)
+      : size(image.size()), mode(bufferMode), original(image) {
     bytes = static_cast<DORecordHeader*>(std::malloc(size));
     std::memcpy(bytes, image.data(), size);
   }
@@ -346,13 +347,14 @@ struct StoredRecord {
   StoredRecord& operator=(const StoredRecord&) = delete;
   // In place: the sweep counts only the record's own allocations.
   void Open() {
-    record.emplace(bytes, size, 2);
-    handedOver = true;
+    record.emplace(bytes, size, mode);
+    handedOver = mode == 2;
   }
   bool Unchanged() const { return std::memcmp(bytes, original.data(), size) == 0; }
 
   DORecordHeader* bytes;
   size_t size;
+  unsigned int mode;
   std::vector<uint8_t> original;
   bool handedOver = false;
   std::optional<DORecord> record;
@@ -376,20 +378,23 @@ TEST_F(AllocFailureTest, StoredConstructorLoadingReferencesLeavesCallersBufferUn
     source->AddDSID(9u);
     image = StoredImage(*source);
   }
-  const std::vector<Outcome> failures = SweepAllocationFailures(
-      [&] { return StoredRecord(image); }, [](StoredRecord& s) { s.Open(); },
-      [](StoredRecord& s, const Outcome& o) {
-        if (o.injected) {
-          EXPECT_FALSE(s.handedOver);
-          EXPECT_TRUE(s.Unchanged());
-          return;
-        }
-        EXPECT_EQ(s.record->GetNtaskid(), 2u);
-        EXPECT_TRUE(s.record->HasDSID(9));
-        ExpectSizesInStep(*s.record);
-      });
-  EXPECT_THAT(Describe(failures), ElementsAre(kCorruptTRefs, kBadAlloc, kCorruptTRefs, kBadAlloc,
-                                              kCorruptTRefs, kBadAlloc));
+  for (unsigned int mode : {1u, 2u}) {
+    SCOPED_TRACE(mode);
+    const std::vector<Outcome> failures = SweepAllocationFailures(
+        [&] { return StoredRecord(image, mode); }, [](StoredRecord& s) { s.Open(); },
+        [](StoredRecord& s, const Outcome& o) {
+          if (o.injected) {
+            EXPECT_FALSE(s.record.has_value());
+            EXPECT_TRUE(s.Unchanged());
+            return;
+          }
+          EXPECT_EQ(s.record->GetNtaskid(), 2u);
+          EXPECT_TRUE(s.record->HasDSID(9));
+          ExpectSizesInStep(*s.record);
+        });
+    EXPECT_THAT(Describe(failures), ElementsAre(kCorruptTRefs, kBadAlloc, kCorruptTRefs,
+                                                kBadAlloc, kCorruptTRefs, kBadAlloc));
+  }
 }
 
 // A stored record of an older kind: two old task IDs and one old DSID
@@ -413,22 +418,28 @@ std::vector<uint8_t> OldListsImage() {
 // DSID, which do not: the copy must grow.
 TEST_F(AllocFailureTest, StoredConstructorConvertingOldListsLeavesCallersBufferUntouched) {
   const std::vector<uint8_t> image = OldListsImage();
-  const std::vector<Outcome> failures = SweepAllocationFailures(
-      [&] { return StoredRecord(image); }, [](StoredRecord& s) { s.Open(); },
-      [](StoredRecord& s, const Outcome& o) {
-        if (o.injected) {
-          EXPECT_FALSE(s.handedOver);
-          EXPECT_TRUE(s.Unchanged());
-          return;
-        }
-        EXPECT_TRUE(s.record->HasTaskID(31));
-        EXPECT_TRUE(s.record->HasTaskID(17));
-        EXPECT_TRUE(s.record->HasDSID(4));
-        ExpectSizesInStep(*s.record);
-      });
-  EXPECT_THAT(Describe(failures),
-              ElementsAre("throw 22: Not enough memory to copy a DO record.", kBadAlloc, kBadAlloc,
-                          kBadAlloc, kBadAlloc, kBadAlloc, kBadAlloc, kExpandFailed));
+  for (unsigned int mode : {1u, 2u}) {
+    SCOPED_TRACE(mode);
+    const std::vector<Outcome> failures = SweepAllocationFailures(
+        [&] { return StoredRecord(image, mode); }, [](StoredRecord& s) { s.Open(); },
+        [](StoredRecord& s, const Outcome& o) {
+          if (o.injected) {
+            EXPECT_FALSE(s.record.has_value());
+            EXPECT_TRUE(s.Unchanged());
+            return;
+          }
+          EXPECT_TRUE(s.record->HasTaskID(31));
+          EXPECT_TRUE(s.record->HasTaskID(17));
+          EXPECT_TRUE(s.record->HasDSID(4));
+          ExpectSizesInStep(*s.record);
+          if (s.mode == 1) {
+            EXPECT_TRUE(s.Unchanged());  // converted on a copy of the record's own
+          }
+        });
+    EXPECT_THAT(Describe(failures),
+                ElementsAre("throw 22: Not enough memory to copy a DO record.", kBadAlloc,
+                            kBadAlloc, kBadAlloc, kBadAlloc, kBadAlloc, kBadAlloc, kExpandFailed));
+  }
 }
 
 TEST_F(AllocFailureTest, SORecordConstructorLogsAndThrowsStatus22) {
@@ -1016,6 +1027,45 @@ TEST_F(AllocFailureTest, OwnTRefLeavesTheRawReferenceToTheCallerWhenNoCrTRefCanB
     EXPECT_EQ(crtest::LiveAllocations(), live);  // the raw reference is still there
     EXPECT_EQ(s.record->GetNTRefs(), 0u);
     EXPECT_EQ(CRTRefGetType(s.raw), CR_TREF_TYPE_HOLD);
+  }
+  WarmTRefPool();
+}
+
+// A copy made for the caller's raw reference goes back when the pool has no
+// chunk to wrap it in.
+TEST_F(AllocFailureTest, AddTRefReleasesItsCopyWhenThePoolHasNoBlock) {
+  {
+    EmptyPoolRecord s;
+    _cr_tref_t* raw = NewRawRef(CR_TREF_TYPE_HOLD, 8);
+    const RecordImage before = Image(*s.record);
+    const long live = crtest::LiveAllocations();
+    crtest::FailAllocationAt(1, 2);  // 0: the copy; 1 and 2: a whole and a half block
+    EXPECT_THROW(s.record->AddTRef(*raw), std::bad_alloc);
+    EXPECT_TRUE(crtest::StopFailingAllocations());
+    EXPECT_EQ(crtest::LiveAllocations(), live);
+    EXPECT_EQ(crtest::PoolBlocks(), 0);
+    EXPECT_TRUE(Image(*s.record) == before);
+    CRTRefDelete(&raw);
+  }
+  WarmTRefPool();
+}
+
+// A reference decoded from a section goes back when the pool has no chunk
+// to wrap it in; nothing is loaded.
+TEST_F(AllocFailureTest, AddSerializedTRefsReleasesTheDecodedReferenceWhenThePoolHasNoBlock) {
+  {
+    EmptyPoolRecord s;
+    s.record->expand(s.record->getRecSize() + 64);  // room: no growth below
+    Bytes section;
+    section.u8(CR_TREF_TYPE_RETENTION).u8(2).u8(9).u8(9);
+    const RecordImage before = Image(*s.record);
+    const long live = crtest::LiveAllocations();
+    crtest::FailAllocationAt(1, 2);  // 0: the decoded reference; 1 and 2: the pool's blocks
+    EXPECT_THROW(s.record->AddSerializedTRefs(reinterpret_cast<const char*>(section.data()), 4),
+                 std::bad_alloc);
+    EXPECT_TRUE(crtest::StopFailingAllocations());
+    EXPECT_EQ(crtest::LiveAllocations(), live);
+    EXPECT_TRUE(Image(*s.record) == before);
   }
   WarmTRefPool();
 }

@@ -1,5 +1,6 @@
-// The platform layer: status and logging, fingerprints, typed references and
-// the key record.
+/// @file
+/// The platform layer: status and logging, fingerprints, typed references and
+/// the key record, in one include.
 #ifndef CRRECORD_PLATFORM_PLATFORM_H
 #define CRRECORD_PLATFORM_PLATFORM_H
 

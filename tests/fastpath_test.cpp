@@ -1,0 +1,296 @@
+// The vectorised codecs against the portable ones and against references
+// written in the tests (hex) or taken from zlib (Adler-32), on random input
+// of many lengths and alignments; and the batch fingerprint texts against
+// the one-at-a-time calls.
+#include <zlib.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/Adler32.h"
+#include "crrecord/platform/fingerprint.h"
+#include "crrecord/platform/status.h"
+#include "fingerprint_batch.h"
+#include "hex.h"
+#include "test_support.h"
+
+using crrecord::Adler32Path;
+using crrecord::HexPath;
+
+namespace {
+
+const HexPath kHexPaths[] = {HexPath::kPortable, HexPath::kSSSE3, HexPath::kAVX2};
+const Adler32Path kAdlerPaths[] = {Adler32Path::kPortable, Adler32Path::kSSSE3,
+                                   Adler32Path::kAVX2};
+
+const char* Name(HexPath p) {
+  return p == HexPath::kAVX2 ? "avx2" : p == HexPath::kSSSE3 ? "ssse3" : "portable";
+}
+const char* Name(Adler32Path p) {
+  return p == Adler32Path::kAVX2 ? "avx2" : p == Adler32Path::kSSSE3 ? "ssse3" : "portable";
+}
+
+// Puts the dispatch back as it was when the test is done.
+class HexPathGuard {
+ public:
+  HexPathGuard() : saved_(crrecord::HexActivePath()) {}
+  ~HexPathGuard() { crrecord::HexForcePath(saved_); }
+
+ private:
+  HexPath saved_;
+};
+
+class AdlerPathGuard {
+ public:
+  AdlerPathGuard() : saved_(crrecord::Adler32ActivePath()) {}
+  ~AdlerPathGuard() { crrecord::Adler32ForcePath(saved_); }
+
+ private:
+  Adler32Path saved_;
+};
+
+std::vector<unsigned char> RandomBytes(std::mt19937_64& rng, size_t n) {
+  std::vector<unsigned char> v(n);
+  for (unsigned char& b : v) b = static_cast<unsigned char>(rng());
+  return v;
+}
+
+// Lengths around every vector width and its multiples, plus a few long ones.
+std::vector<size_t> Lengths() {
+  std::vector<size_t> lengths;
+  for (size_t n = 0; n <= 130; ++n) lengths.push_back(n);
+  for (size_t n : {255, 256, 257, 1000, 4095, 4097}) lengths.push_back(n);
+  return lengths;
+}
+
+bool IsHexDigit(int c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+TEST(FastPathTest, PortableHexPathIsAlwaysThere) {
+  EXPECT_TRUE(crrecord::HexPathAvailable(HexPath::kPortable));
+  EXPECT_TRUE(crrecord::Adler32PathAvailable(Adler32Path::kPortable));
+}
+
+TEST(FastPathTest, EveryHexPathEncodesLikeTheReference) {
+  HexPathGuard guard;
+  std::mt19937_64 rng(1);
+  for (HexPath path : kHexPaths) {
+    if (!crrecord::HexForcePath(path)) continue;
+    ASSERT_EQ(crrecord::HexActivePath(), path);
+    for (size_t n : Lengths()) {
+      for (size_t shift : {0, 1, 7, 31}) {
+        std::vector<unsigned char> in = RandomBytes(rng, n + shift);
+        // One guard byte on each side of the text shows any stray write.
+        std::string out(2 * n + 2, '#');
+        crrecord::HexEncode(in.data() + shift, n, &out[1]);
+        EXPECT_EQ(out, "#" + crtest::Hex(in.data() + shift, n) + "#")
+            << Name(path) << " n=" << n << " shift=" << shift;
+      }
+    }
+  }
+}
+
+TEST(FastPathTest, EveryHexPathDecodesMixedCaseText) {
+  HexPathGuard guard;
+  std::mt19937_64 rng(2);
+  for (HexPath path : kHexPaths) {
+    if (!crrecord::HexForcePath(path)) continue;
+    for (size_t n : Lengths()) {
+      for (size_t shift : {0, 3, 16}) {
+        const std::vector<unsigned char> bytes = RandomBytes(rng, n);
+        std::string text(shift, 'x');
+        text += crtest::Hex(bytes.data(), n);
+        for (size_t i = shift; i < text.size(); ++i) {
+          if (rng() % 2 != 0) text[i] = static_cast<char>(std::toupper(text[i]));
+        }
+        std::vector<unsigned char> out(n + 1, 0xA5);
+        ASSERT_TRUE(crrecord::HexDecode(text.data() + shift, 2 * n, out.data()))
+            << Name(path) << " n=" << n;
+        EXPECT_EQ(crtest::Hex(out.data(), n), crtest::Hex(bytes.data(), n))
+            << Name(path) << " n=" << n << " shift=" << shift;
+        EXPECT_EQ(out[n], 0xA5) << "wrote past the end, " << Name(path) << " n=" << n;
+      }
+    }
+  }
+}
+
+// Each of the 256 character values, placed in the first vector, a later
+// vector and the scalar tail, is refused exactly when it is no hex digit.
+TEST(FastPathTest, EveryHexPathRefusesExactlyTheNonDigits) {
+  HexPathGuard guard;
+  for (HexPath path : kHexPaths) {
+    if (!crrecord::HexForcePath(path)) continue;
+    for (size_t length : {2, 32, 64, 130}) {
+      for (size_t at : {size_t{0}, length / 2, length - 1}) {
+        for (int c = 0; c < 256; ++c) {
+          std::string text(length, '7');
+          text[at] = static_cast<char>(c);
+          std::vector<unsigned char> out(length / 2);
+          EXPECT_EQ(crrecord::HexDecode(text.data(), length, out.data()), IsHexDigit(c))
+              << Name(path) << " char " << c << " at " << at << " of " << length;
+        }
+      }
+    }
+    unsigned char out[64];
+    EXPECT_FALSE(crrecord::HexDecode("0123456789abcdef0123456789abcdef0", 33, out)) << Name(path);
+  }
+}
+
+TEST(FastPathTest, EveryHexPathHandlesStridedFields) {
+  HexPathGuard guard;
+  std::mt19937_64 rng(3);
+  for (HexPath path : kHexPaths) {
+    if (!crrecord::HexForcePath(path)) continue;
+    for (size_t width : {16, 32, 5}) {
+      const size_t count = 37, inStride = width + 12, outStride = 2 * width + 13;
+      const std::vector<unsigned char> in = RandomBytes(rng, count * inStride);
+      std::string text(count * outStride, '#');
+      crrecord::HexEncodeFields(in.data(), inStride, width, &text[0], outStride, count);
+      std::string expected(count * outStride, '#');
+      for (size_t k = 0; k < count; ++k) {
+        expected.replace(k * outStride, 2 * width, crtest::Hex(&in[k * inStride], width));
+      }
+      ASSERT_EQ(text, expected) << Name(path) << " width " << width;
+
+      // Field 20 gets a 'g' in its last digit: fields 0..19 come back, 21.. stay untouched.
+      text[20 * outStride + 2 * width - 1] = 'g';
+      std::vector<unsigned char> back(count * inStride, 0xEE);
+      EXPECT_EQ(crrecord::HexDecodeFields(text.data(), outStride, width, back.data(), inStride,
+                                          count),
+                20u)
+          << Name(path) << " width " << width;
+      for (size_t k = 0; k < 20; ++k) {
+        EXPECT_EQ(crtest::Hex(&back[k * inStride], width), crtest::Hex(&in[k * inStride], width))
+            << Name(path) << " field " << k;
+        EXPECT_EQ(back[k * inStride + width], 0xEE) << "gap written, " << Name(path);
+      }
+      EXPECT_EQ(crtest::Hex(&back[21 * inStride], inStride), std::string(2 * inStride, 'e'));
+      text[20 * outStride + 2 * width - 1] = '0';
+      EXPECT_EQ(crrecord::HexDecodeFields(text.data(), outStride, width, back.data(), inStride,
+                                          count),
+                count);
+    }
+  }
+}
+
+// zlib's adler32 takes 32-bit lengths (every length here fits) and answers
+// 1 for a null buffer, where nothing read leaves the checksum as it was.
+uint32_t ZlibAdler(uint32_t start, const unsigned char* p, size_t n) {
+  if (n == 0) return start;
+  return static_cast<uint32_t>(adler32(start, p, static_cast<uInt>(n)));
+}
+
+TEST(FastPathTest, EveryAdlerPathMatchesZlib) {
+  AdlerPathGuard guard;
+  std::mt19937_64 rng(4);
+  std::vector<size_t> lengths = Lengths();
+  for (size_t n : {5535, 5536, 5551, 5552, 5553, 5568, 11104, 11105, 65539, 1 << 20}) {
+    lengths.push_back(n);
+  }
+  for (Adler32Path path : kAdlerPaths) {
+    if (!crrecord::Adler32ForcePath(path)) continue;
+    ASSERT_EQ(crrecord::Adler32ActivePath(), path);
+    for (size_t n : lengths) {
+      for (size_t shift : {0, 1, 13}) {
+        const std::vector<unsigned char> in = RandomBytes(rng, n + shift);
+        const unsigned char* p = in.data() + shift;
+        EXPECT_EQ(crrecord::Adler32(p, n), ZlibAdler(1, p, n))
+            << Name(path) << " n=" << n << " shift=" << shift;
+        // Continuing from a value other than 1, as a checksum taken in pieces does.
+        const uint32_t start = static_cast<uint32_t>(rng() % 65521) << 16 | (rng() % 65521);
+        EXPECT_EQ(crrecord::Adler32Update(start, p, n), ZlibAdler(start, p, n))
+            << Name(path) << " n=" << n << " from " << start;
+      }
+    }
+  }
+}
+
+// All bytes 0xFF and both sums at their largest: the case that the deferred
+// reduction must survive without overflow.
+TEST(FastPathTest, EveryAdlerPathSurvivesTheLargestSums) {
+  AdlerPathGuard guard;
+  const std::vector<unsigned char> ones(3 * 5552 + 77, 0xFF);
+  const uint32_t start = (65520u << 16) | 65520u;
+  for (Adler32Path path : kAdlerPaths) {
+    if (!crrecord::Adler32ForcePath(path)) continue;
+    for (size_t n : {size_t{5552}, size_t{5553}, ones.size()}) {
+      EXPECT_EQ(crrecord::Adler32Update(start, ones.data(), n), ZlibAdler(start, ones.data(), n))
+          << Name(path) << " n=" << n;
+    }
+  }
+}
+
+TEST(FastPathTest, AdlerInPiecesEqualsAdlerInOne) {
+  std::mt19937_64 rng(5);
+  const std::vector<unsigned char> in = RandomBytes(rng, 100000);
+  uint32_t pieces = 1;
+  size_t at = 0;
+  while (at < in.size()) {
+    const size_t n = std::min<size_t>(rng() % 9000, in.size() - at);
+    pieces = crrecord::Adler32Update(pieces, in.data() + at, n);
+    at += n;
+  }
+  EXPECT_EQ(pieces, ZlibAdler(1, in.data(), in.size()));
+  EXPECT_EQ(crrecord::Adler32("\0", 1), 0x00010001u);
+}
+
+// Fingerprints as they lie in a DO type 3 segment list (28-byte entries for
+// 16-byte fingerprints, 44 for 32), texts in 33- or 65-byte fields with four
+// more bytes after each.
+TEST(FastPathTest, BatchFingerprintTextsEqualTheSingleCalls) {
+  HexPathGuard guard;
+  std::mt19937_64 rng(6);
+  for (HexPath path : kHexPaths) {
+    if (!crrecord::HexForcePath(path)) continue;
+    for (unsigned char fptype : {CR_FP_TYPE_MD5, CR_FP_TYPE_SHA256_16, CR_FP_TYPE_SHA256}) {
+      const size_t width = CRFPDigestSize(fptype), entry = width + 12, field = 2 * width + 5;
+      const size_t count = 50;
+      const std::vector<unsigned char> list = RandomBytes(rng, count * entry);
+      std::string texts(count * field, '#');
+      ASSERT_EQ(CRFPDigestsToStrings(list.data(), entry, fptype, &texts[0], field, count), 0);
+      for (size_t k = 0; k < count; ++k) {
+        crfp_digest_t fp = {};
+        std::memcpy(fp.digest, &list[k * entry], width);
+        char one[65];
+        ASSERT_NE(CRFPDigestToString_r(&fp, fptype, one, sizeof one), nullptr);
+        EXPECT_EQ(texts.substr(k * field, 2 * width + 1), std::string(one, 2 * width + 1))
+            << Name(path) << " fptype " << unsigned{fptype} << " field " << k;
+        EXPECT_EQ(texts.substr(k * field + 2 * width + 1, 4), "####") << "wrote past the NUL";
+      }
+
+      std::vector<unsigned char> back(count * entry, 0);
+      EXPECT_EQ(CRFPStringsToDigests(texts.data(), field, fptype, back.data(), entry, count),
+                count);
+      for (size_t k = 0; k < count; ++k) {
+        EXPECT_EQ(crtest::Hex(&back[k * entry], width), crtest::Hex(&list[k * entry], width));
+      }
+      texts[7 * field + 3] = ' ';
+      *__cr_errno_location() = 0;
+      EXPECT_EQ(CRFPStringsToDigests(texts.data(), field, fptype, back.data(), entry, count), 7u);
+      EXPECT_EQ(*__cr_errno_location(), CR_STATUS_MALFORMED);
+    }
+  }
+}
+
+TEST(FastPathTest, BatchFingerprintTextsRefuseAnUnknownType) {
+  unsigned char fp[32] = {};
+  char text[65];
+  *__cr_errno_location() = 0;
+  EXPECT_EQ(CRFPDigestsToStrings(fp, 32, 4, text, 65, 1), -1);
+  EXPECT_EQ(*__cr_errno_location(), CR_STATUS_INVALID);
+  *__cr_errno_location() = 0;
+  EXPECT_EQ(CRFPStringsToDigests("00", 2, 0, fp, 32, 1), 0u);
+  EXPECT_EQ(*__cr_errno_location(), CR_STATUS_INVALID);
+  EXPECT_EQ(CRFPDigestsToStrings(nullptr, 32, CR_FP_TYPE_MD5, text, 65, 1), -1);
+  EXPECT_EQ(*__cr_errno_location(), CR_STATUS_MISSING_ARGUMENT);
+}
+
+}  // namespace
