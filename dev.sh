@@ -5,7 +5,8 @@
 #   ./dev.sh test   install what is missing, build, run the whole test suite
 #                   (plain build, then again under AddressSanitizer + UBSan,
 #                   the thread test under ThreadSanitizer, and each fuzz
-#                   target for a bounded run)
+#                   target for a bounded run); builds the API reference and
+#                   the Debian packages, and runs the examples against them
 #   ./dev.sh coverage  install what is missing (gcovr too), build with
 #                   coverage, run the tests, print line and branch coverage
 #
@@ -53,9 +54,13 @@ case "$command" in
     ./build/examples/build_record
     ;;
   test)
+    PACKAGES+=(doxygen dpkg-dev file)
     install_missing
-    build build
+    # Prefix /usr: the packages install into Debian's multiarch libdir.
+    build build -DCMAKE_INSTALL_PREFIX=/usr
     ctest --test-dir build --output-on-failure -j"$jobs"
+    cmake --build build --target docs
+    examples/check_installed.sh build
     build build-sanitize -DCRRECORD_SANITIZE=ON -DCRRECORD_BUILD_EXAMPLES=OFF
     ctest --test-dir build-sanitize --output-on-failure -j"$jobs"
     # Only the thread test under ThreadSanitizer: it is the one that runs

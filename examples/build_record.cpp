@@ -1,5 +1,5 @@
 // Builds the DO record of a small file cut into three segments and prints
-// its text form and sizes.
+// its text form, then adds a task ID and prints its sizes.
 #include <cstring>
 #include <iostream>
 #include <vector>
@@ -23,8 +23,10 @@ int main() {
     DORecord record(/*dcid=*/100, /*size=*/10000, /*ssize=*/4096, /*crc=*/0x1234,
                     /*ctime=*/1700000000, /*mtime=*/1700000000, segments.data(), 3, dcids,
                     /*uniqueDcids=*/nullptr, fptype, CR_DO_TYPE_NO_SIZE);
-    record.AddTaskID(42ul);
+    // The text form before the reference: adding one stamps mtime with the
+    // current time.
     record.ToStream(std::cout, false);
+    record.AddTaskID(42ul);
     std::cout << "\nrecord size: " << record.GetHeaderSize() << " bytes, "
               << record.GetNfp() << " segments, " << record.GetNtaskid() << " task ID\n";
   } catch (const Cr_ErrnoException& e) {

@@ -12,6 +12,7 @@
 #include "common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
+#include "dorecord/SegmentScan.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -50,11 +51,44 @@ void CheckRecordSize(uint64_t size) {
   ThrowComposed(CR_STATUS_INVALID, message);
 }
 
-DORecordHeader* AllocateZeroed(uint64_t size) {
+// The first `zeroed` bytes are zero-filled; the caller writes the rest.
+DORecordHeader* Allocate(uint64_t size, uint64_t zeroed) {
   void* buffer = std::malloc(size);
   if (buffer == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.");
-  std::memset(buffer, 0, size);
+  std::memset(buffer, 0, zeroed);
   return static_cast<DORecordHeader*>(buffer);
+}
+
+DORecordHeader* AllocateZeroed(uint64_t size) { return Allocate(size, size); }
+
+// Index of the first DCID below 64, or count when there is none. The test
+// runs without an early exit over blocks, so that it streams at memory
+// speed; only a block with an invalid DCID is searched.
+uint32_t FirstInvalidDcid(const unsigned long* dcids, uint32_t count) {
+  constexpr uint32_t kBlock = 1024;
+  for (uint32_t base = 0; base < count; base += kBlock) {
+    const uint32_t n = count - base < kBlock ? count - base : kBlock;
+    bool invalid = false;
+    for (uint32_t i = 0; i < n; ++i) invalid |= (dcids[base + i] >> 6) == 0;
+    if (!invalid) continue;
+    for (uint32_t i = 0; i < n; ++i) {
+      if (dcids[base + i] < 64) return base + i;
+    }
+  }
+  return count;
+}
+
+// Copies the segment list in pieces small enough to stay in the cache and
+// scans each piece for the segment-list check while it is there.
+void CopySegments(unsigned char* dst, const unsigned char* src, uint32_t count,
+                  unsigned int entryWidth, SegmentListScan* scan) {
+  constexpr uint32_t kPiece = 512;
+  for (uint32_t done = 0; done < count; done += kPiece) {
+    const uint32_t n = count - done < kPiece ? count - done : kPiece;
+    const uint64_t at = uint64_t{done} * entryWidth;
+    std::memcpy(dst + at, src + at, uint64_t{n} * entryWidth);
+    scan->Scan(dst + at, n);
+  }
 }
 
 // The header fields both builders write the same way, in host order.
@@ -151,26 +185,30 @@ void DORecord::init(unsigned long dcid, unsigned long size, unsigned long ssize,
       if (dcids == nullptr) {
         ThrowFixed(CR_STATUS_INVALID, "Got empty DCID list that should not be empty.");
       }
-      for (unsigned int i = 0; i < segmentCount; ++i) {
-        if (dcids[i] < 64) {
-          std::ostringstream message;
-          message << "Got invalid dcid " << dcids[i] << " at index " << i;
-          ThrowComposed(CR_STATUS_INVALID, message);
-        }
+      const uint32_t i = FirstInvalidDcid(dcids, segmentCount);
+      if (i != segmentCount) {
+        std::ostringstream message;
+        message << "Got invalid dcid " << dcids[i] << " at index " << i;
+        ThrowComposed(CR_STATUS_INVALID, message);
       }
     }
     const uint32_t nudcid = CheckUniqueDcids(uniqueDcids);
 
     const uint64_t recsize = DORecordHeaderSizeRaw(0, segmentCount, nudcid, 0, dotype, fptype, 0);
     CheckRecordSize(recsize);
-    header_ = AllocateZeroed(recsize);
+    // With a segment list every byte behind the header is copied from the
+    // caller below, so only the header needs the zero fill.
+    const bool copiesAll = segments != nullptr && dotype != CR_DO_TYPE_BLOOM_FILTER;
+    header_ = Allocate(recsize, copiesAll ? kDOHeaderSize : recsize);
     allocatedSize_ = recsize;
 
     WriteCommonHeader(header_, recsize, dcid, size, ssize, crc, nudcid, fptype, dotype);
     header_->nfp = segmentCount;
+    SegmentListScan scan(dotype, fptype, false, false);
     if (segments != nullptr) {
-      std::memcpy(DORecordHeaderIndexOfSegment(header_, 0), segments,
-                  uint64_t{segmentCount} * SegmentEntryWidth(fptype, dotype));
+      CopySegments(DORecordHeaderIndexOfSegment(header_, 0),
+                   static_cast<const unsigned char*>(segments), segmentCount,
+                   SegmentEntryWidth(fptype, dotype), &scan);
     }
     if (dcids != nullptr) {
       std::memcpy(DORecordHeaderIndexOfDCID(header_, 0), dcids, uint64_t{segmentCount} * 8);
@@ -181,7 +219,10 @@ void DORecord::init(unsigned long dcid, unsigned long size, unsigned long ssize,
     for (unsigned int i = 0; i < taskIdCount; ++i) AddTaskID(taskIds[i]);
     StampTimes(header_, ctime, mtime);
     expand();
-    if (segments != nullptr) checkSegmentList();
+    // The scan saw every entry as copied, and nothing since has changed them
+    // or the header fields it is judged against; only a list that it finds
+    // unsound goes through checkSegmentList, which then throws.
+    if (segments != nullptr && !scan.Sound(size, ssize, segmentCount)) checkSegmentList();
   } catch (...) {
     cleanupConstruction();
     throw;

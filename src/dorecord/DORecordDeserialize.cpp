@@ -13,6 +13,7 @@
 #include "common/Adler32.h"
 #include "common/Endian.h"
 #include "dorecord/DORecordFormat.h"
+#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -118,41 +119,58 @@ cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fp
 }
 
 // Writes the segment list and DCID array; fails only on fingerprint text.
+// The fields go a piece at a time, so that each piece of the input is read
+// while the previous one is still in the cache.
 cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned char dotype,
                          unsigned char fptype, uint32_t nfp) {
   if (nfp == 0) return CR_STATUS_SUCCESS;
+  constexpr uint32_t kPiece = 512;
   const unsigned int width = FingerprintWidth(fptype);
   const unsigned int textWidth = FingerprintTextWidth(fptype);
   const unsigned int extra = SegmentExtraWidth(dotype);
+  const unsigned int inWidth = textWidth + extra;
+  const unsigned int entryWidth = width + extra;
   const unsigned char* src = in + kHead;
-  unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
-  crfp_digest_t fp;
-  for (uint32_t i = 0; i < nfp; ++i, src += textWidth + extra, entry += width + extra) {
-    // The text must be exactly the hex digits and one NUL, the whole field.
-    const char* text = reinterpret_cast<const char*>(src);
-    if (src[textWidth - 1] != 0 ||
-        CRFPStringToDigest_r(text, textWidth - 1, fptype, &fp) == nullptr) {
-      CR_REFUSE(CR_STATUS_MALFORMED,
-                "fingerprint text of segment %u is not %u hex digits and a NUL", i, textWidth - 1);
+  unsigned char* entries = DORecordHeaderIndexOfSegment(h, 0);
+  for (uint32_t done = 0; done < nfp; done += kPiece) {
+    const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
+    unsigned char* entry = entries + uint64_t{done} * entryWidth;
+    // The text must be exactly the hex digits and one NUL, the whole field:
+    // the first segment that breaks either rule is the one reported.
+    uint32_t bad = static_cast<uint32_t>(CRFPStringsToDigests(
+        reinterpret_cast<const char*>(src), inWidth, fptype, entry, entryWidth, n));
+    for (uint32_t i = 0; i < bad; ++i) {
+      if (src[uint64_t{i} * inWidth + textWidth - 1] != 0) bad = i;
     }
-    std::memcpy(entry, fp.digest, width);
+    if (bad != n) {
+      CR_REFUSE(CR_STATUS_MALFORMED,
+                "fingerprint text of segment %u is not %u hex digits and a NUL", done + bad,
+                textWidth - 1);
+    }
     const unsigned char* field = src + textWidth;
     unsigned char* stored = entry + width;
     switch (dotype) {
       case CR_DO_TYPE_NO_OFFSET:
-        Store(stored, LoadBE32(field));
+        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
+          Store(stored, LoadBE32(field));
+        }
         break;
       case CR_DO_TYPE_8_BYTE_OFFSET:
-        Store(stored, LoadBE32(field));
-        Store(stored + 4, LoadBE64(field + 4));
+        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
+          Store(stored, LoadBE32(field));
+          Store(stored + 4, LoadBE64(field + 4));
+        }
         break;
       case CR_DO_TYPE_4_BYTE_OFFSET:
-        Store(stored, LoadBE32(field));
-        Store(stored + 4, LoadBE32(field + 4));
+        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
+          Store(stored, LoadBE32(field));
+          Store(stored + 4, LoadBE32(field + 4));
+        }
         break;
       default:
         break;
     }
+    src += uint64_t{n} * inWidth;
   }
   src += 1;  // the zero byte
   unsigned char* dcid = DORecordHeaderIndexOfDCID(h, 0);

@@ -8,6 +8,7 @@
 #include "common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
+#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -66,32 +67,34 @@ void DigestSegmentList(const DORecordHeader* h, crfp_ctx_t* ctx, crfp_digest_t* 
   const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
   const unsigned int recordEntryWidth = fpWidth + extra;
   unsigned char* out = block.get();
-  crfp_digest_t fp = {};
-  char text[65];
-  for (uint32_t i = 0; i < nfp; ++i, entry += recordEntryWidth, out += entryWidth) {
-    std::memcpy(fp.digest, entry, fpWidth);
-    // Cleared each time so that a text shorter than its field leaves zeros.
-    std::memset(text, 0, sizeof text);
-    if (CRFPDigestToString_r(&fp, fptype, text, sizeof text) == nullptr) {
-      ThrowStatus(LastOutsideStatus());
-    }
-    std::memcpy(out, text, textWidth);
-    const unsigned char* field = entry + fpWidth;
-    switch (dotype) {
-      case CR_DO_TYPE_NO_OFFSET:
-        StoreBE32(out + textWidth, Load<uint32_t>(field));
-        break;
-      case CR_DO_TYPE_8_BYTE_OFFSET:
-        StoreBE32(out + textWidth, Load<uint32_t>(field));
-        StoreBE64(out + textWidth + 4, Load<uint64_t>(field + 4));
-        break;
-      case CR_DO_TYPE_4_BYTE_OFFSET:
-        StoreBE32(out + textWidth, Load<uint32_t>(field));
-        StoreBE32(out + textWidth + 4, Load<uint32_t>(field + 4));
-        break;
-      default:
-        break;
-    }
+  // The texts in one call (text and NUL fill the W-byte field exactly),
+  // then the fields.
+  if (nfp != 0 && CRFPDigestsToStrings(entry, recordEntryWidth, fptype,
+                                       reinterpret_cast<char*>(out), entryWidth, nfp) != 0) {
+    ThrowStatus(LastOutsideStatus());
+  }
+  const unsigned char* field = entry + fpWidth;
+  out += textWidth;
+  switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET:
+      for (uint32_t i = 0; i < nfp; ++i, field += recordEntryWidth, out += entryWidth) {
+        StoreBE32(out, Load<uint32_t>(field));
+      }
+      break;
+    case CR_DO_TYPE_8_BYTE_OFFSET:
+      for (uint32_t i = 0; i < nfp; ++i, field += recordEntryWidth, out += entryWidth) {
+        StoreBE32(out, Load<uint32_t>(field));
+        StoreBE64(out + 4, Load<uint64_t>(field + 4));
+      }
+      break;
+    case CR_DO_TYPE_4_BYTE_OFFSET:
+      for (uint32_t i = 0; i < nfp; ++i, field += recordEntryWidth, out += entryWidth) {
+        StoreBE32(out, Load<uint32_t>(field));
+        StoreBE32(out + 4, Load<uint32_t>(field + 4));
+      }
+      break;
+    default:
+      break;
   }
   AppendAll(ctx, block.get(), blockSize);
   block.reset();

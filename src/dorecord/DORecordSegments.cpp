@@ -11,6 +11,7 @@
 #include "common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
+#include "dorecord/SegmentScan.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -176,10 +177,15 @@ void DORecord::checkSegmentOffsetEndiannes() const {
   }
 }
 
-void DORecord::checkSegmentList() const {
-  const unsigned char dotype = header_->dotype;
-  const uint32_t nfp = GetNfp();
-  const uint64_t size = GetSize();
+namespace {
+
+// The check pass by pass, each pass over all segments before the next, and
+// the first failing test thrown. checkSegmentList comes here only for a
+// list that SegmentListScan found unsound.
+void CheckByPasses(const DORecord& r) {
+  const unsigned char dotype = r.GetDOType();
+  const uint32_t nfp = r.GetNfp();
+  const uint64_t size = r.GetSize();
   switch (dotype) {
     case CR_DO_TYPE_INVALID:
       ThrowFixed(CR_STATUS_INVALID, "invalid DO type");
@@ -187,16 +193,16 @@ void DORecord::checkSegmentList() const {
     case CR_DO_TYPE_ORIGINAL:
     case CR_DO_TYPE_NO_SIZE: {
       // Only an upper bound: the last segment may be shorter than ssize.
-      const uint64_t bound = uint64_t{nfp} * GetSsize();
+      const uint64_t bound = uint64_t{nfp} * r.GetSsize();
       if (size > bound) ThrowTotalSize(size, bound);
       return;
     }
 
     case CR_DO_TYPE_NO_OFFSET:
     case CR_DO_TYPE_4_BYTE_OFFSET: {
-      checkSegmentSizeEndiannes();
+      r.checkSegmentSizeEndiannes();
       uint64_t sum = 0;
-      for (uint32_t i = 0; i < nfp; ++i) sum += GetSegmentSize(i);
+      for (uint32_t i = 0; i < nfp; ++i) sum += r.GetSegmentSize(i);
       if (sum != size) {
         ThrowSizeSum(dotype == CR_DO_TYPE_NO_OFFSET ? "CR_DO_TYPE_NO_OFFSET"
                                                     : "CR_DO_TYPE_4_BYTE_OFFSET",
@@ -206,15 +212,15 @@ void DORecord::checkSegmentList() const {
     }
 
     case CR_DO_TYPE_8_BYTE_OFFSET: {
-      checkSegmentSizeEndiannes();
-      checkSegmentOffsetEndiannes();
+      r.checkSegmentSizeEndiannes();
+      r.checkSegmentOffsetEndiannes();
       // Segments may leave gaps but may not overlap; a zero-size segment may
       // share its offset with the next one.
       uint64_t end = 0;
       for (uint32_t i = 0; i < nfp; ++i) {
-        const uint64_t o = GetSegmentOffset(i);
+        const uint64_t o = r.GetSegmentOffset(i);
         if (o < end) ThrowOrder(i, o, end);
-        end = o + GetSegmentSize(i);
+        end = o + r.GetSegmentSize(i);
       }
       if (end > size) ThrowEnd(size, end);
       return;
@@ -223,4 +229,107 @@ void DORecord::checkSegmentList() const {
     default:  // Bloom DO records and DO types without a segment list
       return;
   }
+}
+
+// The scan loops, one per layout, with the byte order fixed at compile time.
+template <bool kSwap, typename T>
+inline T Field(const unsigned char* p) {
+  return kSwap ? ByteSwap(Load<T>(p)) : Load<T>(p);
+}
+
+template <bool kSwap>
+void ScanSizes(const unsigned char* size, unsigned int stride, uint32_t count, uint32_t* bits,
+               uint64_t* sum) {
+  uint32_t b = *bits;
+  uint64_t total = *sum;
+  for (uint32_t i = 0; i < count; ++i, size += stride) {
+    const uint32_t s = Field<kSwap, uint32_t>(size);
+    b |= s;
+    total += s;
+  }
+  *bits = b;
+  *sum = total;
+}
+
+template <bool kSwap>
+void ScanSizesAndOffsets(const unsigned char* size, unsigned int stride, uint32_t count,
+                         uint32_t* sizeBits, uint64_t* offsetBits, uint64_t* end, bool* ordered) {
+  uint32_t sb = *sizeBits;
+  uint64_t ob = *offsetBits;
+  uint64_t e = *end;
+  bool inOrder = *ordered;
+  for (uint32_t i = 0; i < count; ++i, size += stride) {
+    const uint32_t s = Field<kSwap, uint32_t>(size);
+    const uint64_t o = Field<kSwap, uint64_t>(size + 4);
+    sb |= s;
+    ob |= o;
+    inOrder &= o >= e;
+    e = o + s;
+  }
+  *sizeBits = sb;
+  *offsetBits = ob;
+  *end = e;
+  *ordered = inOrder;
+}
+
+}  // namespace
+
+namespace crrecord {
+
+SegmentListScan::SegmentListScan(unsigned char dotype, unsigned char fptype, bool networkOrder,
+                                 bool subDO)
+    : dotype_(dotype),
+      fpWidth_(FingerprintWidth(fptype)),
+      entryWidth_(SegmentEntryWidth(fptype, dotype)),
+      networkOrder_(networkOrder),
+      subDO_(subDO),
+      readsEntries_(HasStoredSizes(dotype)) {}
+
+void SegmentListScan::Scan(const unsigned char* entries, uint32_t count) {
+  if (!readsEntries_ || count == 0) return;
+  const unsigned char* size = entries + fpWidth_;
+  if (dotype_ == CR_DO_TYPE_8_BYTE_OFFSET) {
+    if (networkOrder_) {
+      ScanSizesAndOffsets<true>(size, entryWidth_, count, &sizeBits_, &offsetBits_, &end_,
+                                &ordered_);
+    } else {
+      ScanSizesAndOffsets<false>(size, entryWidth_, count, &sizeBits_, &offsetBits_, &end_,
+                                 &ordered_);
+    }
+  } else if (networkOrder_) {
+    ScanSizes<true>(size, entryWidth_, count, &sizeBits_, &sizeSum_);
+  } else {
+    ScanSizes<false>(size, entryWidth_, count, &sizeBits_, &sizeSum_);
+  }
+}
+
+bool SegmentListScan::Sound(uint64_t size, uint64_t ssize, uint32_t nfp) const {
+  const bool sizesSane = subDO_ || (sizeBits_ & kSizeMagnitudeBit) == 0;
+  switch (dotype_) {
+    case CR_DO_TYPE_INVALID:
+      return false;
+    case CR_DO_TYPE_ORIGINAL:
+    case CR_DO_TYPE_NO_SIZE:
+      return size <= uint64_t{nfp} * ssize;
+    case CR_DO_TYPE_NO_OFFSET:
+    case CR_DO_TYPE_4_BYTE_OFFSET:
+      return sizesSane && sizeSum_ == size;
+    case CR_DO_TYPE_8_BYTE_OFFSET:
+      return sizesSane && (offsetBits_ & kOffsetMagnitudeBit) == 0 && ordered_ && end_ <= size;
+    default:
+      return true;
+  }
+}
+
+}  // namespace crrecord
+
+// One pass on the success path; the pass-by-pass check only for a list that
+// fails, to find and report the failure its passes meet first.
+void DORecord::checkSegmentList() const {
+  const unsigned char dotype = header_->dotype;
+  const uint32_t nfp = GetNfp();
+  SegmentListScan scan(dotype, header_->fptype, networkOrder_, subDO_);
+  if (scan.ReadsEntries() && nfp != 0) scan.Scan(DORecordHeaderIndexOfSegment(header_, 0), nfp);
+  if (scan.Sound(GetSize(), GetSsize(), nfp)) return;
+  CheckByPasses(*this);
 }

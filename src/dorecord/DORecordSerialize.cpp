@@ -19,6 +19,7 @@
 #include "common/Adler32.h"
 #include "common/Endian.h"
 #include "dorecord/DORecordFormat.h"
+#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -36,7 +37,50 @@ void WriteHead(unsigned char* out, const DORecordHeader* h) {
   StoreBE64(out + 8, h->ssize);
   StoreBE32(out + 16, h->CRC);
   StoreBE32(out + 20, h->nfp);
-  // Bytes 24..27 stay zero (calloc).
+  StoreBE32(out + 24, 0);
+}
+
+// Segments per piece: the entries are written, and checksummed, a piece at
+// a time while the piece is in the cache.
+constexpr uint32_t kPiece = 512;
+
+// The entries of segments [first, first + count): text fields, then the
+// DO type's fields, big-endian.
+void WriteEntries(unsigned char* dst, const unsigned char* entry, uint32_t count,
+                  unsigned char fptype, unsigned char dotype) {
+  const unsigned int width = FingerprintWidth(fptype);
+  const unsigned int textWidth = FingerprintTextWidth(fptype);
+  const unsigned int extra = SegmentExtraWidth(dotype);
+  const unsigned int entryWidth = width + extra;
+  const unsigned int outWidth = textWidth + extra;
+  if (CRFPDigestsToStrings(entry, entryWidth, fptype, reinterpret_cast<char*>(dst), outWidth,
+                           count) != 0) {
+    // A fingerprint type without a text form leaves its fields zero.
+    for (uint32_t i = 0; i < count; ++i) std::memset(dst + uint64_t{i} * outWidth, 0, textWidth);
+  }
+  const unsigned char* stored = entry + width;
+  unsigned char* field = dst + textWidth;
+  switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET:
+      for (uint32_t i = 0; i < count; ++i, stored += entryWidth, field += outWidth) {
+        StoreBE32(field, Load<uint32_t>(stored));
+      }
+      break;
+    case CR_DO_TYPE_8_BYTE_OFFSET:
+      for (uint32_t i = 0; i < count; ++i, stored += entryWidth, field += outWidth) {
+        StoreBE32(field, Load<uint32_t>(stored));
+        StoreBE64(field + 4, Load<uint64_t>(stored + 4));
+      }
+      break;
+    case CR_DO_TYPE_4_BYTE_OFFSET:
+      for (uint32_t i = 0; i < count; ++i, stored += entryWidth, field += outWidth) {
+        StoreBE32(field, Load<uint32_t>(stored));
+        StoreBE32(field + 4, Load<uint32_t>(stored + 4));
+      }
+      break;
+    default:
+      break;
+  }
 }
 
 }  // namespace
@@ -59,9 +103,13 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   // fields, so the loop below writes exactly what this size counts.
   const unsigned int extra = SegmentExtraWidth(dotype);
   const unsigned int entryWidth = width + extra;
-  const uint64_t total = kSerializedHead + uint64_t{nfp} * (textWidth + extra + 8) + 1;
+  const unsigned int outWidth = textWidth + extra;
+  const uint64_t total = kSerializedHead + uint64_t{nfp} * (outWidth + 8) + 1;
 
-  unsigned char* buffer = static_cast<unsigned char*>(std::calloc(1, total));
+  // Every byte is written below (text fields with their NUL, the fields, the
+  // zero byte), so the buffer needs no zero fill of its own: on a buffer
+  // whose pages are reused that would be one more pass over the output.
+  unsigned char* buffer = static_cast<unsigned char*>(std::malloc(total));
   *out = buffer;
   if (buffer == nullptr) {
     // The size is cut to 32 bits for the message only.
@@ -70,43 +118,33 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   }
 
   WriteHead(buffer, h);
+  uint32_t adler = 1;
   unsigned char* dst = buffer + kSerializedHead;
   if (nfp != 0) {
-    const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
-    crfp_digest_t fp{};
-    for (uint32_t i = 0; i < nfp; ++i, entry += entryWidth, dst += textWidth + extra) {
-      // A copy, because the record holds only `width` bytes of the digest.
-      std::memcpy(fp.digest, entry, width);
-      CRFPDigestToString_r(&fp, fptype, reinterpret_cast<char*>(dst), textWidth);
-      unsigned char* field = dst + textWidth;
-      const unsigned char* stored = entry + width;
-      switch (dotype) {
-        case CR_DO_TYPE_NO_OFFSET:
-          StoreBE32(field, Load<uint32_t>(stored));
-          break;
-        case CR_DO_TYPE_8_BYTE_OFFSET:
-          StoreBE32(field, Load<uint32_t>(stored));
-          StoreBE64(field + 4, Load<uint64_t>(stored + 4));
-          break;
-        case CR_DO_TYPE_4_BYTE_OFFSET:
-          StoreBE32(field, Load<uint32_t>(stored));
-          StoreBE32(field + 4, Load<uint32_t>(stored + 4));
-          break;
-        default:
-          break;
-      }
+    const unsigned char* entries = DORecordHeaderIndexOfSegment(h, 0);
+    for (uint32_t done = 0; done < nfp; done += kPiece) {
+      const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
+      WriteEntries(dst, entries + uint64_t{done} * entryWidth, n, fptype, dotype);
+      if (checksum) adler = Adler32Update(adler, dst, uint64_t{n} * outWidth);
+      dst += uint64_t{n} * outWidth;
     }
   }
-  ++dst;  // the zero byte between the entries and the DCIDs
+  *dst++ = 0;  // the zero byte between the entries and the DCIDs
+  if (checksum) adler = Adler32Update(adler, dst - 1, 1);
   if (nfp != 0) {
-    const unsigned char* dcid = DORecordHeaderIndexOfDCID(h, 0);
-    for (uint32_t i = 0; i < nfp; ++i, dcid += 8, dst += 8) StoreBE64(dst, Load<uint64_t>(dcid));
+    const unsigned char* dcids = DORecordHeaderIndexOfDCID(h, 0);
+    for (uint32_t done = 0; done < nfp; done += kPiece) {
+      const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
+      const unsigned char* src = dcids + uint64_t{done} * 8;
+      for (uint32_t i = 0; i < n; ++i) StoreBE64(dst + 8 * i, Load<uint64_t>(src + 8 * i));
+      if (checksum) adler = Adler32Update(adler, dst, uint64_t{n} * 8);
+      dst += uint64_t{n} * 8;
+    }
   }
 
   *outSize = total;
-  if (checksum) {
-    StoreBE32(buffer + 16, Adler32(buffer + kSerializedHead, total - kSerializedHead));
-  }
+  // The Adler-32 of bytes 28..end replaces the CRC written with the head.
+  if (checksum) StoreBE32(buffer + 16, adler);
   return CR_STATUS_SUCCESS;
 }
 

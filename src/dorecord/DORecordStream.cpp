@@ -1,11 +1,14 @@
 // The two stream forms of a DO record (a one-line text form and the record
 // buffer itself) and record equality.
+#include <charconv>
 #include <cstring>
+#include <locale>
 #include <ostream>
 
 #include "common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
+#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -62,26 +65,108 @@ void WriteReference(std::ostream& os, const Cr_TRef& ref) {
   os << text;
 }
 
-}  // namespace
+// Whether the stream writes numbers as plain decimal digits, exactly as
+// std::to_chars does: decimal base, no field width pending, and the classic
+// locale (no digit grouping). showpos and showbase change nothing for the
+// unsigned decimal numbers of the text form.
+bool WritesPlainDecimal(const std::ostream& os) {
+  const std::ios_base::fmtflags base = os.flags() & std::ios_base::basefield;
+  return (base == std::ios_base::dec || base == 0) && os.width() == 0 &&
+         os.getloc() == std::locale::classic();
+}
 
-std::ostream& DORecord::ToStream(std::ostream& os, bool binary) const {
-  if (binary) {
-    HostOrderWindow window(header_, networkOrder_);
-    writeTRefSection();
-    os.write(reinterpret_cast<const char*>(header_), static_cast<std::streamsize>(getRecSize()));
-    return os;
+// The text form's bytes gathered in a local buffer and handed to the stream
+// in large writes, numbers written with std::to_chars: for streams that
+// format numbers as plain decimal (WritesPlainDecimal).
+class LineWriter {
+ public:
+  explicit LineWriter(std::ostream& os) : os_(os) {}
+  ~LineWriter() = default;
+  LineWriter(const LineWriter&) = delete;
+  LineWriter& operator=(const LineWriter&) = delete;
+
+  void Put(char c) {
+    Reserve(1);
+    buffer_[used_++] = c;
+  }
+  void Put(const char* text, size_t n) {
+    Reserve(n);
+    std::memcpy(buffer_ + used_, text, n);
+    used_ += n;
+  }
+  void Number(uint64_t v) {
+    Reserve(20);
+    used_ = static_cast<size_t>(std::to_chars(buffer_ + used_, buffer_ + sizeof buffer_, v).ptr -
+                                buffer_);
+  }
+  void Flush() {
+    if (used_ != 0) os_.write(buffer_, static_cast<std::streamsize>(used_));
+    used_ = 0;
   }
 
-  if (networkOrder_) {
-    ThrowFixed(CR_STATUS_INVALID,
-               "cannot write DO record to stream in text form because it is in network order");
+ private:
+  void Reserve(size_t n) {
+    if (sizeof buffer_ - used_ < n) Flush();
   }
-  const DORecordHeader* h = header_;
-  // Single-byte fields go through unsigned so they print as numbers.
-  os << h->type << ',' << kTextFormVersion << ',' << h->flags << ',' << h->CID << ',' << h->size
-     << ',' << h->ssize << ',' << h->CRC << ',' << h->ctime << ',' << h->mtime << ','
-     << unsigned{h->fptype} << ',' << unsigned{h->dotype} << ',' << h->nfp << ',';
 
+  std::ostream& os_;
+  size_t used_ = 0;
+  char buffer_[16384];
+};
+
+// The segment list and DCID list of the text form, through a LineWriter.
+// Fingerprint texts are made a piece at a time by one batch call.
+void WriteSegmentsFast(std::ostream& os, const DORecordHeader* h) {
+  const unsigned char fptype = h->fptype;
+  const unsigned char dotype = h->dotype;
+  const uint32_t nfp = h->nfp;
+  const unsigned int fpWidth = FingerprintWidth(fptype);
+  const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
+  const size_t textLength = 2 * size_t{CRFPDigestSize(fptype)};  // 0 without a text form
+  constexpr uint32_t kPiece = 128;
+  char texts[kPiece][65];
+
+  LineWriter out(os);
+  out.Put('[');
+  const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
+  for (uint32_t done = 0; done < nfp; done += kPiece) {
+    const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
+    const size_t length =
+        CRFPDigestsToStrings(entry, entryWidth, fptype, texts[0], sizeof texts[0], n) == 0
+            ? textLength
+            : 0;
+    for (uint32_t i = 0; i < n; ++i, entry += entryWidth) {
+      if (done + i != 0) out.Put(',');
+      out.Put('[');
+      out.Put(texts[i], length);
+      const unsigned char* field = entry + fpWidth;
+      if (HasStoredSizes(dotype)) {
+        out.Put(',');
+        out.Number(Load<uint32_t>(field));
+      }
+      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
+        out.Put(',');
+        out.Number(Load<uint64_t>(field + 4));
+      }
+      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
+        out.Put(',');
+        out.Number(Load<uint32_t>(field + 4));
+      }
+      out.Put(']');
+    }
+  }
+  out.Put('[');
+  const unsigned char* dcid = DORecordHeaderIndexOfDCID(h, 0);
+  for (uint32_t i = 0; i < nfp; ++i, dcid += 8) {
+    if (i != 0) out.Put(',');
+    out.Number(Load<uint64_t>(dcid));
+  }
+  out.Put(']');
+  out.Flush();
+}
+
+// The same through the stream's own formatting, for streams set otherwise.
+void WriteSegmentsFormatted(std::ostream& os, const DORecordHeader* h) {
   const unsigned char fptype = h->fptype;
   const unsigned char dotype = h->dotype;
   const uint32_t nfp = h->nfp;
@@ -107,7 +192,36 @@ std::ostream& DORecord::ToStream(std::ostream& os, bool binary) const {
     if (i != 0) os << ',';
     os << Load<uint64_t>(dcid);
   }
-  os << "]],[";
+  os << ']';
+}
+
+}  // namespace
+
+std::ostream& DORecord::ToStream(std::ostream& os, bool binary) const {
+  if (binary) {
+    HostOrderWindow window(header_, networkOrder_);
+    writeTRefSection();
+    os.write(reinterpret_cast<const char*>(header_), static_cast<std::streamsize>(getRecSize()));
+    return os;
+  }
+
+  if (networkOrder_) {
+    ThrowFixed(CR_STATUS_INVALID,
+               "cannot write DO record to stream in text form because it is in network order");
+  }
+  const DORecordHeader* h = header_;
+  // Single-byte fields go through unsigned so they print as numbers.
+  os << h->type << ',' << kTextFormVersion << ',' << h->flags << ',' << h->CID << ',' << h->size
+     << ',' << h->ssize << ',' << h->CRC << ',' << h->ctime << ',' << h->mtime << ','
+     << unsigned{h->fptype} << ',' << unsigned{h->dotype} << ',' << h->nfp << ',';
+  // The per-segment numbers are most of the line: they skip the stream's
+  // number formatting when it would give plain decimal digits anyway.
+  if (WritesPlainDecimal(os)) {
+    WriteSegmentsFast(os, h);
+  } else {
+    WriteSegmentsFormatted(os, h);
+  }
+  os << "],[";
 
   bool first = true;
   for (tref_const_iterator_t it = GetTRefBegin(), end = GetTRefEnd(); it != end; ++it) {

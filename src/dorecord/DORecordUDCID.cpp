@@ -42,49 +42,125 @@ struct UDCIDEntry {
 bool ByDCID(const UDCIDEntry& a, const UDCIDEntry& b) { return a.dcid < b.dcid; }
 
 // Distinct DCIDs with their byte counts: open addressing with linear probing
-// in one table sized up front for as many keys as there are segments (load
-// at most one half), so gathering costs no allocation per segment. DCID 0
-// marks a free slot; only DCIDs of 64 and above are ever added.
+// in one flat table of 16-byte slots, at most half full. It starts with room
+// for the list's length or kInitialKeys keys, whichever is less, and doubles
+// when it fills, so that a short list costs one small allocation and a long
+// list with few containers stays in a table the size of the L1 cache.
+// DCID 0 marks a free slot; only DCIDs of 64 and above are ever added.
 class DCIDTable {
  public:
   explicit DCIDTable(uint64_t maxKeys) {
     unsigned int bits = 4;
-    while ((uint64_t{1} << bits) < 2 * maxKeys) ++bits;
-    shift_ = 64 - bits;
-    mask_ = (uint64_t{1} << bits) - 1;
-    slots_.assign(size_t{1} << bits, UDCIDEntry{0, 0});
+    const uint64_t keys = maxKeys < kInitialKeys ? maxKeys : kInitialKeys;
+    while ((uint64_t{1} << bits) < 2 * keys) ++bits;
+    Reset(bits);
   }
 
-  // REQUIRES: dcid != 0 and no more distinct keys than the table was made for.
+  // REQUIRES: dcid != 0. Throws std::bad_alloc when the table cannot grow.
   void Add(uint64_t dcid, uint64_t bytes) {
-    uint64_t i = (dcid * 0x9E3779B97F4A7C15ull) >> shift_;  // Fibonacci hashing
-    while (slots_[i].dcid != dcid) {
-      if (slots_[i].dcid == 0) {
-        slots_[i].dcid = dcid;
-        break;
+    // Consecutive segments mostly lie in one container.
+    if (dcid == lastDcid_) {
+      slots_[last_].bytes += bytes;
+      return;
+    }
+    uint64_t i = Find(dcid);
+    if (slots_[i].dcid == 0) {
+      if (2 * (size_ + 1) > slots_.size()) {
+        Grow();
+        i = Find(dcid);
       }
-      i = (i + 1) & mask_;
+      slots_[i].dcid = dcid;
+      ++size_;
     }
     slots_[i].bytes += bytes;
+    lastDcid_ = dcid;
+    last_ = i;
   }
 
   // The occupied slots, packed and in ascending DCID order; empties the table.
   std::vector<UDCIDEntry> TakeSorted() {
     size_t n = 0;
-    for (const UDCIDEntry& slot : slots_) {
-      if (slot.dcid != 0) slots_[n++] = slot;
+    for (size_t i = 0; i < slots_.size(); ++i) {
+      if (slots_[i].dcid != 0) slots_[n++] = slots_[i];
+    }
+    if (n <= kSmallSort) {
+      std::sort(slots_.begin(), slots_.begin() + n, ByDCID);
+    } else {
+      // The table is at most half full: the slots behind the packed
+      // entries are room enough for the sort's second copy.
+      RadixSort(slots_.data(), slots_.data() + n, n);
     }
     slots_.resize(n);
-    std::sort(slots_.begin(), slots_.end(), ByDCID);
     std::vector<UDCIDEntry> out;
     out.swap(slots_);
     return out;
   }
 
  private:
+  static constexpr uint64_t kInitialKeys = 1024;
+  static constexpr size_t kSmallSort = 64;
+
+  void Reset(unsigned int bits) {
+    slots_.assign(size_t{1} << bits, UDCIDEntry{0, 0});
+    shift_ = 64 - bits;
+    mask_ = (uint64_t{1} << bits) - 1;
+    size_ = 0;
+    lastDcid_ = 0;
+  }
+
+  uint64_t Find(uint64_t dcid) const {
+    uint64_t i = (dcid * 0x9E3779B97F4A7C15ull) >> shift_;  // Fibonacci hashing
+    while (slots_[i].dcid != dcid && slots_[i].dcid != 0) i = (i + 1) & mask_;
+    return i;
+  }
+
+  void Grow() {
+    std::vector<UDCIDEntry> old;
+    old.swap(slots_);
+    try {
+      Reset(64 - shift_ + 1);
+    } catch (...) {
+      old.swap(slots_);
+      throw;
+    }
+    for (const UDCIDEntry& slot : old) {
+      if (slot.dcid == 0) continue;
+      const uint64_t i = Find(slot.dcid);
+      slots_[i] = slot;
+      ++size_;
+    }
+  }
+
+  // Least-significant-byte-first radix sort of the n entries at a by DCID,
+  // through the n entries of room at b; the result ends in a. Bytes in
+  // which all DCIDs agree take no pass.
+  static void RadixSort(UDCIDEntry* a, UDCIDEntry* b, size_t n) {
+    size_t counts[8][256] = {};
+    for (size_t i = 0; i < n; ++i) {
+      for (unsigned int d = 0; d < 8; ++d) ++counts[d][(a[i].dcid >> (8 * d)) & 0xFF];
+    }
+    UDCIDEntry* from = a;
+    UDCIDEntry* to = b;
+    for (unsigned int d = 0; d < 8; ++d) {
+      if (counts[d][(a[0].dcid >> (8 * d)) & 0xFF] == n) continue;
+      size_t at = 0;
+      for (size_t& c : counts[d]) {
+        const size_t here = c;
+        c = at;
+        at += here;
+      }
+      for (size_t i = 0; i < n; ++i) to[counts[d][(from[i].dcid >> (8 * d)) & 0xFF]++] = from[i];
+      std::swap(from, to);
+    }
+    if (from != a) std::memcpy(a, from, n * sizeof *a);
+  }
+
   std::vector<UDCIDEntry> slots_;
-  uint64_t mask_;
-  unsigned int shift_;
+  uint64_t mask_ = 0;
+  unsigned int shift_ = 0;
+  size_t size_ = 0;
+  uint64_t lastDcid_ = 0;
+  uint64_t last_ = 0;
 };
 
 // Whether the record's unique-DCID list stands big-endian (see the file
@@ -220,14 +296,22 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
 
   if (needed > allocatedSize_) {
     // Exactly the size needed, whatever the buffer mode: a borrowed buffer
-    // is replaced by an owned copy in the same way.
-    void* grown = std::malloc(needed);
-    if (grown == nullptr) return CR_STATUS_NO_MEMORY;
-    writeTRefSection();
-    std::memcpy(grown, header_, std::min<uint64_t>(getRecSize(), allocatedSize_));
-    if (ownsBuffer_) std::free(header_);
-    header_ = static_cast<DORecordHeader*>(grown);
-    ownsBuffer_ = true;
+    // is replaced by an owned copy in the same way. An owned buffer is
+    // grown with realloc, which can extend it in place (or remap it) instead
+    // of copying the record; on failure it leaves the buffer as it was.
+    if (ownsBuffer_) {
+      void* grown = std::realloc(header_, needed);
+      if (grown == nullptr) return CR_STATUS_NO_MEMORY;
+      header_ = static_cast<DORecordHeader*>(grown);
+      writeTRefSection();
+    } else {
+      void* grown = std::malloc(needed);
+      if (grown == nullptr) return CR_STATUS_NO_MEMORY;
+      writeTRefSection();
+      std::memcpy(grown, header_, std::min<uint64_t>(getRecSize(), allocatedSize_));
+      header_ = static_cast<DORecordHeader*>(grown);
+      ownsBuffer_ = true;
+    }
     allocatedSize_ = needed;
   }
 

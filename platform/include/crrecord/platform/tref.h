@@ -7,12 +7,12 @@
 ///
 /// Binary form (mode 1), self-delimiting; this is what a DO record's
 /// typed-reference section holds, one reference after another:
-/// @verbatim
+/// @code{.unparsed}
 ///   +------+--------+-----------------+
 ///   | kind | length | payload         |
 ///   | u8   | u8     | length bytes    |
 ///   +------+--------+-----------------+
-/// @endverbatim
+/// @endcode
 /// Text form (mode 0): NUL-terminated, at most 98 bytes with the NUL:
 /// "taskid:<decimal>" (kind 2 with an 8-byte payload), "dsid:<decimal>"
 /// (kind 4 with a 4-byte payload), or "tref<kind>:<hex payload>".

@@ -1,0 +1,162 @@
+// The tool's command line: arguments, exit codes and one-line errors.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "json.h"
+#include "util.h"
+
+namespace {
+
+struct Result {
+  int code;
+  std::string out, err;
+};
+
+Result Crrec(std::vector<std::string> args) {
+  args.insert(args.begin(), "crrec");
+  std::ostringstream out, err;
+  int code = crrec::Run(args, out, err);
+  return Result{code, out.str(), err.str()};
+}
+
+class CrrecCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/crrec_cli_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string dir_;
+};
+
+TEST(CrrecArgs, SizesTakeBinaryUnits) {
+  EXPECT_EQ(crrec::ParseSize("12"), 12u);
+  EXPECT_EQ(crrec::ParseSize("64K"), 65536u);
+  EXPECT_EQ(crrec::ParseSize("8KiB"), 8192u);
+  EXPECT_EQ(crrec::ParseSize("4M"), 4194304u);
+  EXPECT_EQ(crrec::ParseSize("1G"), 1073741824u);
+  EXPECT_THROW(crrec::ParseSize("K"), std::invalid_argument);
+  EXPECT_THROW(crrec::ParseSize("5Q"), std::invalid_argument);
+  EXPECT_THROW(crrec::ParseSize("5Kx"), std::invalid_argument);
+  EXPECT_THROW(crrec::ParseSize("99999999999999999999"), std::invalid_argument);
+  EXPECT_THROW(crrec::ParseSize("17179869184G"), std::invalid_argument);
+}
+
+TEST(CrrecArgs, NumbersAreDecimalOrHexAndBounded) {
+  EXPECT_EQ(crrec::ParseNumber("4294967295", UINT32_MAX, "--crc"), 4294967295u);
+  EXPECT_EQ(crrec::ParseNumber("0xfeedBEEF", UINT32_MAX, "--crc"), 0xfeedbeefu);
+  try {
+    crrec::ParseNumber("4294967296", UINT32_MAX, "--crc");
+    FAIL();
+  } catch (const crrec::ToolError& e) {
+    EXPECT_EQ(e.exitCode(), crrec::kExitUsage);
+    EXPECT_EQ(e.Line(), "crrec: --crc: 4294967296 is larger than 4294967295");
+  }
+  EXPECT_THROW(crrec::ParseNumber("-1", UINT64_MAX, "--cid"), crrec::ToolError);
+  EXPECT_THROW(crrec::ParseNumber("0x", UINT64_MAX, "--cid"), crrec::ToolError);
+  EXPECT_THROW(crrec::ParseNumber("12a", UINT64_MAX, "--cid"), crrec::ToolError);
+}
+
+TEST(CrrecArgs, HexDecodingRefusesOddAndForeignDigits) {
+  std::vector<unsigned char> bytes;
+  EXPECT_TRUE(crrec::HexDecode("00fFa5", &bytes));
+  EXPECT_EQ(bytes, (std::vector<unsigned char>{0x00, 0xff, 0xa5}));
+  EXPECT_FALSE(crrec::HexDecode("abc", &bytes));
+  EXPECT_FALSE(crrec::HexDecode("0g", &bytes));
+  EXPECT_EQ(crrec::HexEncode(bytes.data(), bytes.size()), "00ffa5");
+}
+
+TEST_F(CrrecCli, UsageErrorsExitTwoWithOneLine) {
+  Result r = Crrec({"verify", Path("missing")});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_EQ(r.err, "crrec: " + Path("missing") + ": cannot open: No such file or directory\n");
+  r = Crrec({"convert", Path("missing"), "--to", "xml"});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_EQ(r.err, "crrec: --to: xml not in {stored,serialized,text,json} (see crrec --help)\n");
+  r = Crrec({"build", Path("missing"), "--chunker", "cdc", "--segment-size", "4K"});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_EQ(r.err, "crrec: " + Path("missing") + ": --segment-size is for --chunker fixed\n");
+}
+
+TEST_F(CrrecCli, BuildThenShowVerifyConvertAndDigest) {
+  const std::string input = Path("in.bin"), stored = Path("r.stored"), ser = Path("r.ser");
+  ASSERT_EQ(Crrec({"gen", input, "--size", "300K", "--seed", "2"}).code, 0);
+  Result r = Crrec({"build", input, "--dotype", "2", "--fptype", "1", "--avg", "4K", "--time",
+                  "1700000000", "--crc", "0x1234", "--cid", "500", "-o", stored, "-s", ser,
+                  "--no-checksum", "--no-progress"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out.rfind(input + "\n  bytes       307200 (300.0 KiB)\n", 0), 0u) << r.out;
+
+  r = Crrec({"show", stored, "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  crrec::Json j = crrec::Json::parse(r.out);
+  EXPECT_EQ(j["header"]["CID"], 500u);
+  EXPECT_EQ(j["header"]["CRC"], 0x1234u);
+  EXPECT_EQ(j["header"]["ssize"], 4096u);
+  EXPECT_EQ(j["header"]["dotype"], 2u);
+  EXPECT_EQ(j["header"]["fptype"], 1u);
+
+  // Written without checksum: verify refuses unless told.
+  r = Crrec({"verify", ser});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.err.find("crrec: " + ser + ": the head's checksum 0x00001234 is not the Adler-32 of "
+                       "the body ("),
+            0u)
+      << r.err;
+  EXPECT_EQ(r.err.substr(r.err.size() - 60),
+            "; if it was written without a checksum, say --no-checksum\n");
+  r = Crrec({"verify", ser, "--no-checksum", "--fptype", "1"});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("checksum   none (the head holds the CRC 0x00001234)"), std::string::npos)
+      << r.out;
+
+  // The assumption is said, on stderr, when the caller does not say.
+  r = Crrec({"digest", ser});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.err, "crrec: " + ser + ": note: fingerprint types 1 and 2 fit; assumed 2 (say "
+                   "--fptype)\n");
+  Result digest = Crrec({"digest", stored});
+  EXPECT_EQ(digest.out.substr(0, 2), "2:");
+  EXPECT_EQ(digest.out.substr(digest.out.size() - stored.size() - 3), "  " + stored + "\n");
+
+  // --text and --json together make no sense.
+  r = Crrec({"show", stored, "--text", "--json"});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_EQ(r.err, "crrec: " + stored + ": --text or --json, not both\n");
+}
+
+TEST_F(CrrecCli, ConvertKeepsTheInputsByteOrderUnlessTold) {
+  const std::string input = Path("in.bin");
+  ASSERT_EQ(Crrec({"gen", input, "--size", "64K"}).code, 0);
+  ASSERT_EQ(Crrec({"build", input, "-q", "--time", "5", "-o", Path("host")}).code, 0);
+  ASSERT_EQ(Crrec({"build", input, "-q", "--time", "5", "--network-order", "-j", Path("net.json")})
+                .code,
+            0);
+  ASSERT_EQ(Crrec({"convert", Path("host"), "--to", "stored", "--network-order", "-o",
+                 Path("net")}).code,
+            0);
+  ASSERT_EQ(Crrec({"convert", Path("net"), "--to", "stored", "-o", Path("net2")}).code, 0);
+  ASSERT_EQ(Crrec({"convert", Path("net.json"), "--to", "stored", "-o", Path("net3")}).code, 0);
+  auto read = [](const std::string& p) {
+    std::ifstream f(p, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  };
+  const std::string host = read(Path("host")), net = read(Path("net"));
+  ASSERT_GT(host.size(), 80u);
+  EXPECT_EQ(host.substr(0, 2), std::string("\x03\x00", 2));
+  EXPECT_EQ(net.substr(0, 2), std::string("\x00\x03", 2));
+  EXPECT_EQ(read(Path("net2")), net);
+  // build's --network-order also makes its JSON say so.
+  EXPECT_EQ(read(Path("net3")), net);
+}
+
+}  // namespace
