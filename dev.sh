@@ -6,7 +6,8 @@
 #                   (plain build, then again under AddressSanitizer + UBSan,
 #                   the thread test under ThreadSanitizer, and each fuzz
 #                   target for a bounded run); builds the API reference and
-#                   the Debian packages, and runs the examples against them
+#                   the Debian packages, and runs the examples against them;
+#                   builds the benchmarks without running them
 #   ./dev.sh coverage  install what is missing (gcovr too), build with
 #                   coverage, run the tests, print line and branch coverage
 #
@@ -19,7 +20,9 @@ PACKAGES=(
   g++ cmake ninja-build pkg-config ccache
   libssl-dev libboost-dev
   libgtest-dev libgmock-dev
+  libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
+  zlib1g-dev libbenchmark-dev libprotobuf-dev protobuf-compiler
 )
 
 install_missing() {
@@ -51,13 +54,14 @@ case "$command" in
   demo)
     install_missing
     build build -DCRRECORD_BUILD_TESTS=OFF
-    ./build/examples/build_record
+    ./build/tools/crrec
     ;;
   test)
     PACKAGES+=(doxygen dpkg-dev file)
     install_missing
     # Prefix /usr: the packages install into Debian's multiarch libdir.
-    build build -DCMAKE_INSTALL_PREFIX=/usr
+    # The benchmarks are built here too, not run (bench/report.py runs them).
+    build build -DCMAKE_INSTALL_PREFIX=/usr -DCRRECORD_BUILD_BENCHMARKS=ON
     ctest --test-dir build --output-on-failure -j"$jobs"
     cmake --build build --target docs
     examples/check_installed.sh build

@@ -66,35 +66,41 @@ void DigestSegmentList(const DORecordHeader* h, crfp_ctx_t* ctx, crfp_digest_t* 
 
   const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
   const unsigned int recordEntryWidth = fpWidth + extra;
-  unsigned char* out = block.get();
-  // The texts in one call (text and NUL fill the W-byte field exactly),
-  // then the fields.
-  if (nfp != 0 && CRFPDigestsToStrings(entry, recordEntryWidth, fptype,
-                                       reinterpret_cast<char*>(out), entryWidth, nfp) != 0) {
-    ThrowStatus(LastOutsideStatus());
-  }
-  const unsigned char* field = entry + fpWidth;
-  out += textWidth;
-  switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET:
-      for (uint32_t i = 0; i < nfp; ++i, field += recordEntryWidth, out += entryWidth) {
-        StoreBE32(out, Load<uint32_t>(field));
-      }
-      break;
-    case CR_DO_TYPE_8_BYTE_OFFSET:
-      for (uint32_t i = 0; i < nfp; ++i, field += recordEntryWidth, out += entryWidth) {
-        StoreBE32(out, Load<uint32_t>(field));
-        StoreBE64(out + 4, Load<uint64_t>(field + 4));
-      }
-      break;
-    case CR_DO_TYPE_4_BYTE_OFFSET:
-      for (uint32_t i = 0; i < nfp; ++i, field += recordEntryWidth, out += entryWidth) {
-        StoreBE32(out, Load<uint32_t>(field));
-        StoreBE32(out + 4, Load<uint32_t>(field + 4));
-      }
-      break;
-    default:
-      break;
+  // A piece of the block at a time, texts (text and NUL fill the W-byte
+  // field exactly) and then fields, so that each piece is written whole
+  // while it is in the cache.
+  constexpr uint32_t kPiece = 512;
+  for (uint32_t done = 0; done < nfp; done += kPiece) {
+    const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
+    unsigned char* out = block.get() + uint64_t{done} * entryWidth;
+    const unsigned char* piece = entry + uint64_t{done} * recordEntryWidth;
+    if (CRFPDigestsToStrings(piece, recordEntryWidth, fptype, reinterpret_cast<char*>(out),
+                             entryWidth, n) != 0) {
+      ThrowStatus(LastOutsideStatus());
+    }
+    const unsigned char* field = piece + fpWidth;
+    out += textWidth;
+    switch (dotype) {
+      case CR_DO_TYPE_NO_OFFSET:
+        for (uint32_t i = 0; i < n; ++i, field += recordEntryWidth, out += entryWidth) {
+          StoreBE32(out, Load<uint32_t>(field));
+        }
+        break;
+      case CR_DO_TYPE_8_BYTE_OFFSET:
+        for (uint32_t i = 0; i < n; ++i, field += recordEntryWidth, out += entryWidth) {
+          StoreBE32(out, Load<uint32_t>(field));
+          StoreBE64(out + 4, Load<uint64_t>(field + 4));
+        }
+        break;
+      case CR_DO_TYPE_4_BYTE_OFFSET:
+        for (uint32_t i = 0; i < n; ++i, field += recordEntryWidth, out += entryWidth) {
+          StoreBE32(out, Load<uint32_t>(field));
+          StoreBE32(out + 4, Load<uint32_t>(field + 4));
+        }
+        break;
+      default:
+        break;
+    }
   }
   AppendAll(ctx, block.get(), blockSize);
   block.reset();

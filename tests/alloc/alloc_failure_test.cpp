@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -681,19 +682,41 @@ TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListReturns22AndChangesNothing)
   EXPECT_EQ(r->GetSegmentUDCID(1), 500u);
 }
 
-// The Bloom list is gathered into a vector (22 when it cannot be had) and
-// sorted; a sort without its scratch buffer sorts in place and succeeds.
+// A Bloom record and what it held before the operation.
+struct BloomUnderTest {
+  explicit BloomUnderTest(DORecord* r) : record(r), before(Image(*r)) {}
+  std::unique_ptr<DORecord> record;
+  RecordImage before;
+};
+
+// The Bloom list is gathered into a vector (22 when it cannot be had, the
+// record as it was) and sorted; a sort without its scratch buffer sorts in
+// place and succeeds. Both a record built from a bitmap (list in host
+// order) and one rebuilt from the serialized form (list big-endian).
 TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListOfABloomRecord) {
-  const std::vector<Outcome> failures = SweepAllocationFailures(
-      [] { return std::unique_ptr<DORecord>(NewBloomRecord({{500, 20}, {70, 10}})); },
-      [](std::unique_ptr<DORecord>& r) { return r->AppendBloomAndUniqueDCIDList(); },
-      [](std::unique_ptr<DORecord>& r, const Outcome& o) {
-        if (o.status != 0) return;
-        ASSERT_EQ(r->GetNudcid(), 2u);
-        EXPECT_EQ(r->GetSegmentUDCID(0), 70u);
-        EXPECT_EQ(r->GetSegmentUDCID(1), 500u);
-      });
-  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22, "return 0"));
+  const std::vector<uint8_t> serialized =
+      crtest::SerializedBloom(600, 4096, crtest::PatternBitmap(64), {{500, 20}, {70, 10}});
+  const std::vector<std::function<DORecord*()>> makers = {
+      [] { return NewBloomRecord({{500, 20}, {70, 10}}); },
+      [&] {
+        return new DORecord(CR_DO_TYPE_BLOOM_FILTER, 2, 900, CR_FP_TYPE_SHA256_16, nullptr, 0,
+                            serialized.data(), serialized.size(), false);
+      }};
+  for (const std::function<DORecord*()>& make : makers) {
+    const std::vector<Outcome> failures = SweepAllocationFailures(
+        [&] { return BloomUnderTest(make()); },
+        [](BloomUnderTest& s) { return s.record->AppendBloomAndUniqueDCIDList(); },
+        [](BloomUnderTest& s, const Outcome& o) {
+          if (o.status != 0) {
+            EXPECT_TRUE(Image(*s.record) == s.before);
+            return;
+          }
+          ASSERT_EQ(s.record->GetNudcid(), 2u);
+          EXPECT_EQ(s.record->GetSegmentUDCID(0), 70u);
+          EXPECT_EQ(s.record->GetSegmentUDCID(1), 500u);
+        });
+    EXPECT_THAT(Describe(failures), ElementsAre(kReturned22, "return 0"));
+  }
 }
 
 // Three map nodes (two listed containers and the record's own); the map

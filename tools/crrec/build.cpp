@@ -19,7 +19,6 @@
 
 #include "Endian.h"
 #include "inspect.h"
-#include "load.h"
 #include "util.h"
 
 namespace crrec {
