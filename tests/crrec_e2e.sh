@@ -66,8 +66,8 @@ flip() {
   printf "$(printf '\\%03o' $((b ^ 1)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
 
-ok "$crrec" gen input.bin --size 6M --seed 7
-[ "$(wc -c <input.bin)" -eq 6291456 ] || fail "gen wrote $(wc -c <input.bin) bytes"
+ok "$crrec" gen input.bin --size 4M --seed 7
+[ "$(wc -c <input.bin)" -eq 4194304 ] || fail "gen wrote $(wc -c <input.bin) bytes"
 
 # chunker dotype fptype
 configs="fixed:0:1 fixed:0:3 fixed:1:1 fixed:1:3 fixed:3:1 cdc:2:1 cdc:2:3 cdc:3:1 cdc:3:3 cdc:5:1 cdc:5:3"
@@ -77,12 +77,11 @@ for config in $configs; do
   types=(--dotype "$dotype" --fptype "$fptype")
   ok "$crrec" build input.bin --chunker "$chunker" "${types[@]}" --container-size 1M \
     --time 1700000000 --taskid 42 --no-progress -o "$r.stored" -s "$r.ser" -j "$r.json"
-  grep -q "bytes       6291456" out.txt || fail "$r: summary: $(cat out.txt)"
+  grep -q "bytes       4194304" out.txt || fail "$r: summary: $(cat out.txt)"
 
   ok "$crrec" show "$r.stored"
   grep -q "dotype     $dotype" out.txt || fail "$r: show: $(head -c 300 out.txt)"
   ok "$crrec" show "$r.ser" "${types[@]}" --all
-  ok "$crrec" show "$r.stored" --text
   ok "$crrec" verify "$r.stored"
   grep -q "^$r.stored: sound" out.txt || fail "$r: verify: $(cat out.txt)"
   ok "$crrec" verify "$r.ser" "${types[@]}"
@@ -104,14 +103,17 @@ for config in $configs; do
   ok "$crrec" convert "$r.ser" "${types[@]}" --to json -o "$r.sjson"
   ok "$crrec" convert "$r.sjson" --to serialized -o "$r.ser5"
   same "$r.ser" "$r.ser5"
-  # host -> network -> JSON -> network -> host.
-  ok "$crrec" convert "$r.stored" --to stored --network-order -o "$r.net"
-  ok "$crrec" verify "$r.net"
-  ok "$crrec" convert "$r.net" --to json -o "$r.njson"
-  ok "$crrec" convert "$r.njson" --to stored -o "$r.net2"
-  same "$r.net" "$r.net2"
-  ok "$crrec" convert "$r.net" --to stored --host-order -o "$r.host"
-  same "$r.stored" "$r.host"
+  # host -> network -> JSON -> network -> host, for one type of each chunker.
+  if [ "$config" = fixed:1:3 ] || [ "$config" = cdc:5:1 ]; then
+    ok "$crrec" show "$r.stored" --text
+    ok "$crrec" convert "$r.stored" --to stored --network-order -o "$r.net"
+    ok "$crrec" verify "$r.net"
+    ok "$crrec" convert "$r.net" --to json -o "$r.njson"
+    ok "$crrec" convert "$r.njson" --to stored -o "$r.net2"
+    same "$r.net" "$r.net2"
+    ok "$crrec" convert "$r.net" --to stored --host-order -o "$r.host"
+    same "$r.stored" "$r.host"
+  fi
 
   # The digest does not depend on the form.
   if [ "$dotype" != 0 ]; then

@@ -234,7 +234,12 @@ TEST(CrrecRobustness, EveryDamagedByteOfEachFormIsOpenedOrRefusedInOneLine) {
   stored.name = "b";
   stored.record = std::move(built.record);
   const std::string json = crrec::ToJson(stored).dump();
+  crtest::Bytes so;
+  so.le16(2).le16(0).le32(104 + 8 + 32).le32(0).le32(1).le32(77).le32(0).le64(1000).le64(0)
+      .le64(65536).le32(7).le32(1).zeros(33).u8(3).u8(0).u8(0).le16(0).le16(0)
+      .le64(42).raw(crtest::PatternFP(1, 32).data(), 32).zeros(8);
   const std::vector<std::vector<unsigned char>> forms = {
+      so.vec(),
       crrec::StoredBytes(*stored.record, false), crrec::StoredBytes(*stored.record, true),
       crrec::SerializedBytes(*stored.record, true, "b"),
       std::vector<unsigned char>(json.begin(), json.end())};

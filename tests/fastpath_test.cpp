@@ -1,24 +1,31 @@
 // The vectorised codecs against the portable ones and against references
 // written in the tests (hex) or taken from zlib (Adler-32), on random input
-// of many lengths and alignments; and the batch fingerprint texts against
-// the one-at-a-time calls.
+// of many lengths and alignments; the batch fingerprint texts against the
+// one-at-a-time calls; and the record operations that work a piece of the
+// segment list at a time, on lists long enough to span several pieces.
 #include <zlib.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "common/Adler32.h"
+#include "crrecord/DORecord.h"
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/status.h"
 #include "fingerprint_batch.h"
 #include "hex.h"
+#include "serialized_form.h"
 #include "test_support.h"
 
 using crrecord::Adler32Path;
@@ -291,6 +298,236 @@ TEST(FastPathTest, BatchFingerprintTextsRefuseAnUnknownType) {
   EXPECT_EQ(*__cr_errno_location(), CR_STATUS_INVALID);
   EXPECT_EQ(CRFPDigestsToStrings(nullptr, 32, CR_FP_TYPE_MD5, text, 65, 1), -1);
   EXPECT_EQ(*__cr_errno_location(), CR_STATUS_MISSING_ARGUMENT);
+}
+
+// --- Record operations over many pieces ------------------------------------------
+
+// A DO type 3 file of n segments of 1000 to 9000 bytes back to back, in
+// containers drawn from `containers` DCIDs (all >= 64).
+std::vector<crtest::Seg> ManySegments(size_t n, uint8_t fptype, uint32_t containers,
+                                      uint64_t seed) {
+  std::mt19937_64 rng(seed);
+  std::vector<crtest::Seg> segs(n);
+  uint64_t offset = 0;
+  for (crtest::Seg& s : segs) {
+    s.fp = RandomBytes(rng, crtest::FPWidth(fptype));
+    s.size = 1000 + static_cast<uint32_t>(rng() % 8001);
+    s.offset = offset;
+    s.objectOffset = static_cast<uint32_t>(offset);
+    s.dcid = 64 + 1000 * (rng() % containers);
+    offset += s.size;
+  }
+  return segs;
+}
+
+uint64_t TotalSize(const std::vector<crtest::Seg>& segs) {
+  uint64_t total = 0;
+  for (const crtest::Seg& s : segs) total += s.size;
+  return total;
+}
+
+// Every segment is at most this large, so that the list also suits DO type 1.
+constexpr uint64_t kSsize = 9001;
+
+std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype,
+                                const std::vector<crtest::Seg>& segs) {
+  const crtest::Bytes list = crtest::SegmentList(dotype, segs);
+  std::vector<unsigned long> dcids;
+  for (const crtest::Seg& s : segs) dcids.push_back(s.dcid);
+  return std::unique_ptr<DORecord>(new DORecord(900, TotalSize(segs), kSsize, 0x01020304, 7, 7,
+                                                list.data(), static_cast<unsigned int>(segs.size()),
+                                                dcids.data(), nullptr, fptype, dotype));
+}
+
+std::vector<uint8_t> SerializeOf(const DORecord& r, bool checksum) {
+  void* out = nullptr;
+  unsigned long size = 0;
+  EXPECT_EQ(r.Serialize(&out, &size, checksum), 0u);
+  const uint8_t* p = static_cast<const uint8_t*>(out);
+  std::vector<uint8_t> bytes(p, p + size);
+  DORecord::SerializedDORecordFree(&out);
+  return bytes;
+}
+
+// 1500 segments: three pieces of the serializer's and the reader's, twelve of
+// the text form's.
+constexpr size_t kMany = 1500;
+
+TEST(RecordFastPathTest, SerializeOfManySegmentsMatchesTheLayout) {
+  for (uint8_t fptype : {CR_FP_TYPE_MD5, CR_FP_TYPE_SHA256}) {
+    for (uint8_t dotype : {CR_DO_TYPE_NO_SIZE, CR_DO_TYPE_8_BYTE_OFFSET, CR_DO_TYPE_4_BYTE_OFFSET}) {
+      std::vector<crtest::Seg> segs = ManySegments(kMany, fptype, 50, fptype * 10 + dotype);
+      std::unique_ptr<DORecord> r = Build(dotype, fptype, segs);
+      const std::vector<uint8_t> plain =
+          crtest::SerializedDO(dotype, TotalSize(segs), kSsize, 0x01020304, segs);
+      EXPECT_EQ(SerializeOf(*r, false), plain) << "dotype " << unsigned{dotype};
+      EXPECT_EQ(SerializeOf(*r, true), crtest::Sealed(plain)) << "dotype " << unsigned{dotype};
+    }
+  }
+}
+
+// The reader reports the first segment whose field breaks a rule, whichever
+// rule and whichever piece.
+TEST(RecordFastPathTest, ReaderNamesTheFirstBadFingerprintFieldAcrossPieces) {
+  const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_MD5, 50, 1);
+  const std::vector<uint8_t> good =
+      crtest::Sealed(crtest::SerializedDO(CR_DO_TYPE_8_BYTE_OFFSET, TotalSize(segs), 4096, 0, segs));
+  const size_t entry = 33 + 12;
+  struct Case {
+    size_t badDigit, noNul;  // segment indexes; kMany for none
+    size_t reported;
+  };
+  for (const Case& c : {Case{1100, 1200, 1100}, Case{1100, 700, 700}, Case{kMany, 1499, 1499},
+                        Case{511, kMany, 511}, Case{512, kMany, 512}}) {
+    std::vector<uint8_t> image = good;
+    if (c.badDigit < kMany) image[28 + c.badDigit * entry + 31] = 'g';
+    if (c.noNul < kMany) image[28 + c.noNul * entry + 32] = '0';
+    crtest::LogCapture log(true);
+    DORecordHeader* h = nullptr;
+    unsigned long allocated = 0;
+    EXPECT_EQ(DORecordHeaderDeserialize(&h, &allocated, image.data(), image.size(),
+                                        CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5),
+              CR_STATUS_MALFORMED);
+    EXPECT_EQ(h, nullptr);
+    ASSERT_EQ(log.texts().size(), 1u);
+    EXPECT_EQ(log.texts()[0], "Invalid serialized DO record: fingerprint text of segment " +
+                                  std::to_string(c.reported) + " is not 32 hex digits and a NUL");
+  }
+}
+
+TEST(RecordFastPathTest, ReaderRebuildsManySegments) {
+  const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_SHA256, 50, 2);
+  const std::vector<uint8_t> image =
+      crtest::SerializedDO(CR_DO_TYPE_4_BYTE_OFFSET, TotalSize(segs), 4096, 0, segs);
+  DORecord r(CR_DO_TYPE_4_BYTE_OFFSET, 2, 900, CR_FP_TYPE_SHA256, nullptr, 0, image.data(),
+             image.size(), false);
+  const crtest::Bytes list = crtest::SegmentList(CR_DO_TYPE_4_BYTE_OFFSET, segs);
+  EXPECT_EQ(crtest::Hex(r.GetSegmentFP(0), list.size()), crtest::Hex(list.data(), list.size()));
+  for (size_t i : {size_t{0}, size_t{511}, size_t{512}, kMany - 1}) {
+    EXPECT_EQ(r.GetSegmentDCID(static_cast<unsigned int>(i)), segs[i].dcid) << i;
+  }
+}
+
+// The one-pass check finds a list unsound; the pass-by-pass check then names
+// the failure its passes meet first, not the first by position.
+TEST(RecordFastPathTest, CheckReportsTheFirstPassThatFails) {
+  std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_MD5, 50, 3);
+  const uint64_t total = TotalSize(segs);
+  segs[1400].offset -= 1;       // overlaps segment 1399: the order pass
+  segs[1450].size = 0x80000000;  // > 2 GiB: the size pass, which runs first
+  std::vector<unsigned long> dcids;
+  for (const crtest::Seg& s : segs) dcids.push_back(s.dcid);
+  const crtest::Bytes list = crtest::SegmentList(CR_DO_TYPE_8_BYTE_OFFSET, segs);
+  try {
+    DORecord r(900, total, 4096, 0, 7, 7, list.data(), kMany, dcids.data(), nullptr,
+               CR_FP_TYPE_MD5, CR_DO_TYPE_8_BYTE_OFFSET);
+    FAIL() << "the list was accepted";
+  } catch (const Cr_ErrnoException& e) {
+    EXPECT_EQ(e.GetStatus(), CR_STATUS_CORRUPT_SEGMENTS);
+    EXPECT_STREQ(e.what(),
+                 "Segment list of a DORecord is corrupt. Segment 1450 has size 2147483648 "
+                 "(> 2 GiB). Data is probably in wrong byte order (host vs. network order)");
+  }
+
+  // The same list without the huge size, checked again in network order.
+  segs[1450].size = 100;
+  std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5,
+                                      ManySegments(kMany, CR_FP_TYPE_MD5, 50, 3));
+  const crtest::Bytes bad = crtest::SegmentList(CR_DO_TYPE_8_BYTE_OFFSET, segs);
+  std::memcpy(const_cast<unsigned char*>(r->GetSegmentFP(0)), bad.data(), bad.size());
+  r->HostToNetwork(0);
+  try {
+    r->checkSegmentList();
+    FAIL() << "the list was accepted";
+  } catch (const Cr_ErrnoException& e) {
+    EXPECT_EQ(e.GetStatus(), CR_STATUS_CORRUPT_SEGMENTS);
+    EXPECT_STREQ(e.what(), ("Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
+                            "Offset of segm. 1400:" + std::to_string(segs[1400].offset) +
+                            ". Previous segm. end:" + std::to_string(segs[1400].offset + 1) + ".")
+                               .c_str());
+  }
+}
+
+// The text form written independently: header numbers, then per segment
+// "[" text "," size "," offset "]", the DCIDs, no references.
+std::string ExpectedText(const DORecord& r, const std::vector<crtest::Seg>& segs, bool hex) {
+  std::ostringstream os;
+  if (hex) os << std::hex;
+  os << 3 << ',' << 1 << ',' << 2 << ',' << 900 << ',' << TotalSize(segs) << ',' << kSsize << ','
+     << 0x01020304 << ',' << 7 << ',' << r.GetMTime() << ',' << 1 << ',' << 3 << ','
+     << segs.size() << ",[";
+  std::string text = os.str();
+  for (size_t i = 0; i < segs.size(); ++i) {
+    std::ostringstream e;
+    if (hex) e << std::hex;
+    e << (i == 0 ? "[" : ",[") << crtest::Hex(segs[i].fp.data(), 16) << ',' << segs[i].size << ','
+      << segs[i].offset << ']';
+    text += e.str();
+  }
+  std::ostringstream d;
+  if (hex) d << std::hex;
+  d << '[';
+  for (size_t i = 0; i < segs.size(); ++i) d << (i == 0 ? "" : ",") << segs[i].dcid;
+  d << "]],[]";
+  return text + d.str();
+}
+
+TEST(RecordFastPathTest, TextFormOfManySegmentsInDecimalAndInHex) {
+  const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_MD5, 50, 4);
+  std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5, segs);
+  std::ostringstream decimal;
+  r->ToStream(decimal, false);
+  EXPECT_EQ(decimal.str(), ExpectedText(*r, segs, false));
+  std::ostringstream hex;
+  hex << std::hex;
+  r->ToStream(hex, false);
+  EXPECT_EQ(hex.str(), ExpectedText(*r, segs, true));
+}
+
+// More distinct containers than the table starts with, and enough for the
+// radix sort: the entries come out ascending, with the bytes summed.
+TEST(RecordFastPathTest, UniqueDCIDListOfThousandsOfContainers) {
+  for (uint32_t containers : {3000u, 40u}) {
+    const std::vector<crtest::Seg> segs =
+        ManySegments(20000, CR_FP_TYPE_MD5, containers, containers);
+    std::map<uint64_t, uint64_t> expected;
+    for (const crtest::Seg& s : segs) expected[s.dcid] += s.size;
+    std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_NO_OFFSET, CR_FP_TYPE_MD5, segs);
+    ASSERT_EQ(r->AppendBloomAndUniqueDCIDList(), 0u);
+    ASSERT_EQ(r->GetNudcid(), expected.size());
+    crtest::Bytes body;
+    body.le32(static_cast<uint32_t>(expected.size()));
+    for (const auto& e : expected) body.le64(e.first).le64(e.second);
+    crtest::Bytes section;
+    section.le32(crtest::SlowAdler32(body.data(), body.size())).raw(body.data(), body.size());
+    EXPECT_EQ(crtest::Hex(r->GetSegmentUDCIDList(), section.size()),
+              crtest::Hex(section.data(), section.size()))
+        << containers << " containers";
+    EXPECT_EQ(r->GetHeaderSize(), 80 + 20000 * (16 + 4 + 8) + section.size());
+  }
+}
+
+// The digest block built independently and hashed through the fingerprint
+// layer's own calls.
+TEST(RecordFastPathTest, DigestOfManySegmentsHashesTheWholeBlock) {
+  const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_SHA256, 50, 5);
+  std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_SHA256, segs);
+  crtest::Bytes block;
+  for (const crtest::Seg& s : segs) {
+    block.str(crtest::Hex(s.fp.data(), 32)).u8(0).be32(s.size).be64(s.offset);
+  }
+  crfp_ctx_t ctx;
+  crfp_digest_t expected;
+  ASSERT_EQ(CRFPInitialize(&ctx, CR_FP_TYPE_SHA256), 0);
+  ASSERT_EQ(CRFPAppend(&ctx, block.data(), static_cast<unsigned int>(block.size())), 0);
+  ASSERT_EQ(CRFPFinalizeDO(&ctx), 0);
+  ASSERT_NE(CRFPGetDigest_r(&ctx, &expected), nullptr);
+  cr_tdigest_t* digest = r->GetDigest();
+  ASSERT_NE(digest, nullptr);
+  EXPECT_EQ(crtest::Hex(digest->digest.digest, 32), crtest::Hex(expected.digest, 32));
+  EXPECT_EQ(digest->type, 4);
+  EXPECT_EQ(digest->cid, 900u);
+  CRTDigestDelete(&digest);
 }
 
 }  // namespace

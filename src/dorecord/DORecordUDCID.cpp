@@ -69,7 +69,7 @@ class DCIDTable {
   // has each segment's slot fetched a few segments ahead.
   template <class SizeOf>
   uint32_t Gather(const unsigned char* dcids, uint32_t count, SizeOf sizeOf) {
-    constexpr uint32_t kAhead = 8;
+    constexpr uint32_t kAhead = 32;
     constexpr size_t kCachedSlots = 8192;  // 128 KiB
     UDCIDEntry* slots = slots_.data();
     uint64_t mask = mask_;
@@ -121,9 +121,12 @@ class DCIDTable {
 
   // The occupied slots, packed and in ascending DCID order; empties the table.
   std::vector<UDCIDEntry> TakeSorted() {
+    // Packed without a branch per slot: whether a slot is taken is as good
+    // as random, and n never passes i.
     size_t n = 0;
     for (size_t i = 0; i < slots_.size(); ++i) {
-      if (slots_[i].dcid != 0) slots_[n++] = slots_[i];
+      slots_[n] = slots_[i];
+      n += slots_[i].dcid != 0;
     }
     if (n <= kSmallSort) {
       std::sort(slots_.begin(), slots_.begin() + n, ByDCID);
@@ -180,7 +183,7 @@ class DCIDTable {
   // through the n entries of room at b; the result ends in a. Bytes in
   // which all DCIDs agree take no pass.
   static void RadixSort(UDCIDEntry* a, UDCIDEntry* b, size_t n) {
-    size_t counts[8][256] = {};
+    uint32_t counts[8][256] = {};  // n < 2^32: there are fewer entries than segments
     for (size_t i = 0; i < n; ++i) {
       for (unsigned int d = 0; d < 8; ++d) ++counts[d][(a[i].dcid >> (8 * d)) & 0xFF];
     }
@@ -188,9 +191,9 @@ class DCIDTable {
     UDCIDEntry* to = b;
     for (unsigned int d = 0; d < 8; ++d) {
       if (counts[d][(a[0].dcid >> (8 * d)) & 0xFF] == n) continue;
-      size_t at = 0;
-      for (size_t& c : counts[d]) {
-        const size_t here = c;
+      uint32_t at = 0;
+      for (uint32_t& c : counts[d]) {
+        const uint32_t here = c;
         c = at;
         at += here;
       }
@@ -222,12 +225,11 @@ UDCIDEntry ReadEntry(const unsigned char* section, uint32_t i, bool bigEndian) {
 }
 
 // Host-order section: checksum, count, then the entries.
-void WriteSection(unsigned char* section, const std::vector<UDCIDEntry>& entries, uint32_t count) {
+void WriteSection(unsigned char* section, const UDCIDEntry* entries, uint32_t count) {
   unsigned char* p = section + kUDCIDHead;
-  for (const UDCIDEntry& e : entries) {
-    Store<uint64_t>(p, e.dcid);
-    Store<uint64_t>(p + 8, e.bytes);
-    p += kUDCIDEntry;
+  for (uint32_t i = 0; i < count; ++i, p += kUDCIDEntry) {
+    Store<uint64_t>(p, entries[i].dcid);
+    Store<uint64_t>(p + 8, entries[i].bytes);
   }
   Store<uint32_t>(section + 4, count);
   Store<uint32_t>(section, Adler32(section + 4, 4 + uint64_t{kUDCIDEntry} * count));
@@ -346,6 +348,18 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     return CR_STATUS_INVALID;
   }
 
+  // A short list moves to the stack and its memory is released before the
+  // record grows, so that an allocator that placed it behind the record can
+  // extend the record in place rather than copy it.
+  constexpr uint32_t kFewEntries = 1024;
+  UDCIDEntry few[kFewEntries];
+  const UDCIDEntry* list = entries.data();
+  if (count <= kFewEntries && needed > allocatedSize_ && ownsBuffer_) {
+    std::copy(entries.begin(), entries.end(), few);
+    std::vector<UDCIDEntry>().swap(entries);
+    list = few;
+  }
+
   if (needed > allocatedSize_) {
     // Exactly the size needed, whatever the buffer mode: a borrowed buffer
     // is replaced by an owned copy in the same way. An owned buffer is
@@ -372,7 +386,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
   if (swapLengthWord) SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(header_));
   unsigned char* section =
       bloom ? DORecordHeaderStartUDCID(header_) : DORecordHeaderIndexOfDCID(header_, nfp);
-  WriteSection(section, entries, GetNudcid());
+  WriteSection(section, list, GetNudcid());
   return CR_STATUS_SUCCESS;
 }
 

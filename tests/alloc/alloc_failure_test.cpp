@@ -201,7 +201,10 @@ void* Escape(void* p) {
 class AllocFailureTest : public ::testing::Test {
  protected:
   void SetUp() override { FixedLog::Install(); }
-  void TearDown() override { FixedLog::Uninstall(); }
+  void TearDown() override {
+    FixedLog::Uninstall();
+    CRTraceSet(false);
+  }
 };
 
 // --- The allocator itself --------------------------------------------------
@@ -293,11 +296,13 @@ TEST_F(AllocFailureTest, BloomConstructorFailsWithStatus22AndNoObject) {
   EXPECT_THAT(Describe(failures), ElementsAre(kCreateFailed));
 }
 
-// The reader reports its failed allocation as status 22, which the buffer
-// constructor throws without a message.
+// The reader reports its failed allocation as status 22 (with a trace line
+// when tracing is on), which the buffer constructor throws without a
+// message.
 TEST_F(AllocFailureTest, BufferConstructorWithoutBufferFailsWithStatus22AndNoMessage) {
   const std::vector<uint8_t> serialized = crtest::Sealed(crtest::SerializedDO(
       CR_DO_TYPE_8_BYTE_OFFSET, 10000, 4096, 0, crtest::ThreeSegments(CR_FP_TYPE_MD5)));
+  CRTraceSet(true);
   const std::vector<Outcome> failures = SweepAllocationFailures(
       [&] {
         DORecord r(CR_DO_TYPE_8_BYTE_OFFSET, 2, 900, CR_FP_TYPE_MD5, nullptr, 0,
@@ -305,7 +310,11 @@ TEST_F(AllocFailureTest, BufferConstructorWithoutBufferFailsWithStatus22AndNoMes
         EXPECT_EQ(r.GetNfp(), 3u);
       },
       [](const Outcome&) {});
+  CRTraceSet(false);
   EXPECT_THAT(Describe(failures), ElementsAre("throw 22: "));
+  ASSERT_EQ(FixedLog::Count(), 1);
+  // The header and three entries of 16 + 4 + 8 bytes and their DCIDs.
+  EXPECT_EQ(FixedLog::Text(0), "Could not deserialize DO: malloc failed for 188 bytes");
 
   const std::vector<uint8_t> bloom =
       crtest::SerializedBloom(30, 4096, crtest::PatternBitmap(40), {{70, 10}, {500, 20}});
@@ -680,6 +689,33 @@ TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListReturns22AndChangesNothing)
   ASSERT_EQ(r->GetNudcid(), 2u);
   EXPECT_EQ(r->GetSegmentUDCID(0), 70u);
   EXPECT_EQ(r->GetSegmentUDCID(1), 500u);
+}
+
+// More containers than the gathering table starts with room for: the table
+// must grow, and a growth that fails is status 22 like any other.
+TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListWithATableThatMustGrow) {
+  constexpr uint32_t kSegments = 5000;
+  Bytes list;
+  std::vector<unsigned long> dcids;
+  for (uint32_t i = 0; i < kSegments; ++i) {
+    list.raw(crtest::PatternFP(static_cast<uint8_t>(i), 16).data(), 16);
+    dcids.push_back(64 + 7ul * (kSegments - i));  // descending: the list sorts them
+  }
+  DORecord r(900, uint64_t{kSegments} * 4096, 4096, 0, kOldTime, kOldTime, list.data(), kSegments,
+             dcids.data(), nullptr, CR_FP_TYPE_MD5, CR_DO_TYPE_NO_SIZE);
+  const RecordImage before = Image(r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return r.AppendBloomAndUniqueDCIDList(); },
+      [&](const Outcome& o) {
+        if (o.injected) {
+          EXPECT_TRUE(Image(r) == before);
+        }
+      });
+  EXPECT_GE(failures.size(), 3u);  // the table, at least one growth, the buffer
+  EXPECT_THAT(Describe(failures), Each(kReturned22));
+  ASSERT_EQ(r.GetNudcid(), kSegments);
+  EXPECT_EQ(r.GetSegmentUDCID(0), 64u + 7);
+  EXPECT_EQ(r.GetSegmentUDCID(kSegments - 1), 64u + 7 * kSegments);
 }
 
 // A Bloom record and what it held before the operation.

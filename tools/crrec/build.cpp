@@ -50,6 +50,7 @@ size_t FileSource::Read(unsigned char* buffer, size_t n) {
 
 size_t MemorySource::Read(unsigned char* buffer, size_t n) {
   size_t take = std::min(n, length_ - at_);
+  if (take == 0) return 0;
   std::memcpy(buffer, data_ + at_, take);
   at_ += take;
   return take;
