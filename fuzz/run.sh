@@ -15,7 +15,7 @@ cd "$(dirname "$0")/.."
 dir=${1:-build-fuzz}
 [ $# -gt 0 ] && shift
 options=("$@")
-[ ${#options[@]} -eq 0 ] && options=(-runs=20000 -max_total_time=30)
+[ ${#options[@]} -eq 0 ] && options=(-runs=100000 -max_total_time=60)
 
 cmake -S . -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCRRECORD_BUILD_FUZZERS=ON \
   -DCRRECORD_BUILD_TESTS=OFF -DCRRECORD_BUILD_TOOLS=OFF -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null

@@ -691,6 +691,32 @@ TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListReturns22AndChangesNothing)
   EXPECT_EQ(r->GetSegmentUDCID(1), 500u);
 }
 
+// A record in the caller's buffer is moved to one of its own when the list
+// does not fit: a failure leaves it where it was, the caller's bytes as
+// they were.
+TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListInACallersBufferReturns22AndChangesNothing) {
+  const std::vector<crtest::Seg> segs = TypeTwoSegments();
+  const std::vector<uint8_t> serialized =
+      crtest::SerializedDO(CR_DO_TYPE_NO_OFFSET, 600, 4096, 77, segs);
+  std::vector<uint64_t> buffer(21);  // 168 bytes: the record's 164 and no room for a list
+  DORecord r(CR_DO_TYPE_NO_OFFSET, 2, 900, CR_FP_TYPE_SHA256_16, buffer.data(), 168,
+             serialized.data(), serialized.size(), false);
+  const std::vector<uint64_t> callers = buffer;
+  const RecordImage before = Image(r);
+  const std::vector<Outcome> failures = SweepAllocationFailures(
+      [&] { return r.AppendBloomAndUniqueDCIDList(); },
+      [&](const Outcome& o) {
+        if (o.injected) {
+          EXPECT_TRUE(Image(r) == before);
+        }
+      });
+  EXPECT_THAT(Describe(failures), ElementsAre(kReturned22, kReturned22));
+  EXPECT_TRUE(r.OwnsBuffer());
+  ASSERT_EQ(r.GetNudcid(), 2u);
+  EXPECT_EQ(r.GetSegmentUDCID(0), 70u);
+  EXPECT_EQ(buffer, callers);
+}
+
 // More containers than the gathering table starts with room for: the table
 // must grow, and a growth that fails is status 22 like any other.
 TEST_F(AllocFailureTest, AppendBloomAndUniqueDCIDListWithATableThatMustGrow) {
