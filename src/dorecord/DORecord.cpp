@@ -15,7 +15,6 @@ using namespace crrecord;
 namespace {
 
 constexpr unsigned int kBufferModeFixed = 0;
-constexpr unsigned int kBufferModeCopy = 1;
 constexpr unsigned int kBufferModeRealloc = 2;
 
 bool FlagsAllowed(unsigned short flags) { return (flags & ~CR_DO_FLAGS_ALLOWED) == 0; }
@@ -45,7 +44,7 @@ void DORecord::expand(unsigned int needed) {
     void* grown = std::realloc(header_, newSize);
     if (grown == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to expand a DO record.");
     header_ = static_cast<DORecordHeader*>(grown);
-  } else {
+  } else {  // buffer mode 1: the buffer is borrowed and copied
     void* copy = std::malloc(newSize);
     if (copy == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to expand a DO record.");
     std::memcpy(copy, header_, allocatedSize_);
