@@ -18,8 +18,8 @@
 // sanitizer: __real_malloc is then the sanitizer's malloc, which keeps
 // tracking every block, so the LeakSanitizer variant of this test
 // (alloc_failure_lsan_test) checks for leaks on its own besides the
-// live-allocation count checked here. The AddressSanitizer and
-// ThreadSanitizer builds leave these tests out: their runtimes replace the
+// live-allocation count checked here. The AddressSanitizer, ThreadSanitizer
+// and fuzzing builds leave these tests out: their runtimes replace the
 // allocator too, and the two variants here already cover leaks.
 //
 // The TRef pool keeps the blocks it takes (with nothrow new[]) until the
