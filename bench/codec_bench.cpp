@@ -68,7 +68,7 @@ void HexEncodeFields(benchmark::State& state, HexPath path) {
   const std::vector<unsigned char> list = Random(kFields * 28);
   std::string text(kFields * 33, '\0');
   for (auto _ : state) {
-    crrecord::HexEncodeFields(list.data(), 28, 16, &text[0], 33, kFields);
+    crrecord::HexEncodeFields(list.data(), 28, 16, &text[0], 33, kFields, true);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kFields));
@@ -79,7 +79,7 @@ void HexDecodeFields(benchmark::State& state, HexPath path) {
   crrecord::HexForcePath(path);
   const std::vector<unsigned char> list = Random(kFields * 28);
   std::string text(kFields * 33, '\0');
-  crrecord::HexEncodeFields(list.data(), 28, 16, &text[0], 33, kFields);
+  crrecord::HexEncodeFields(list.data(), 28, 16, &text[0], 33, kFields, true);
   std::vector<unsigned char> back(kFields * 28);
   for (auto _ : state) {
     if (crrecord::HexDecodeFields(text.data(), 33, 16, back.data(), 28, kFields) != kFields) {

@@ -1,15 +1,15 @@
 // The tool's build: container placement, and records built from a byte
 // stream checked against images and fingerprints computed here.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <cstring>
-#include <map>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "build.h"
+#include "crrec_support.h"
 #include "test_support.h"
-#include "util.h"
 
 namespace {
 
@@ -18,25 +18,8 @@ using crrec::Built;
 using crrec::ChunkerKind;
 using crrec::ContainerPlacer;
 using crrec::MemorySource;
-
-std::vector<unsigned char> Noise(size_t n, uint64_t seed) {
-  std::vector<unsigned char> v(n);
-  uint64_t x = seed * 0x9e3779b97f4a7c15ull + 7;
-  for (auto& b : v) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    b = static_cast<unsigned char>(x >> 32);
-  }
-  return v;
-}
-
-std::vector<unsigned char> Digest(const EVP_MD* md, const unsigned char* p, size_t n) {
-  unsigned char out[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
-  EVP_Digest(p, n, out, &len, md, nullptr);
-  return std::vector<unsigned char>(out, out + len);
-}
+using crtest::Digest;
+using crtest::Noise;
 
 // CRC-32 (the zip polynomial), bit by bit.
 uint32_t SlowCrc32(const unsigned char* p, size_t n) {
@@ -59,36 +42,30 @@ Built BuildFrom(const std::vector<unsigned char>& data, const BuildOptions& o) {
   return crrec::BuildRecord(source, "input", o);
 }
 
+// Repeats go to their first container; a segment larger than a container
+// gets one of its own, and the next one opens another; another width is
+// another fingerprint.
 TEST(CrrecPlacer, DcidsStartAtTheFirstAndRepeatsGoToTheirFirstContainer) {
   ContainerPlacer placer(/*containerSize=*/10000, /*firstDcid=*/64);
   const unsigned char a[16] = {1}, b[16] = {2}, c[16] = {3}, d[16] = {4};
-  auto pa = placer.Place(a, 16, 6000);
-  auto pb = placer.Place(b, 16, 4000);  // fills container 64 exactly
-  auto pc = placer.Place(c, 16, 1);     // does not fit: container 65
-  auto again = placer.Place(a, 16, 6000);
-  EXPECT_EQ(pa.dcid, 64u);
-  EXPECT_EQ(pa.offset, 0u);
-  EXPECT_FALSE(pa.repeated);
-  EXPECT_EQ(pb.dcid, 64u);
-  EXPECT_EQ(pb.offset, 6000u);
-  EXPECT_EQ(pc.dcid, 65u);
-  EXPECT_EQ(pc.offset, 0u);
-  EXPECT_EQ(again.dcid, 64u);
-  EXPECT_EQ(again.offset, 0u);
-  EXPECT_TRUE(again.repeated);
-  // A segment larger than a container gets one of its own, and the next
-  // one opens another.
-  EXPECT_EQ(placer.Place(d, 16, 25000).dcid, 66u);
-  EXPECT_EQ(placer.Place(b, 8, 10).dcid, 67u);  // other width: another fingerprint
+  struct Step { const unsigned char* fp; size_t width, size; uint64_t dcid, offset; bool repeated; };
+  const Step steps[] = {{a, 16, 6000, 64, 0, false}, {b, 16, 4000, 64, 6000, false},
+                        {c, 16, 1, 65, 0, false},    {a, 16, 6000, 64, 0, true},
+                        {d, 16, 25000, 66, 0, false}, {b, 8, 10, 67, 0, false}};
+  for (const Step& s : steps) {
+    auto p = placer.Place(s.fp, s.width, s.size);
+    EXPECT_EQ(std::make_tuple(p.dcid, p.offset, p.repeated),
+              std::make_tuple(s.dcid, s.offset, s.repeated)) << s.size;
+  }
   EXPECT_EQ(placer.containers(), 4u);
   EXPECT_EQ(placer.lastDcid(), 67u);
   EXPECT_EQ(placer.distinctSegments(), 5u);
   EXPECT_EQ(placer.distinctBytes(), 6000u + 4000 + 1 + 25000 + 10);
 }
 
+// Three 4096-byte segments, the third a copy of the first; containers of
+// 4096 bytes put the first two in 64 and 65 and the copy back in 64.
 TEST(CrrecBuild, FixedSizeRecordMatchesTheImageWrittenByHand) {
-  // Three 4096-byte segments, the third a copy of the first; containers of
-  // 4096 bytes put the first two in 64 and 65 and the copy back in 64.
   std::vector<unsigned char> data = Noise(8192, 1);
   data.insert(data.end(), data.begin(), data.begin() + 4096);
   BuildOptions o;
@@ -117,11 +94,10 @@ TEST(CrrecBuild, FixedSizeRecordMatchesTheImageWrittenByHand) {
   EXPECT_EQ(crtest::Hex(StoredImage(*built.record).data(), built.record->GetHeaderSize()),
             crtest::Hex(expected.data(), expected.size()));
 
-  EXPECT_EQ(built.stats.bytes, 12288u);
-  EXPECT_EQ(built.stats.segments, 3u);
-  EXPECT_EQ(built.stats.distinctSegments, 2u);
-  EXPECT_EQ(built.stats.distinctBytes, 8192u);
-  EXPECT_EQ(built.stats.containers, 2u);
+  const auto& st = built.stats;
+  EXPECT_EQ(std::vector<uint64_t>({st.bytes, st.segments, st.distinctSegments, st.distinctBytes,
+                                   st.containers}),
+            std::vector<uint64_t>({12288, 3, 2, 8192, 2}));
 }
 
 TEST(CrrecBuild, ContentDefinedRecordCarriesSizesOffsetsAndFingerprintsOfTheSlices) {
@@ -165,12 +141,10 @@ TEST(CrrecBuild, TimeAndReferencesAreStoredAndMtimeStaysTheGivenTime) {
   o.taskIds = {42, 7};
   o.dsids = {9};
   Built built = BuildFrom(data, o);
-  EXPECT_EQ(built.record->GetCrc(), 0xfeedbeefu);
-  EXPECT_EQ(built.record->GetCTime(), 1234567890u);
-  EXPECT_EQ(built.record->GetMTime(), 1234567890u);
-  EXPECT_EQ(built.record->GetNtaskid(), 2u);
-  EXPECT_TRUE(built.record->HasTaskID(42));
-  EXPECT_TRUE(built.record->HasDSID(9));
+  const DORecord& r = *built.record;
+  EXPECT_EQ(std::vector<uint64_t>({r.GetCrc(), r.GetCTime(), r.GetMTime(), r.GetNtaskid()}),
+            std::vector<uint64_t>({0xfeedbeef, 1234567890, 1234567890, 2}));
+  EXPECT_TRUE(r.HasTaskID(42) && r.HasTaskID(7) && r.HasDSID(9));
 }
 
 TEST(CrrecBuild, BloomRecordSetsTheBitsOfEveryDistinctFingerprint) {
@@ -207,18 +181,17 @@ TEST(CrrecBuild, BloomRecordSetsTheBitsOfEveryDistinctFingerprint) {
             crtest::Hex(section.data(), section.size()));
 }
 
-TEST(CrrecBuild, UnusableOptionsAreUsageErrors) {
+// DO types 0 and 1 need the fixed chunker; empty input has no segment.
+TEST(CrrecBuild, UnusableOptionsAndEmptyInputAreRefused) {
   std::vector<unsigned char> data = Noise(100, 5);
   BuildOptions o;
-  o.dotype = CR_DO_TYPE_ORIGINAL;  // with the content-defined chunker
-  try {
-    BuildFrom(data, o);
-    FAIL() << "built";
-  } catch (const crrec::ToolError& e) {
-    EXPECT_EQ(e.exitCode(), crrec::kExitUsage);
-    EXPECT_EQ(e.Line(), "crrec: input: DO types 0 and 1 derive segment sizes from one segment "
-                        "size: use --chunker fixed");
-  }
+  o.dotype = CR_DO_TYPE_ORIGINAL;
+  EXPECT_EQ(crtest::ToolLine([&] { BuildFrom(data, o); }),
+            std::to_string(crrec::kExitUsage) + " crrec: input: DO types 0 and 1 derive segment "
+            "sizes from one segment size: use --chunker fixed");
+  EXPECT_EQ(crtest::ToolLine([] { BuildFrom({}, BuildOptions()); }),
+            std::to_string(crrec::kExitUnsound) +
+                " crrec: input: empty input: a DO record needs at least one segment");
   o.dotype = CR_DO_TYPE_NO_OFFSET;
   o.firstDcid = 63;
   EXPECT_EQ(crrec::CheckBuildOptions(o),
@@ -228,19 +201,8 @@ TEST(CrrecBuild, UnusableOptionsAreUsageErrors) {
   EXPECT_EQ(crrec::CheckBuildOptions(o), "fingerprint type 4 is not one of 1, 2, 3");
 }
 
-TEST(CrrecBuild, EmptyInputIsRefused) {
-  std::vector<unsigned char> none;
-  try {
-    BuildFrom(none, BuildOptions());
-    FAIL() << "built";
-  } catch (const crrec::ToolError& e) {
-    EXPECT_EQ(e.exitCode(), crrec::kExitUnsound);
-    EXPECT_EQ(e.Line(), "crrec: input: empty input: a DO record needs at least one segment");
-  }
-}
-
+// A source that hands out a few bytes at a time must not move any cut.
 TEST(CrrecBuild, StreamedInputGivesTheSameRecordWhateverTheReadSizes) {
-  // A source that hands out a few bytes at a time must not move any cut.
   class Trickle : public crrec::ByteSource {
    public:
     explicit Trickle(const std::vector<unsigned char>& d) : d_(d) {}

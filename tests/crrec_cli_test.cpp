@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "cli.h"
-#include "test_support.h"
+#include "crrec_support.h"
 #include "json.h"
-#include "util.h"
+#include "test_support.h"
 
 namespace {
 
@@ -37,35 +37,29 @@ class CrrecCli : public ::testing::Test {
   }
   void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Read(const std::string& name) const {
+    std::ifstream f(Path(name), std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  }
   std::string dir_;
 };
 
-TEST(CrrecArgs, SizesTakeBinaryUnits) {
-  EXPECT_EQ(crrec::ParseSize("12"), 12u);
-  EXPECT_EQ(crrec::ParseSize("64K"), 65536u);
-  EXPECT_EQ(crrec::ParseSize("8KiB"), 8192u);
-  EXPECT_EQ(crrec::ParseSize("4M"), 4194304u);
-  EXPECT_EQ(crrec::ParseSize("1G"), 1073741824u);
-  EXPECT_THROW(crrec::ParseSize("K"), std::invalid_argument);
-  EXPECT_THROW(crrec::ParseSize("5Q"), std::invalid_argument);
-  EXPECT_THROW(crrec::ParseSize("5Kx"), std::invalid_argument);
-  EXPECT_THROW(crrec::ParseSize("99999999999999999999"), std::invalid_argument);
-  EXPECT_THROW(crrec::ParseSize("17179869184G"), std::invalid_argument);
-}
-
-TEST(CrrecArgs, NumbersAreDecimalOrHexAndBounded) {
+TEST(CrrecArgs, SizesTakeBinaryUnitsAndNumbersAreDecimalOrHexAndBounded) {
+  for (auto c : {std::make_pair("12", 12ull), std::make_pair("64K", 65536ull),
+                 std::make_pair("8KiB", 8192ull), std::make_pair("4M", 4194304ull),
+                 std::make_pair("1G", 1073741824ull)}) {
+    EXPECT_EQ(crrec::ParseSize(c.first), c.second) << c.first;
+  }
+  for (const char* bad : {"K", "5Q", "5Kx", "99999999999999999999", "17179869184G"}) {
+    EXPECT_THROW(crrec::ParseSize(bad), std::invalid_argument) << bad;
+  }
   EXPECT_EQ(crrec::ParseNumber("4294967295", UINT32_MAX, "--crc"), 4294967295u);
   EXPECT_EQ(crrec::ParseNumber("0xfeedBEEF", UINT32_MAX, "--crc"), 0xfeedbeefu);
-  try {
-    crrec::ParseNumber("4294967296", UINT32_MAX, "--crc");
-    FAIL();
-  } catch (const crrec::ToolError& e) {
-    EXPECT_EQ(e.exitCode(), crrec::kExitUsage);
-    EXPECT_EQ(e.Line(), "crrec: --crc: 4294967296 is larger than 4294967295");
+  EXPECT_EQ(crtest::ToolLine([] { crrec::ParseNumber("4294967296", UINT32_MAX, "--crc"); }),
+            std::to_string(crrec::kExitUsage) + " crrec: --crc: 4294967296 is larger than 4294967295");
+  for (const char* bad : {"-1", "0x", "12a"}) {
+    EXPECT_THROW(crrec::ParseNumber(bad, UINT64_MAX, "--cid"), crrec::ToolError) << bad;
   }
-  EXPECT_THROW(crrec::ParseNumber("-1", UINT64_MAX, "--cid"), crrec::ToolError);
-  EXPECT_THROW(crrec::ParseNumber("0x", UINT64_MAX, "--cid"), crrec::ToolError);
-  EXPECT_THROW(crrec::ParseNumber("12a", UINT64_MAX, "--cid"), crrec::ToolError);
 }
 
 TEST(CrrecArgs, HexDecodingRefusesOddAndForeignDigits) {
@@ -78,15 +72,18 @@ TEST(CrrecArgs, HexDecodingRefusesOddAndForeignDigits) {
 }
 
 TEST_F(CrrecCli, UsageErrorsExitTwoWithOneLine) {
-  Result r = Crrec({"verify", Path("missing")});
-  EXPECT_EQ(r.code, 2);
-  EXPECT_EQ(r.err, "crrec: " + Path("missing") + ": cannot open: No such file or directory\n");
-  r = Crrec({"convert", Path("missing"), "--to", "xml"});
-  EXPECT_EQ(r.code, 2);
-  EXPECT_EQ(r.err, "crrec: --to: xml not in {stored,serialized,text,json} (see crrec --help)\n");
-  r = Crrec({"build", Path("missing"), "--chunker", "cdc", "--segment-size", "4K"});
-  EXPECT_EQ(r.code, 2);
-  EXPECT_EQ(r.err, "crrec: " + Path("missing") + ": --segment-size is for --chunker fixed\n");
+  const std::string missing = Path("missing");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"verify", missing}, missing + ": cannot open: No such file or directory"},
+      {{"convert", missing, "--to", "xml"},
+       "--to: xml not in {stored,serialized,text,json} (see crrec --help)"},
+      {{"build", missing, "--chunker", "cdc", "--segment-size", "4K"},
+       missing + ": --segment-size is for --chunker fixed"}};
+  for (const auto& c : cases) {
+    Result r = Crrec(c.first);
+    EXPECT_EQ(r.code, 2);
+    EXPECT_EQ(r.err, "crrec: " + c.second + "\n");
+  }
 }
 
 TEST_F(CrrecCli, BuildThenShowVerifyConvertAndDigest) {
@@ -101,15 +98,14 @@ TEST_F(CrrecCli, BuildThenShowVerifyConvertAndDigest) {
   r = Crrec({"show", stored, "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   crrec::Json j = crrec::Json::parse(r.out);
-  EXPECT_EQ(j["header"]["CID"], 500u);
-  EXPECT_EQ(j["header"]["CRC"], 0x1234u);
-  EXPECT_EQ(j["header"]["ssize"], 4096u);
-  EXPECT_EQ(j["header"]["dotype"], 2u);
-  EXPECT_EQ(j["header"]["fptype"], 1u);
+  for (auto f : {std::make_pair("CID", 500u), std::make_pair("CRC", 0x1234u),
+                 std::make_pair("ssize", 4096u), std::make_pair("dotype", 2u),
+                 std::make_pair("fptype", 1u)}) {
+    EXPECT_EQ(j["header"][f.first], f.second) << f.first;
+  }
 
   // Written without checksum: verify refuses unless told.
-  std::ifstream f(ser, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  const std::string bytes = Read("r.ser");
   ASSERT_GT(bytes.size(), 28u);
   char body[16];
   std::snprintf(body, sizeof body, "0x%08x", crtest::SlowAdler32(bytes.data() + 28, bytes.size() - 28));
@@ -149,17 +145,13 @@ TEST_F(CrrecCli, ConvertKeepsTheInputsByteOrderUnlessTold) {
             0);
   ASSERT_EQ(Crrec({"convert", Path("net"), "--to", "stored", "-o", Path("net2")}).code, 0);
   ASSERT_EQ(Crrec({"convert", Path("net.json"), "--to", "stored", "-o", Path("net3")}).code, 0);
-  auto read = [](const std::string& p) {
-    std::ifstream f(p, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  };
-  const std::string host = read(Path("host")), net = read(Path("net"));
+  const std::string host = Read("host"), net = Read("net");
   ASSERT_GT(host.size(), 80u);
   EXPECT_EQ(host.substr(0, 2), std::string("\x03\x00", 2));
   EXPECT_EQ(net.substr(0, 2), std::string("\x00\x03", 2));
-  EXPECT_EQ(read(Path("net2")), net);
+  EXPECT_EQ(Read("net2"), net);
   // build's --network-order also makes its JSON say so.
-  EXPECT_EQ(read(Path("net3")), net);
+  EXPECT_EQ(Read("net3"), net);
 }
 
 }  // namespace

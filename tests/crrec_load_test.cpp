@@ -4,15 +4,16 @@
 
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "build.h"
 #include "inspect.h"
 #include "json.h"
 #include "load.h"
+#include "crrec_support.h"
 #include "sample.h"
-#include "test_support.h"
-#include "util.h"
+#include "so_support.h"
 
 namespace {
 
@@ -26,12 +27,18 @@ Recognition Recognise(const crtest::Bytes& b, const Hints& hints = Hints()) {
 
 // The line a refusal prints.
 std::string Refusal(const crtest::Bytes& b, const Hints& hints = Hints()) {
-  try {
-    crrec::Load("f", b.vec(), hints);
-  } catch (const crrec::ToolError& e) {
-    return std::to_string(e.exitCode()) + " " + e.Line();
-  }
-  return "loaded";
+  return crtest::ToolLine([&] { crrec::Load("f", b.vec(), hints); });
+}
+
+// The segment DB record the tool tests open: one task ID, fingerprints of
+// the given type.
+crtest::Bytes SoRecord(uint8_t fptype) {
+  crtest::SoRec r;
+  r.flags = 0;
+  r.fptype = fptype;
+  r.taskIDs = {42};
+  r.fps = {crtest::PatternFP(1, crtest::SoWidth(fptype))};
+  return crtest::SoImage(r, false);
 }
 
 // A serialized DO record's head: size, ssize, checksum, nfp, zero word.
@@ -48,45 +55,32 @@ crtest::Bytes SerializedOfEntryWidth(uint32_t nfp, size_t entry) {
 }
 
 TEST(CrrecRecognise, TypeWordTellsStoredAndSegmentDbRecordsAndTheirByteOrder) {
-  crtest::Bytes stored, storedNet, so, soNet, json;
-  stored.le16(3).zeros(10);
-  storedNet.be16(3).zeros(10);
-  so.le16(2).zeros(10);
-  soNet.be16(2).zeros(10);
-  json.str(" \n {\"form\": \"stored\"}");
-  EXPECT_EQ(Recognise(stored).form, Form::kStored);
-  EXPECT_FALSE(Recognise(stored).networkOrder);
-  EXPECT_EQ(Recognise(storedNet).form, Form::kStored);
-  EXPECT_TRUE(Recognise(storedNet).networkOrder);
-  EXPECT_EQ(Recognise(so).form, Form::kSegmentDb);
-  EXPECT_FALSE(Recognise(so).networkOrder);
-  EXPECT_EQ(Recognise(soNet).form, Form::kSegmentDb);
-  EXPECT_TRUE(Recognise(soNet).networkOrder);
-  EXPECT_EQ(Recognise(json).form, Form::kJson);
+  for (uint16_t type : {2, 3}) {
+    for (bool big : {false, true}) {
+      crtest::Bytes b;
+      (big ? b.be16(type) : b.le16(type)).zeros(10);
+      EXPECT_EQ(Recognise(b).form, type == 3 ? Form::kStored : Form::kSegmentDb) << type;
+      EXPECT_EQ(Recognise(b).networkOrder, big) << type;
+    }
+  }
+  EXPECT_EQ(Recognise(crtest::Bytes().str(" \n {\"form\": \"stored\"}")).form, Form::kJson);
 }
 
 TEST(CrrecRecognise, SerializedEntryWidthTellsTheTypesUpToTheSharedLayouts) {
+  const std::string dotypes = "DO types 0 and 1 fit; assumed 1 (say --dotype)";
+  const std::string fptypes = "fingerprint types 1 and 2 fit; assumed 2 (say --fptype)";
   struct Case {
     size_t entry;
     unsigned dotype, fptype;
     std::vector<std::string> notes;
-  } cases[] = {
-      {41, 1, 2, {"DO types 0 and 1 fit; assumed 1 (say --dotype)",
-                  "fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
-      {73, 1, 3, {"DO types 0 and 1 fit; assumed 1 (say --dotype)"}},
-      {45, 2, 2, {"fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
-      {77, 2, 3, {}},
-      {53, 3, 2, {"fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
-      {85, 3, 3, {}},
-      {49, 5, 2, {"fingerprint types 1 and 2 fit; assumed 2 (say --fptype)"}},
-      {81, 5, 3, {}},
-  };
+  } cases[] = {{41, 1, 2, {dotypes, fptypes}}, {73, 1, 3, {dotypes}}, {45, 2, 2, {fptypes}},
+               {77, 2, 3, {}}, {53, 3, 2, {fptypes}}, {85, 3, 3, {}}, {49, 5, 2, {fptypes}},
+               {81, 5, 3, {}}};
   for (const Case& c : cases) {
     Recognition r = Recognise(SerializedOfEntryWidth(3, c.entry));
     EXPECT_EQ(r.form, Form::kSerialized) << c.entry;
-    EXPECT_EQ(r.dotype, c.dotype) << c.entry;
-    EXPECT_EQ(r.fptype, c.fptype) << c.entry;
-    EXPECT_EQ(r.notes, c.notes) << c.entry;
+    EXPECT_EQ(std::make_tuple(r.dotype, r.fptype, r.notes),
+              std::make_tuple(c.dotype, c.fptype, c.notes)) << c.entry;
   }
 }
 
@@ -116,11 +110,8 @@ TEST(CrrecRecognise, BloomFormIsRecognisedFromItsLengthAndHead) {
 }
 
 TEST(CrrecRecognise, WhatFitsNoFormIsRefusedWithTheSizesExpected) {
-  crtest::Bytes empty;
-  EXPECT_EQ(Refusal(empty), "1 crrec: f: empty file");
-  crtest::Bytes shortBytes;
-  shortBytes.zeros(20);
-  EXPECT_EQ(Refusal(shortBytes),
+  EXPECT_EQ(Refusal(crtest::Bytes()), "1 crrec: f: empty file");
+  EXPECT_EQ(Refusal(crtest::Bytes().zeros(20)),
             "1 crrec: f: 20 bytes: too short for any record form (a serialized DO record has "
             "at least 29)");
   EXPECT_EQ(Refusal(SerializedOfEntryWidth(2, 50)),
@@ -179,25 +170,19 @@ TEST(CrrecLoad, DamagedStoredRecordIsRefusedWithTheLibrarysReason) {
   b.le16(3).le16(2).le32(80 + 24).le32(0).le32(0).le64(64).le64(100).le64(4096)
       .le32(0).le32(1).le32(1).le32(0).le32(1).le32(0).le32(0).le32(0).le32(0)
       .u8(1).u8(1).zeros(2).raw(crtest::PatternFP(0x10, 16).data(), 16).le64(65);
-  EXPECT_EQ(Refusal(b), "loaded");
-  crtest::Bytes truncated;
-  truncated.raw(b.data(), b.size() - 1);
-  EXPECT_EQ(Refusal(truncated), "1 crrec: f: Invalid DO record: recsize 104, size 103 (status 32)");
+  EXPECT_EQ(Refusal(b), "done");
+  EXPECT_EQ(Refusal(crtest::Bytes().raw(b.data(), b.size() - 1)),
+            "1 crrec: f: Invalid DO record: recsize 104, size 103 (status 32)");
 }
 
 TEST(CrrecLoad, SegmentDbRecordIsValidatedAndOpened) {
-  crtest::Bytes b;
-  b.le16(2).le16(0).le32(104 + 8 + 16).le32(0).le32(1).le32(77).le32(0).le64(1000).le64(0)
-      .le64(65536).le32(7).le32(1).zeros(33).u8(1).u8(0).u8(0).le16(0).le16(0)
-      .le64(42).raw(crtest::PatternFP(1, 16).data(), 16).zeros(8);
+  const crtest::Bytes b = SoRecord(1);
   crrec::Loaded loaded = crrec::Load("f", b.vec(), Hints());
   EXPECT_FALSE(loaded.IsDO());
   EXPECT_EQ(loaded.so()->DCID, 1000u);
   EXPECT_EQ(loaded.so()->ntaskid, 1u);
-  crtest::Bytes wrong;
-  wrong.raw(b.data(), b.size());
-  wrong.zeros(8);
-  EXPECT_EQ(Refusal(wrong), "1 crrec: f: Invalid SO record: recsize 128, size 136 (status 32)");
+  EXPECT_EQ(Refusal(crtest::Bytes(b).zeros(8)),
+            "1 crrec: f: Invalid SO record: recsize 128, size 136 (status 32)");
 }
 
 }  // namespace
@@ -234,12 +219,8 @@ TEST(CrrecRobustness, EveryDamagedByteOfEachFormIsOpenedOrRefusedInOneLine) {
   stored.name = "b";
   stored.record = std::move(built.record);
   const std::string json = crrec::ToJson(stored).dump();
-  crtest::Bytes so;
-  so.le16(2).le16(0).le32(104 + 8 + 32).le32(0).le32(1).le32(77).le32(0).le64(1000).le64(0)
-      .le64(65536).le32(7).le32(1).zeros(33).u8(3).u8(0).u8(0).le16(0).le16(0)
-      .le64(42).raw(crtest::PatternFP(1, 32).data(), 32).zeros(8);
   const std::vector<std::vector<unsigned char>> forms = {
-      so.vec(),
+      SoRecord(3).vec(),
       crrec::StoredBytes(*stored.record, false), crrec::StoredBytes(*stored.record, true),
       crrec::SerializedBytes(*stored.record, true, "b"),
       std::vector<unsigned char>(json.begin(), json.end())};

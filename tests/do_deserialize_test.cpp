@@ -6,11 +6,8 @@
 // sanitizer reports any read past it.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +17,9 @@
 
 namespace {
 
+using crtest::Block;
+using crtest::ExpectThrows;
+using crtest::Malloced;
 using crtest::Seg;
 using crtest::UEntry;
 
@@ -27,22 +27,11 @@ constexpr uint32_t kCrc = 0x1234;
 constexpr unsigned long kUntouched = 12345;
 const std::string kPrefix = "Invalid serialized DO record: ";
 
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-using Malloced = std::unique_ptr<uint8_t, FreeDeleter>;
-
-Malloced ExactCopy(const uint8_t* data, size_t n) {
-  Malloced copy(static_cast<uint8_t*>(std::malloc(n == 0 ? 1 : n)));
-  if (n != 0) std::memcpy(copy.get(), data, n);
-  return copy;
-}
-
 // Runs the reader into a buffer of its own over an exact copy of the first
 // `n` bytes of `image`. The record, if any, lands in `record`.
 cr_status_t Read(const std::vector<uint8_t>& image, size_t n, uint8_t dotype, uint8_t fptype,
                  Malloced* record = nullptr, unsigned long* size = nullptr) {
-  Malloced input = ExactCopy(image.data(), n);
+  Malloced input = Block(n, image.data());
   DORecordHeader* h = nullptr;
   unsigned long allocated = kUntouched;
   const cr_status_t status =
@@ -65,38 +54,24 @@ std::vector<uint8_t> Image(uint8_t dotype, uint8_t fptype) {
   return crtest::SerializedDO(dotype, 10000, 4096, kCrc, crtest::ThreeSegments(fptype));
 }
 
-const std::vector<UEntry> kEntries = {{64, 8192}, {0x0102030405060708, 1808}};
-
-std::vector<uint8_t> BloomImage(const std::vector<UEntry>& entries = kEntries) {
+std::vector<uint8_t> BloomImage(const std::vector<UEntry>& entries = {{64, 8192},
+                                                                     {0x0102030405060708, 1808}}) {
   return crtest::SerializedBloom(10000, 4096, crtest::PatternBitmap(37), entries);
 }
 
-// The host-order record the reader must build from Image(): header, then
-// the segment list and the DCIDs.
-std::vector<uint8_t> ExpectedRecord(uint8_t dotype, uint8_t fptype, uint32_t ctime) {
-  const std::vector<Seg> segs = crtest::ThreeSegments(fptype);
-  const uint32_t extra = dotype == 2 ? 4 : dotype == 3 ? 12 : dotype == 5 ? 8 : 0;
-  const uint32_t recsize = 80 + 3 * (static_cast<uint32_t>(crtest::FPWidth(fptype)) + extra + 8);
-  crtest::Bytes b;
-  b.le16(3).le16(0).le32(recsize).le32(0).le32(0);    // type, flags, recsize, reserved, checktime
-  b.le64(0).le64(10000).le64(4096);                   // CID, size, ssize
-  b.le32(kCrc).le32(ctime).le32(ctime);               // CRC, ctime, mtime
-  b.le32(0).le32(3).le32(0).le32(0).le32(0).le32(0);  // ntaskid, nfp, nudcid, nds, trefsize, bsize
-  b.u8(fptype).u8(dotype).u8(0).u8(0);
-  const crtest::Bytes list = crtest::SegmentList(dotype, segs);
-  b.raw(list.data(), list.size());
-  for (const Seg& s : segs) b.le64(s.dcid);
-  return b.vec();
+// The host-order record the reader must build from Image(): flags, CID and
+// check time zero, both times `ctime`.
+std::string ExpectedRecord(uint8_t dotype, uint8_t fptype, const uint8_t* built) {
+  uint32_t ctime;
+  std::memcpy(&ctime, built + 44, 4);
+  const std::vector<uint8_t> r =
+      crtest::HostRecord(dotype, fptype, crtest::ThreeSegments(fptype), {0, 0, kCrc, ctime, ctime});
+  return crtest::Hex(r.data(), r.size());
 }
 
-void ExpectThrows(const std::function<void()>& f, cr_status_t status, const std::string& message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception; expected status " << status;
-  } catch (const Cr_ErrnoException& e) {
-    EXPECT_EQ(e.GetStatus(), status);
-    EXPECT_EQ(std::string(e.what()), message);
-  }
+// Sets the big-endian 32-bit word at `at`.
+void PutBE32(std::vector<uint8_t>* image, size_t at, uint32_t v) {
+  for (int k = 0; k < 4; ++k) (*image)[at + k] = static_cast<uint8_t>(v >> (24 - 8 * k));
 }
 
 // --- The records the reader builds ------------------------------------------
@@ -110,15 +85,12 @@ TEST(DODeserialize, SegmentFormBecomesAHostOrderRecord) {
     unsigned long allocated = 0;
     const std::vector<uint8_t> image = Image(c[0], c[1]);
     ASSERT_EQ(Read(image, image.size(), c[0], c[1], &record, &allocated), 0u);
-    const uint32_t after = static_cast<uint32_t>(std::time(nullptr));
     uint32_t ctime;
     std::memcpy(&ctime, record.get() + 44, 4);
     EXPECT_GE(ctime, before);
-    EXPECT_LE(ctime, after);
-
-    const std::vector<uint8_t> expected = ExpectedRecord(c[0], c[1], ctime);
-    ASSERT_EQ(allocated, expected.size());
-    EXPECT_EQ(crtest::Hex(record.get(), allocated), crtest::Hex(expected.data(), expected.size()));
+    EXPECT_LE(ctime, static_cast<uint32_t>(std::time(nullptr)));
+    ASSERT_EQ(allocated, crtest::PlainRecordSize(c[0], c[1], 3));
+    EXPECT_EQ(crtest::Hex(record.get(), allocated), ExpectedRecord(c[0], c[1], record.get()));
   }
 }
 
@@ -167,25 +139,18 @@ TEST(DODeserialize, EveryTruncationIsRefusedAsTruncated) {
 
 TEST(DODeserialize, LengthMustBeExactlyWhatTheCountsSay) {
   std::vector<uint8_t> image = Image(0, 1);  // 29 + 3 x 41 = 152 bytes
-  {
-    crtest::LogCapture log(true);
-    EXPECT_EQ(Read(image, 27, 0, 1), 120u);
-    EXPECT_EQ(Read(image, 151, 0, 1), 120u);
-    image.push_back(0);
-    EXPECT_EQ(Read(image, 0, 1), 121u);
-    EXPECT_EQ(log.texts(),
-              (std::vector<std::string>{kPrefix + "27 bytes, shorter than the 28-byte head",
-                                        kPrefix + "151 bytes, 3 segments need 152",
-                                        kPrefix + "153 bytes, 3 segments take exactly 152"}));
-  }
+  crtest::LogCapture log(true);
+  EXPECT_EQ(Read(image, 27, 0, 1), 120u);
+  EXPECT_EQ(Read(image, 151, 0, 1), 120u);
+  image.push_back(0);
+  EXPECT_EQ(Read(image, 0, 1), 121u);
+  EXPECT_EQ(log.texts(),
+            (std::vector<std::string>{kPrefix + "27 bytes, shorter than the 28-byte head",
+                                      kPrefix + "151 bytes, 3 segments need 152",
+                                      kPrefix + "153 bytes, 3 segments take exactly 152"}));
   std::vector<uint8_t> bloom = BloomImage();
   bloom.push_back(0);
   EXPECT_EQ(Read(bloom, 4, 1), 121u);
-}
-
-// Sets the big-endian 32-bit word at `at`.
-void PutBE32(std::vector<uint8_t>* image, size_t at, uint32_t v) {
-  for (int k = 0; k < 4; ++k) (*image)[at + k] = static_cast<uint8_t>(v >> (24 - 8 * k));
 }
 
 TEST(DODeserialize, CountsBeyondTheInputAreRefusedEvenWhen32BitMathWraps) {
@@ -214,58 +179,39 @@ TEST(DODeserialize, CountsBeyondTheInputAreRefusedEvenWhen32BitMathWraps) {
   }
 }
 
-TEST(DODeserialize, MalformedSegmentFormIsRefused) {
-  const std::vector<uint8_t> good = Image(2, 1);  // entries of 33 + 4 bytes from 28
-  ASSERT_EQ(Read(good, 2, 1), 0u);
+TEST(DODeserialize, MalformedFormsAreRefused) {
+  const size_t block = 32 + 37;  // the Bloom form's unique-DCID block
   struct Mutation {
     const char* what;
+    uint8_t dotype;
     size_t at;
-    uint8_t value;
+    uint8_t value;  // written for the segment form, xored for the Bloom form
   };
+  // Segment entries of 33 + 4 bytes from 28.
   const Mutation mutations[] = {
-      {"nonzero padding word", 27, 1},      {"nonzero byte after the entries", 28 + 3 * 37, 'x'},
-      {"non-hex digit", 28 + 37 + 5, 'g'},  {"blank in the text", 28 + 31, ' '},
-      {"text one digit short", 28 + 31, 0}, {"text without its NUL", 28 + 32, '0'},
+      {"nonzero padding word", 2, 27, 1},      {"nonzero byte after the entries", 2, 139, 'x'},
+      {"non-hex digit", 2, 28 + 37 + 5, 'g'},  {"blank in the text", 2, 28 + 31, ' '},
+      {"text one digit short", 2, 28 + 31, 0}, {"text without its NUL", 2, 28 + 32, '0'},
+      {"segments in Bloom form", 4, 23, 1},    {"unique-DCID checksum", 4, block + 2, 1},
+      {"list changed, checksum not", 4, block + 11, 0x40}, {"trailing byte", 4, 56 + 37 + 31, 1},
   };
   for (const Mutation& m : mutations) {
-    std::vector<uint8_t> bad = good;
-    bad[m.at] = m.value;
-    EXPECT_EQ(Read(bad, 2, 1), 121u) << m.what;
+    std::vector<uint8_t> bad = m.dotype == 4 ? BloomImage() : Image(2, 1);
+    ASSERT_EQ(Read(bad, m.dotype, 1), 0u) << m.what;
+    bad[m.at] = m.dotype == 4 ? static_cast<uint8_t>(bad[m.at] ^ m.value) : m.value;
+    EXPECT_EQ(Read(bad, m.dotype, 1), 121u) << m.what;
   }
+  std::vector<uint8_t> empty = BloomImage({});
+  PutBE32(&empty, block, 0x00040001);  // a checksum for an empty list
+  EXPECT_EQ(Read(empty, 4, 1), 121u);
 
   crtest::LogCapture log(true);
-  std::vector<uint8_t> bad = good;
+  std::vector<uint8_t> bad = Image(2, 1);
   bad[28 + 37 + 5] = 'g';
   EXPECT_EQ(Read(bad, 2, 1), 121u);
   EXPECT_EQ(log.texts(),
             std::vector<std::string>{
                 kPrefix + "fingerprint text of segment 1 is not 32 hex digits and a NUL"});
-}
-
-TEST(DODeserialize, MalformedBloomFormIsRefused) {
-  const std::vector<uint8_t> good = BloomImage();
-  const size_t block = 32 + 37;
-  ASSERT_EQ(Read(good, 4, 1), 0u);
-
-  std::vector<uint8_t> segments = good;
-  PutBE32(&segments, 20, 1);
-  EXPECT_EQ(Read(segments, 4, 1), 121u);
-
-  std::vector<uint8_t> checksum = good;
-  checksum[block + 2] ^= 0x01;
-  EXPECT_EQ(Read(checksum, 4, 1), 121u);
-
-  std::vector<uint8_t> entry = good;  // the list changed, its checksum not
-  entry[block + 8 + 3] ^= 0x40;
-  EXPECT_EQ(Read(entry, 4, 1), 121u);
-
-  std::vector<uint8_t> trailing = good;
-  trailing[trailing.size() - 1] = 1;
-  EXPECT_EQ(Read(trailing, 4, 1), 121u);
-
-  std::vector<uint8_t> empty = BloomImage({});
-  PutBE32(&empty, block, 0x00040001);  // a checksum for an empty list
-  EXPECT_EQ(Read(empty, 4, 1), 121u);
 }
 
 TEST(DODeserialize, NullArgumentsAndRefusedTypes) {
@@ -294,37 +240,30 @@ TEST(DODeserialize, NullArgumentsAndRefusedTypes) {
 TEST(DODeserialize, CallerBufferMustHoldTheRecord) {
   const std::vector<uint8_t> image = Image(2, 1);
   const size_t recsize = 80 + 3 * (16 + 4 + 8);
-  Malloced input = ExactCopy(image.data(), image.size());
-
-  Malloced small(static_cast<uint8_t*>(std::malloc(recsize - 1)));
-  std::memset(small.get(), 0xEE, recsize - 1);
-  DORecordHeader* h = reinterpret_cast<DORecordHeader*>(small.get());
-  unsigned long size = recsize - 1;
-  {
+  Malloced input = Block(image.size(), image.data());
+  for (size_t n : {recsize - 1, recsize}) {
+    Malloced buffer = Block(n);
+    DORecordHeader* h = reinterpret_cast<DORecordHeader*>(buffer.get());
+    unsigned long size = n;
     crtest::LogCapture log(true);
-    EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1), 122u);
-    EXPECT_EQ(log.texts(), std::vector<std::string>{
-                               kPrefix + "caller buffer of 163 bytes, the record needs 164"});
+    const cr_status_t status = DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1);
+    EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(buffer.get()));
+    EXPECT_EQ(size, n);
+    if (n < recsize) {
+      EXPECT_EQ(status, 122u);
+      EXPECT_EQ(log.texts(), std::vector<std::string>{
+                                 kPrefix + "caller buffer of 163 bytes, the record needs 164"});
+      EXPECT_EQ(crtest::Hex(buffer.get(), n), std::string(2 * n, 'e'));
+    } else {
+      ASSERT_EQ(status, 0u);
+      EXPECT_EQ(crtest::Hex(buffer.get(), n), ExpectedRecord(2, 1, buffer.get()));
+    }
   }
-  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(small.get()));
-  EXPECT_EQ(size, recsize - 1);
-  EXPECT_EQ(crtest::Hex(small.get(), recsize - 1), std::string(2 * (recsize - 1), 'e'));
-
-  Malloced exact(static_cast<uint8_t*>(std::malloc(recsize)));
-  h = reinterpret_cast<DORecordHeader*>(exact.get());
-  size = recsize;
-  ASSERT_EQ(DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1), 0u);
-  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(exact.get()));
-  EXPECT_EQ(size, recsize);
-  uint32_t ctime;
-  std::memcpy(&ctime, exact.get() + 44, 4);
-  const std::vector<uint8_t> expected = ExpectedRecord(2, 1, ctime);
-  EXPECT_EQ(crtest::Hex(exact.get(), recsize), crtest::Hex(expected.data(), expected.size()));
 }
 
 TEST(DODeserialize, MisalignedCallerBufferIsRefused) {
   const std::vector<uint8_t> image = Image(0, 1);
-  Malloced storage(static_cast<uint8_t*>(std::malloc(256)));
+  Malloced storage = Block(256);
   DORecordHeader* h = reinterpret_cast<DORecordHeader*>(storage.get() + 4);
   unsigned long size = 252;
   crtest::LogCapture log(true);
@@ -348,7 +287,7 @@ TEST(DOSerializedChecksum, EveryFlippedByteIsFound) {
       if (at >= 20 && at < 28) continue;
       std::vector<uint8_t> flipped = sealed;
       flipped[at] ^= 0xFF;
-      Malloced copy = ExactCopy(flipped.data(), flipped.size());
+      Malloced copy = Block(flipped.size(), flipped.data());
       EXPECT_FALSE(DORecordSerializedHasAdler32(copy.get(), flipped.size())) << "byte " << at;
     }
   }
@@ -367,8 +306,6 @@ TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompleted) {
   const std::vector<uint8_t> image = Image(2, 1);
   const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
   DORecord r(2, 0x0004, 100, 1, nullptr, 0, image.data(), image.size(), false);
-  const uint32_t after = static_cast<uint32_t>(std::time(nullptr));
-
   EXPECT_TRUE(r.OwnsBuffer());
   EXPECT_EQ(r.GetBufferMode(), 2u);
   EXPECT_EQ(r.GetAllocatedSize(), 164u);
@@ -378,13 +315,13 @@ TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompleted) {
   EXPECT_EQ(r.GetDCID(), 100u);
   EXPECT_EQ(r.GetCheckTime(), 0u);
   EXPECT_GE(r.GetMTime(), before);
-  EXPECT_LE(r.GetMTime(), after);
+  EXPECT_LE(r.GetMTime(), static_cast<uint32_t>(std::time(nullptr)));
 }
 
 TEST(DORecordFromSerialized, CallerBufferIsBorrowedAndLeftUntouchedAfterGrowth) {
   const std::vector<uint8_t> image = Image(3, 3);
   const size_t recsize = 80 + 3 * (32 + 12 + 8);
-  Malloced buffer(static_cast<uint8_t*>(std::malloc(recsize)));
+  Malloced buffer = Block(recsize);
   std::vector<uint8_t> snapshot;
   {
     DORecord r(3, 0x0002, 100, 3, buffer.get(), recsize, image.data(), image.size(), false);
@@ -446,34 +383,42 @@ TEST(DORecordFromSerialized, InvalidFlagsAreLoggedAndNotStored) {
 
 TEST(DORecordFromSerialized, FailuresLeaveNoBufferAndTheCallersUntouched) {
   const std::vector<uint8_t> image = Image(2, 1);
-  ExpectThrows([&] { DORecord r(2, 2, 100, 9, nullptr, 0, image.data(), image.size(), false); },
-               9, "invalid fptype for DO");
-  ExpectThrows([&] { DORecord r(2, 2, 100, 1, nullptr, 0, image.data(), image.size() - 1, false); },
-               120, "");
-  // DO type narrowed to 8 bits: 256 + 6 is refused as 6.
-  ExpectThrows([&] { DORecord r(262, 2, 100, 1, nullptr, 0, image.data(), image.size(), false); },
-               113, "");
-
-  Malloced buffer(static_cast<uint8_t*>(std::malloc(164)));
-  std::memset(buffer.get(), 0xEE, 164);
-  ExpectThrows(
-      [&] { DORecord r(2, 2, 100, 9, buffer.get(), 164, image.data(), image.size(), false); }, 9,
-      "invalid fptype for DO");
-  EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
-
   // Sizes that add up to 900 in a 1000-byte file: the check runs after the
   // buffer is built, which must then go.
-  const std::vector<Seg> segs = {{crtest::PatternFP(1, 16), 400, 0, 0, 64},
-                                 {crtest::PatternFP(2, 16), 500, 0, 0, 65}};
-  const std::vector<uint8_t> short_ = crtest::SerializedDO(2, 1000, 512, kCrc, segs);
-  const char* corrupt =
+  const std::vector<uint8_t> short_ = crtest::SerializedDO(
+      2, 1000, 512, kCrc,
+      {{crtest::PatternFP(1, 16), 400, 0, 0, 64}, {crtest::PatternFP(2, 16), 500, 0, 0, 65}});
+  const std::string corrupt =
       "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. Original file size:1000. "
       "Sum of segm. sizes:900.";
-  ExpectThrows([&] { DORecord r(2, 2, 100, 1, nullptr, 0, short_.data(), short_.size(), false); },
-               89, corrupt);
-  ExpectThrows(
-      [&] { DORecord r(2, 2, 100, 1, buffer.get(), 164, short_.data(), short_.size(), false); }, 89,
-      corrupt);
+  Malloced buffer = Block(164);
+  struct Case {
+    unsigned int dotype;
+    uint8_t fptype;
+    const std::vector<uint8_t>* input;
+    size_t length;
+    cr_status_t status;
+    std::string message;
+  };
+  const Case cases[] = {
+      {2, 9, &image, image.size(), 9, "invalid fptype for DO"},
+      {2, 1, &image, image.size() - 1, 120, ""},
+      {262, 1, &image, image.size(), 113, ""},  // narrowed to 8 bits: refused as 6
+      {2, 1, &short_, short_.size(), 89, corrupt},
+  };
+  for (const Case& c : cases) {
+    for (uint8_t* callers : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
+      SCOPED_TRACE(testing::Message() << c.status << (callers ? " caller buffer" : ""));
+      ExpectThrows(
+          [&] {
+            DORecord r(c.dotype, 2, 100, c.fptype, callers, callers ? 164 : 0, c.input->data(),
+                       c.length, false);
+          },
+          c.status, c.message);
+      // Only the segment-list check runs on a record already built in place.
+      if (c.status != 89) EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
+    }
+  }
 }
 
 }  // namespace

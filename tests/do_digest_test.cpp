@@ -15,14 +15,9 @@ namespace {
 
 using crtest::Seg;
 
-std::unique_ptr<DORecord> Build(const std::vector<Seg>& segs, unsigned char fptype,
-                                unsigned char dotype, unsigned long size = 10000) {
-  crtest::Bytes list = crtest::SegmentList(dotype, segs);
-  std::vector<unsigned long> dcids;
-  for (const Seg& s : segs) dcids.push_back(s.dcid);
-  return std::make_unique<DORecord>(777, size, 4096, 0x11223344, 1000, 2000, list.data(),
-                                    static_cast<unsigned int>(segs.size()), dcids.data(), nullptr,
-                                    fptype, dotype);
+std::unique_ptr<DORecord> Build(const std::vector<Seg>& segs, uint8_t fptype, uint8_t dotype,
+                                unsigned long size = 10000) {
+  return crtest::BuildDO(dotype, fptype, segs, 0x11223344, 777, size);
 }
 
 // What the fingerprint library makes of `bytes` as a whole-record digest.
@@ -42,72 +37,46 @@ crfp_digest_t Fingerprint(const std::vector<uint8_t>& fp) {
   return d;
 }
 
-struct DigestDeleter {
-  void operator()(cr_tdigest_t* d) const { CRTDigestDelete(&d); }
-};
-typedef std::unique_ptr<cr_tdigest_t, DigestDeleter> DigestPtr;
-
-void ExpectDigest(const DigestPtr& d, unsigned char type, const crfp_digest_t& value,
+// Takes the record's digest, checks it and deletes it.
+void ExpectDigest(const DORecord& record, unsigned char type, const crfp_digest_t& value,
                   unsigned long cid) {
+  cr_tdigest_t* d = record.GetDigest();
   ASSERT_NE(d, nullptr);
   EXPECT_EQ(d->type, type);
   EXPECT_EQ(crtest::Hex(d->digest.digest, 32), crtest::Hex(value.digest, 32));
   EXPECT_EQ(d->cid, cid);
+  CRTDigestDelete(&d);
 }
 
-void ExpectThrows(const DORecord& record, cr_status_t status, const char* message) {
-  try {
-    DigestPtr d(record.GetDigest());
-    ADD_FAILURE() << "no exception";
-  } catch (const Cr_ErrnoException& e) {
-    EXPECT_EQ(e.GetStatus(), status);
-    EXPECT_STREQ(e.what(), message);
+TEST(DORecordDigest, MatchesTheBlockWrittenOutByHand) {
+  const uint8_t cases[][2] = {{1, 1}, {2, 1}, {3, 1}, {5, 1}, {1, 3},
+                              {2, 3}, {3, 3}, {5, 3}, {3, 2}};  // DO type, fingerprint type
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "dotype " << int{c[0]} << " fptype " << int{c[1]});
+    const std::vector<Seg> segs = crtest::ThreeSegments(c[1]);
+    const size_t textWidth = c[1] == 3 ? 65 : 33;
+    crtest::Bytes block;
+    for (const Seg& s : segs) {
+      std::string text = crtest::Hex(s.fp.data(), s.fp.size());
+      text.resize(textWidth, '\0');
+      block.str(text);
+      if (c[0] == 2 || c[0] == 3 || c[0] == 5) block.be32(s.size);
+      if (c[0] == 3) block.be64(s.offset);
+      if (c[0] == 5) block.be32(s.objectOffset);
+    }
+    ASSERT_EQ(block.size(), 3 * (textWidth + crtest::TypeFields(c[0])));
+    ExpectDigest(*Build(segs, c[1], c[0]), static_cast<unsigned char>(c[1] + 1),
+                 HashDO(block, c[1]), 777);
   }
 }
-
-struct BlockCase {
-  unsigned char dotype;
-  unsigned char fptype;
-};
-
-class DigestBlock : public ::testing::TestWithParam<BlockCase> {};
-
-TEST_P(DigestBlock, MatchesTheBlockWrittenOutByHand) {
-  const BlockCase c = GetParam();
-  const std::vector<Seg> segs = crtest::ThreeSegments(c.fptype);
-  const size_t textWidth = c.fptype == 3 ? 65 : 33;
-  crtest::Bytes block;
-  for (const Seg& s : segs) {
-    std::string text = crtest::Hex(s.fp.data(), s.fp.size());
-    text.resize(textWidth, '\0');
-    block.str(text);
-    if (c.dotype == 2 || c.dotype == 3 || c.dotype == 5) block.be32(s.size);
-    if (c.dotype == 3) block.be64(s.offset);
-    if (c.dotype == 5) block.be32(s.objectOffset);
-  }
-  const size_t extra = c.dotype == 2 ? 4 : c.dotype == 3 ? 12 : c.dotype == 5 ? 8 : 0;
-  ASSERT_EQ(block.size(), 3 * (textWidth + extra));
-
-  DigestPtr d(Build(segs, c.fptype, c.dotype)->GetDigest());
-  ExpectDigest(d, static_cast<unsigned char>(c.fptype + 1), HashDO(block, c.fptype), 777);
-}
-
-INSTANTIATE_TEST_SUITE_P(EveryHashedTypeAndWidth, DigestBlock,
-                         ::testing::Values(BlockCase{1, 1}, BlockCase{2, 1}, BlockCase{3, 1},
-                                           BlockCase{5, 1}, BlockCase{1, 3}, BlockCase{2, 3},
-                                           BlockCase{3, 3}, BlockCase{5, 3}, BlockCase{3, 2}),
-                         [](const ::testing::TestParamInfo<BlockCase>& info) {
-                           return "DOType" + std::to_string(info.param.dotype) + "FPType" +
-                                  std::to_string(info.param.fptype);
-                         });
 
 TEST(DORecordDigest, SingleSegmentGivesItsFingerprintUnhashed) {
-  for (unsigned char dotype : {0, 1, 2, 3, 5}) {
-    for (unsigned char fptype : {1, 3}) {
-      SCOPED_TRACE("dotype " + std::to_string(dotype) + " fptype " + std::to_string(fptype));
+  for (uint8_t dotype : {0, 1, 2, 3, 5}) {
+    for (uint8_t fptype : {1, 3}) {
+      SCOPED_TRACE(testing::Message() << "dotype " << int{dotype} << " fptype " << int{fptype});
       const Seg s = crtest::ThreeSegments(fptype)[0];
-      DigestPtr d(Build({s}, fptype, dotype, s.size)->GetDigest());
-      ExpectDigest(d, static_cast<unsigned char>(fptype + 1), Fingerprint(s.fp), 777);
+      ExpectDigest(*Build({s}, fptype, dotype, s.size), static_cast<unsigned char>(fptype + 1),
+                   Fingerprint(s.fp), 777);
     }
   }
   // Only a header written by hand has fingerprint type 255; its digest type
@@ -115,7 +84,7 @@ TEST(DORecordDigest, SingleSegmentGivesItsFingerprintUnhashed) {
   const Seg s = crtest::ThreeSegments(1)[0];
   auto record = Build({s}, 1, 2, s.size);
   record->GetHeader()->fptype = 255;
-  ExpectDigest(DigestPtr(record->GetDigest()), 0, Fingerprint(s.fp), 777);
+  ExpectDigest(*record, 0, Fingerprint(s.fp), 777);
 }
 
 TEST(DORecordDigest, ListsWithoutExactlyOneSegment) {
@@ -126,40 +95,36 @@ TEST(DORecordDigest, ListsWithoutExactlyOneSegment) {
 
   auto sized = Build(crtest::ThreeSegments(1), 1, 2);
   sized->GetHeader()->nfp = 0;
-  ExpectDigest(DigestPtr(sized->GetDigest()), 2, HashDO(crtest::Bytes(), 1), 777);
+  ExpectDigest(*sized, 2, HashDO(crtest::Bytes(), 1), 777);
 }
 
 TEST(DORecordDigest, BloomRecordDigestsItsSpanInPlace) {
   const std::vector<uint8_t> bitmap = crtest::PatternBitmap(5);
-  {
-    DORecord record(900, 1, 1, 0, 1000, 2000, 5, bitmap.data(), nullptr, 1, 4);
-    crtest::Bytes span;
-    span.le32(5).raw(bitmap.data(), 5).zeros(16);
-    ASSERT_EQ(span.size(), 5 + 20u);
-    ExpectDigest(DigestPtr(record.GetDigest()), 2, HashDO(span, 1), 900);
-  }
-  const std::vector<uint8_t> unique = crtest::HostUniqueDcids({{70, 200}, {500, 400}, {900, 12}});
-  DORecord record(900, 1, 1, 0, 1000, 2000, 5, bitmap.data(),
-                  reinterpret_cast<const char*>(unique.data()), 3, 4);
   crtest::Bytes span;
-  span.le32(5).raw(bitmap.data(), 5).zeros(16).raw(unique.data(), unique.size());
+  span.le32(5).raw(bitmap.data(), 5).zeros(16);
+  ExpectDigest(*crtest::BuildBloom(bitmap, {}, 1, 0, 900), 2, HashDO(span, 1), 900);
+
+  const std::vector<crtest::UEntry> entries = {{70, 200}, {500, 400}, {900, 12}};
+  const std::vector<uint8_t> unique = crtest::HostUniqueDcids(entries);
+  auto record = crtest::BuildBloom(bitmap, entries, 3, 0, 900);
+  span.raw(unique.data(), unique.size());
   ASSERT_EQ(span.size(), 5 + 76u);
   // The Bloom type is looked at before the segment count.
-  record.GetHeader()->nfp = 1;
-  ExpectDigest(DigestPtr(record.GetDigest()), 4, HashDO(span, 3), 900);
+  record->GetHeader()->nfp = 1;
+  ExpectDigest(*record, 4, HashDO(span, 3), 900);
 }
 
-TEST(DORecordDigest, NetworkOrderIsRefusedBeforeAnythingElse) {
-  // DO type 0 with three segments, which in host order has no digest.
-  auto record = Build(crtest::ThreeSegments(1), 1, 0);
-  record->HostToNetwork(0);
-  ExpectThrows(*record, CR_STATUS_INVALID, "GetDigest called while DO record in network order.");
-}
+TEST(DORecordDigest, RefusalsCarryTheirStatus) {
+  // DO type 0 with three segments, which in host order has no digest: the
+  // byte order is looked at before anything else.
+  auto network = Build(crtest::ThreeSegments(1), 1, 0);
+  network->HostToNetwork(0);
+  crtest::ExpectThrows([&] { network->GetDigest(); }, CR_STATUS_INVALID,
+                       "GetDigest called while DO record in network order.");
 
-TEST(DORecordDigest, FingerprintLibraryFailureCarriesItsStatus) {
-  auto record = Build(crtest::ThreeSegments(1), 1, 2);
-  record->GetHeader()->fptype = 7;  // unknown to the fingerprint library
-  ExpectThrows(*record, CR_STATUS_INVALID, "");
+  auto unknown = Build(crtest::ThreeSegments(1), 1, 2);
+  unknown->GetHeader()->fptype = 7;  // unknown to the fingerprint library
+  crtest::ExpectThrows([&] { unknown->GetDigest(); }, CR_STATUS_INVALID, "");
 }
 
 }  // namespace

@@ -5,137 +5,80 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <functional>
-#include <memory>
+#include <string>
 #include <vector>
 
-#include "crrecord/DORecord.h"
-#include "test_support.h"
+#include "do_records.h"
 
 namespace {
 
-constexpr unsigned int kHeader = 80;
+using namespace crtest;
 
-// A DO type 2 record of two 16-byte-fingerprint segments, ctime 10, mtime 20.
-std::unique_ptr<DORecord> SmallRecord() {
-  crtest::Bytes segs;
-  segs.raw(crtest::PatternFP(1, 16).data(), 16).le32(300);
-  segs.raw(crtest::PatternFP(2, 16).data(), 16).le32(700);
-  const unsigned long dcids[] = {64, 65};
-  return std::make_unique<DORecord>(100, 1000, 512, 0xABCD, 10, 20, segs.data(), 2, dcids,
-                                    nullptr, 1, 2);
-}
-
-// A malloc'ed copy of a record's stored bytes in a buffer of `capacity`.
-DORecordHeader* StoredCopy(DORecord& record, size_t capacity) {
-  void* p = std::malloc(capacity);
-  std::memset(p, 0xEE, capacity);
-  std::memcpy(p, record.GetHeader(), record.GetHeaderSize());
-  return static_cast<DORecordHeader*>(p);
-}
-
-void ExpectStatus(std::function<void()> f, cr_status_t status, const char* message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception; expected " << message;
-  } catch (const Cr_ErrnoException& e) {
-    EXPECT_EQ(e.GetStatus(), status);
-    EXPECT_STREQ(e.what(), message);
-  }
-}
-
-TEST(DORecordObject, BuiltRecordOwnsAnExactBuffer) {
+TEST(DORecordObject, RecordSizeBookkeepingHasTheHeaderAsLowerBound) {
   auto r = SmallRecord();
-  const unsigned int size = kHeader + 2 * (16 + 4 + 8);
-  EXPECT_EQ(r->GetHeaderSize(), size);
-  EXPECT_EQ(r->getRecSize(), size);
-  EXPECT_EQ(r->calcRecSize(), size);
-  EXPECT_EQ(r->GetAllocatedSize(), size);
-  EXPECT_EQ(r->GetDOSize(), size - kHeader);
-  EXPECT_TRUE(r->OwnsBuffer());
-  EXPECT_EQ(r->GetBufferMode(), 2u);
-  EXPECT_FALSE(r->IsInNetworkOrder());
-  EXPECT_FALSE(r->IsSubDO());
-}
-
-TEST(DORecordObject, ExpandGrowsInWholePages) {
-  ASSERT_EQ(sysconf(_SC_PAGESIZE), 4096);
-  auto built = SmallRecord();
-  DORecordHeader* buffer = StoredCopy(*built, 4096);
-  DORecord r(buffer, 4096, 2);  // takes the buffer over
-  r.expand(4096);
-  EXPECT_EQ(r.GetAllocatedSize(), 4096u);
-  r.expand(4097);
-  EXPECT_EQ(r.GetAllocatedSize(), 8192u);
-  EXPECT_EQ(r.GetBufferMode(), 2u);
-  EXPECT_EQ(r.GetSegmentSize(1), 700u);  // content kept
-  r.expand();  // recsize fits: nothing changes
-  EXPECT_EQ(r.GetAllocatedSize(), 8192u);
-}
-
-TEST(DORecordObject, GrowthCopiesABorrowedBufferAndLeavesItUntouched) {
-  auto built = SmallRecord();
-  const size_t capacity = built->GetHeaderSize();
-  DORecordHeader* buffer = StoredCopy(*built, capacity);
-  std::vector<uint8_t> before(reinterpret_cast<uint8_t*>(buffer),
-                              reinterpret_cast<uint8_t*>(buffer) + capacity);
-  {
-    DORecord r(buffer, capacity, 1);
-    EXPECT_FALSE(r.OwnsBuffer());
-    EXPECT_EQ(r.GetHeader(), buffer);
-    r.expand(capacity + 1);
-    EXPECT_TRUE(r.OwnsBuffer());
-    EXPECT_EQ(r.GetBufferMode(), 2u);
-    EXPECT_NE(r.GetHeader(), buffer);
-    EXPECT_EQ(r.GetAllocatedSize(), 4096u);
-    r.SetDCID(999);  // changes the copy only
-    EXPECT_EQ(r.GetDCID(), 999u);
-  }
-  EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t*>(buffer),
-                                 reinterpret_cast<uint8_t*>(buffer) + capacity),
-            before);
-  std::free(buffer);  // still the caller's
-}
-
-TEST(DORecordObject, FixedBufferRefusesToGrow) {
-  auto built = SmallRecord();
-  const size_t capacity = built->GetHeaderSize();
-  DORecordHeader* buffer = StoredCopy(*built, capacity);
-  {
-    DORecord r(buffer, capacity, 0);
-    ExpectStatus([&] { r.expand(capacity + 1); }, 9,
-                 "Need to expand the buffer of DORecord but I'm not allowed to copy it.");
-    EXPECT_EQ(r.GetAllocatedSize(), capacity);
-    EXPECT_EQ(r.GetHeader(), buffer);
-    r.expand(capacity);  // no growth needed: fine
-  }
-  std::free(buffer);
-}
-
-TEST(DORecordObject, RecordSizeHasTheHeaderAsLowerBound) {
-  auto r = SmallRecord();
-  const unsigned int size = r->getRecSize();
-  ExpectStatus([&] { r->setRecSize(kHeader - 1); }, 9, "invalid record size for DO");
-  EXPECT_EQ(r->getRecSize(), size);
-  r->setRecSize(kHeader);
-  EXPECT_EQ(r->getRecSize(), kHeader);
-  r->setRecSize(size);
+  EXPECT_EQ(r->GetHeaderSize(), kSmallSize);
+  EXPECT_EQ(r->calcRecSize(), kSmallSize);
+  EXPECT_EQ(r->GetDOSize(), kSmallSize - 80);
+  EXPECT_EQ(Thrown([&] { r->setRecSize(79); }), Failure(9, "invalid record size for DO"));
+  EXPECT_EQ(r->getRecSize(), kSmallSize);
+  r->setRecSize(80);
+  EXPECT_EQ(r->getRecSize(), 80u);
+  r->setRecSize(kSmallSize);
   r->setTRefsSize(17);
   EXPECT_EQ(r->getTRefsSize(), 17u);
-  EXPECT_EQ(r->calcRecSize(), size + 17);
+  EXPECT_EQ(r->calcRecSize(), kSmallSize + 17);
   r->initReferenceSets();
   EXPECT_EQ(r->getTRefsSize(), 0u);
-  EXPECT_EQ(r->getRecSize(), size);
+  EXPECT_EQ(r->getRecSize(), kSmallSize);
+}
+
+// Growth takes whole pages; a borrowed buffer (mode 1) is copied and left
+// as it was, a fixed one (mode 0) refuses, an owned one (mode 2) is resized.
+TEST(DORecordObject, ExpandGrowsInWholePagesWhereTheModeAllows) {
+  ASSERT_EQ(sysconf(_SC_PAGESIZE), 4096);
+  const std::vector<uint8_t> stored = RecordBytes(*SmallRecord());
+  for (unsigned int mode = 0; mode <= 2; ++mode) {
+    SCOPED_TRACE(mode);
+    DORecordHeader* buffer = MallocCopy(stored);
+    {
+      DORecord r(buffer, kSmallSize, mode);
+      EXPECT_EQ(r.OwnsBuffer(), mode == 2);
+      r.expand(kSmallSize);  // fits: nothing changes
+      r.expand();
+      EXPECT_EQ(r.GetHeader(), buffer);
+      EXPECT_EQ(r.GetAllocatedSize(), kSmallSize);
+      if (mode == 0) {
+        EXPECT_EQ(Thrown([&] { r.expand(kSmallSize + 1); }), Failure(9, kCannotGrow));
+        EXPECT_EQ(r.GetAllocatedSize(), kSmallSize);
+        EXPECT_EQ(r.GetHeader(), buffer);
+      } else {
+        r.expand(kSmallSize + 1);
+        EXPECT_TRUE(r.OwnsBuffer());
+        EXPECT_EQ(r.GetBufferMode(), 2u);
+        EXPECT_EQ(r.GetAllocatedSize(), 4096u);
+        if (mode == 1) {
+          EXPECT_NE(r.GetHeader(), buffer);
+        }
+        r.expand(4097);
+        EXPECT_EQ(r.GetAllocatedSize(), 8192u);
+        EXPECT_EQ(r.GetSegmentSize(1), 700u);  // content kept
+        r.SetDCID(999);                        // changes the copy only
+        EXPECT_EQ(r.GetDCID(), 999u);
+      }
+    }
+    if (mode != 2) {
+      EXPECT_EQ(BytesAt(buffer, stored.size()), stored);
+      std::free(buffer);  // still the caller's
+    }
+  }
 }
 
 TEST(DORecordObject, FlagSettersLogInvalidBits) {
   auto r = SmallRecord();
   ASSERT_EQ(r->GetFlags(), 0x0002);
   {
-    crtest::LogCapture log;
-    r->setFlags(0x0008);
+    LogCapture log;
+    r->setFlags(0x0008);  // refused, not stamped
     EXPECT_EQ(r->GetFlags(), 0x0002);
     EXPECT_EQ(r->GetMTime(), 20u);
     ASSERT_EQ(log.lines().size(), 1u);
@@ -144,19 +87,17 @@ TEST(DORecordObject, FlagSettersLogInvalidBits) {
     EXPECT_EQ(log.lines()[0].text, "Setting DORecord flags to invalid value 8");
   }
   {
-    crtest::LogCapture log;
-    const unsigned int before = static_cast<unsigned int>(std::time(nullptr));
-    r->SetFlags(0x0008);
+    LogCapture log;
+    const uint32_t before = Now();
+    r->SetFlags(0x0008);  // logged, yet stored and stamped
     EXPECT_EQ(r->GetFlags(), 0x0008);
     EXPECT_GE(r->GetMTime(), before);
     EXPECT_EQ(log.texts(), std::vector<std::string>{"Setting DORecord flags to invalid value 8"});
   }
-  {
-    crtest::LogCapture log;
-    r->setFlags(0x0006);
-    EXPECT_EQ(r->GetFlags(), 0x0006);
-    EXPECT_TRUE(log.lines().empty());
-  }
+  LogCapture log;
+  r->setFlags(0x0006);
+  EXPECT_EQ(r->GetFlags(), 0x0006);
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(DORecordObject, LowerCaseSettersDoNotStampAndUpperCaseOnesDo) {
@@ -169,11 +110,11 @@ TEST(DORecordObject, LowerCaseSettersDoNotStampAndUpperCaseOnesDo) {
   EXPECT_EQ(r->GetCheckTime(), 78u);
   EXPECT_EQ(r->GetFPType(), 3);
   EXPECT_EQ(r->GetMTime(), 20u);
-  ExpectStatus([&] { r->setFPType(9); }, 9, "invalid fptype for DO");
+  EXPECT_EQ(Thrown([&] { r->setFPType(9); }), Failure(9, "invalid fptype for DO"));
   EXPECT_EQ(r->GetFPType(), 3);
   EXPECT_EQ(r->GetMTime(), 20u);
 
-  const unsigned int before = static_cast<unsigned int>(std::time(nullptr));
+  const uint32_t before = Now();
   r->SetFPType(9);  // no check
   EXPECT_EQ(r->GetFPType(), 9);
   EXPECT_GE(r->GetMTime(), before);
@@ -187,9 +128,6 @@ TEST(DORecordObject, LowerCaseSettersDoNotStampAndUpperCaseOnesDo) {
 TEST(DORecordObject, GettersReadHostValuesInNetworkOrder) {
   auto r = SmallRecord();
   r->setCheckTime(0x01020304);
-  const DORecordHeader* h = r->GetHeader();
-  const std::vector<uint8_t> host(reinterpret_cast<const uint8_t*>(h),
-                                  reinterpret_cast<const uint8_t*>(h) + kHeader);
   auto values = [&] {
     return std::vector<unsigned long>{r->GetFlags(),  r->GetCheckTime(), r->GetDCID(),
                                       r->GetSize(),   r->GetSsize(),     r->GetCrc(),
@@ -201,12 +139,10 @@ TEST(DORecordObject, GettersReadHostValuesInNetworkOrder) {
   r->HostToNetwork(0);
   EXPECT_TRUE(r->IsInNetworkOrder());
   EXPECT_EQ(values(), before);
-  EXPECT_EQ(crtest::Hex(reinterpret_cast<const uint8_t*>(r->GetHeader()) + 12, 4), "01020304");
-  EXPECT_NE(std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(r->GetHeader()),
-                                 reinterpret_cast<const uint8_t*>(r->GetHeader()) + kHeader),
-            host);
+  auto checktime = [&] { return Hex(reinterpret_cast<const uint8_t*>(r->GetHeader()) + 12, 4); };
+  EXPECT_EQ(checktime(), "01020304");
   r->setCheckTime(5);  // stored in network order
-  EXPECT_EQ(crtest::Hex(reinterpret_cast<const uint8_t*>(r->GetHeader()) + 12, 4), "00000005");
+  EXPECT_EQ(checktime(), "00000005");
   r->NetworkToHost(0);
   EXPECT_EQ(r->GetCheckTime(), 5u);
 }
@@ -214,12 +150,9 @@ TEST(DORecordObject, GettersReadHostValuesInNetworkOrder) {
 TEST(DORecordObject, GetHeaderOfARecordWithoutReferencesWritesNothing) {
   auto r = SmallRecord();
   DORecordHeader* h = r->GetHeader();
-  const std::vector<uint8_t> before(reinterpret_cast<uint8_t*>(h),
-                                    reinterpret_cast<uint8_t*>(h) + r->GetAllocatedSize());
+  const std::vector<uint8_t> before = BytesAt(h, r->GetAllocatedSize());
   EXPECT_EQ(r->GetHeader(), h);
-  EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t*>(h),
-                                 reinterpret_cast<uint8_t*>(h) + r->GetAllocatedSize()),
-            before);
+  EXPECT_EQ(BytesAt(h, r->GetAllocatedSize()), before);
   EXPECT_EQ(DORecord::ValidateHeader(h, r->GetHeaderSize(), 0), 0u);
   EXPECT_EQ(DORecord::ValidateHeader(h, r->GetHeaderSize() - 1, 0), 32u);
   EXPECT_EQ(r->GetPOID(), reinterpret_cast<unsigned char*>(h) + 16);

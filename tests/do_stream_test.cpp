@@ -27,13 +27,9 @@ std::vector<Seg> Segments() {
   return segs;
 }
 
-std::unique_ptr<DORecord> Build(unsigned char dotype, unsigned int crc = 0xABCD,
-                                unsigned int ctime = 10, unsigned int mtime = 20) {
-  const std::vector<Seg> segs = Segments();
-  crtest::Bytes list = crtest::SegmentList(dotype, segs);
-  const unsigned long dcids[] = {segs[0].dcid, segs[1].dcid, segs[2].dcid};
-  return std::make_unique<DORecord>(0xABC, 10000, 4096, crc, ctime, mtime, list.data(), 3, dcids,
-                                    nullptr, 1, dotype);
+std::unique_ptr<DORecord> Build(uint8_t dotype, uint32_t crc = 0xABCD, uint32_t ctime = 10,
+                                uint32_t mtime = 20) {
+  return crtest::BuildDO(dotype, 1, Segments(), crc, 0xABC, 10000, ctime, mtime);
 }
 
 std::string Form(const DORecord& record, bool binary) {
@@ -52,24 +48,27 @@ std::string Head(unsigned int mtime, unsigned int dotype, unsigned int nfp) {
          to_string(nfp) + ",";
 }
 
-TEST(DORecordText, EachDOTypeWritesItsEntries) {
-  for (unsigned char dotype : {0, 1, 2, 3, 5}) {
-    SCOPED_TRACE("dotype " + to_string(dotype));
-    std::string entries;
-    for (const Seg& s : Segments()) {
-      if (!entries.empty()) entries += ",";
-      entries += "[" + crtest::Hex(s.fp.data(), s.fp.size());
-      if (dotype == 2 || dotype == 3 || dotype == 5) entries += "," + to_string(s.size);
-      if (dotype == 3) entries += "," + to_string(s.offset);
-      if (dotype == 5) entries += "," + to_string(s.objectOffset);
-      entries += "]";
-    }
-    EXPECT_EQ(Form(*Build(dotype), false),
-              Head(20, dotype, 3) + "[" + entries + "[64," + to_string(kBigDCID) + ",64]],[]");
+// "[fp,size...],..." of Segments() for a DO type.
+std::string Entries(uint8_t dotype) {
+  std::string entries;
+  for (const Seg& s : Segments()) {
+    if (!entries.empty()) entries += ",";
+    entries += "[" + crtest::Hex(s.fp.data(), s.fp.size());
+    if (dotype == 2 || dotype == 3 || dotype == 5) entries += "," + to_string(s.size);
+    if (dotype == 3) entries += "," + to_string(s.offset);
+    if (dotype == 5) entries += "," + to_string(s.objectOffset);
+    entries += "]";
   }
-  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(3);
-  DORecord bloom(0xABC, 10000, 4096, 0xABCD, 10, 20, 3, bitmap.data(), nullptr, 1, 4);
-  EXPECT_EQ(Form(bloom, false), Head(20, 4, 0) + "[[]],[]");
+  return "[" + entries + "[64," + to_string(kBigDCID) + ",64]],";
+}
+
+TEST(DORecordText, EachDOTypeWritesItsEntries) {
+  for (uint8_t dotype : {0, 1, 2, 3, 5}) {
+    SCOPED_TRACE("dotype " + to_string(dotype));
+    EXPECT_EQ(Form(*Build(dotype), false), Head(20, dotype, 3) + Entries(dotype) + "[]");
+  }
+  auto bloom = crtest::BuildBloom(crtest::PatternBitmap(3), {}, 1, 0xABCD, 0xABC);
+  EXPECT_EQ(Form(*bloom, false), Head(20, 4, 0) + "[[]],[]");
 }
 
 TEST(DORecordText, NumbersFollowTheStreamsFormatting) {
@@ -84,10 +83,6 @@ TEST(DORecordText, NumbersFollowTheStreamsFormatting) {
 }
 
 TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
-  const std::vector<Seg> segs = Segments();
-  const std::string kDO1Entries = "[[" + crtest::Hex(segs[0].fp.data(), 16) + "],[" +
-                                  crtest::Hex(segs[1].fp.data(), 16) + "],[" +
-                                  crtest::Hex(segs[2].fp.data(), 16) + "][64,4886718345,64]],";
   auto record = Build(1);
   const unsigned char payload[] = {0xBE, 0xEF};
   _cr_tref_t* retention = CRTRefNew(CR_TREF_TYPE_RETENTION, payload, sizeof payload);
@@ -97,43 +92,23 @@ TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
   record->AddTaskID(42ul);
   record->AddTaskID(5ul);
   LoadSection(*record, {0, 1, 0xAB});
-  EXPECT_EQ(Form(*record, false), Head(record->GetMTime(), 1, 3) + kDO1Entries +
+  EXPECT_EQ(Form(*record, false), Head(record->GetMTime(), 1, 3) + Entries(1) +
                                       "[taskid:5,taskid:42,dsid:7,tref6:beef]");
 
   auto kindZeroOnly = Build(1);
   LoadSection(*kindZeroOnly, {0, 1, 0xAB});
-  EXPECT_EQ(Form(*kindZeroOnly, false), Head(kindZeroOnly->GetMTime(), 1, 3) + kDO1Entries + "[]");
+  EXPECT_EQ(Form(*kindZeroOnly, false), Head(kindZeroOnly->GetMTime(), 1, 3) + Entries(1) + "[]");
 }
 
 TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
   auto record = Build(2);
   record->HostToNetwork(0);
   std::ostringstream os;
-  try {
-    record->ToStream(os, false);
-    ADD_FAILURE() << "no exception";
-  } catch (const Cr_ErrnoException& e) {
-    EXPECT_EQ(e.GetStatus(), CR_STATUS_INVALID);
-    EXPECT_STREQ(e.what(),
-                 "cannot write DO record to stream in text form because it is in network order");
-  }
+  crtest::ExpectThrows(
+      [&] { record->ToStream(os, false); }, CR_STATUS_INVALID,
+      "cannot write DO record to stream in text form because it is in network order");
   EXPECT_EQ(os.str(), "");
 }
-
-// The stored image of Build(2) with the typed-reference section `trefs`.
-std::string Image(unsigned int mtime, const crtest::Bytes& trefs) {
-  const uint32_t trefsize = static_cast<uint32_t>(trefs.size());
-  crtest::Bytes b;
-  b.le16(3).le16(2).le32(80 + 3 * (16 + 4 + 8) + trefsize).le32(0).le32(0);
-  b.le64(0xABC).le64(10000).le64(4096).le32(0xABCD).le32(10).le32(mtime);
-  b.le32(0).le32(3).le32(0).le32(0).le32(trefsize).le32(0).u8(1).u8(2).zeros(2);
-  for (const Seg& s : Segments()) b.raw(s.fp.data(), 16).le32(s.size);
-  for (const Seg& s : Segments()) b.le64(s.dcid);
-  b.raw(trefs.data(), trefs.size());
-  return crtest::Hex(b.data(), b.size());
-}
-
-std::string Hex(const std::string& s) { return crtest::Hex(s.data(), s.size()); }
 
 TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) {
   auto record = Build(2);
@@ -141,11 +116,16 @@ TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) 
   record->AddTaskID(42ul);
   crtest::Bytes trefs;
   trefs.u8(0).u8(1).u8(0xAB).u8(2).u8(8).be64(42);
-  EXPECT_EQ(Hex(Form(*record, true)), Image(record->GetMTime(), trefs));
+  const std::vector<uint8_t> image =
+      crtest::HostRecord(2, 1, Segments(), {2, 0xABC, 0xABCD, 10, record->GetMTime()}, trefs);
+  const std::string expected = crtest::Hex(image.data(), image.size());
+  std::string form = Form(*record, true);
+  EXPECT_EQ(crtest::Hex(form.data(), form.size()), expected);
 
   // In network order: host-order bytes out, network order kept.
   record->HostToNetwork(0);
-  EXPECT_EQ(Hex(Form(*record, true)), Image(record->GetMTime(), trefs));
+  form = Form(*record, true);
+  EXPECT_EQ(crtest::Hex(form.data(), form.size()), expected);
   EXPECT_TRUE(record->IsInNetworkOrder());
   EXPECT_EQ(record->GetHeader()->type, 0x0300);
 }
@@ -186,7 +166,7 @@ TEST(DORecordEquality, OnlyTheIdentityCounts) {
   EXPECT_FALSE(*a == *b);
 }
 
-TEST(DORecordEquality, ReferenceSetsMustMatchKindByKind) {
+TEST(DORecordEquality, ReferenceSetsAndByteOrderMustMatch) {
   auto a = Build(2);
   auto b = Build(2);
   a->AddTaskID(1ul);
@@ -197,20 +177,18 @@ TEST(DORecordEquality, ReferenceSetsMustMatchKindByKind) {
   a->AddTaskID(2ul);
   EXPECT_TRUE(*a == *b);
 
-  LoadSection(*a, {3, 1, 0xA1, 3, 1, 0xA2});
-  LoadSection(*b, {3, 1, 0xA1, 3, 1, 0xA3});
-  EXPECT_FALSE(*a == *b);
-  EXPECT_TRUE(*a != *b);
-}
-
-TEST(DORecordEquality, ByteOrderMustMatch) {
-  auto a = Build(5);
-  auto b = Build(5);
   b->HostToNetwork(0);
   EXPECT_FALSE(*a == *b);
   EXPECT_TRUE(*a != *b);
   a->HostToNetwork(0);
   EXPECT_TRUE(*a == *b);
+
+  auto c = Build(5);
+  auto d = Build(5);
+  LoadSection(*c, {3, 1, 0xA1, 3, 1, 0xA2});
+  LoadSection(*d, {3, 1, 0xA1, 3, 1, 0xA3});
+  EXPECT_FALSE(*c == *d);
+  EXPECT_TRUE(*c != *d);
 }
 
 }  // namespace

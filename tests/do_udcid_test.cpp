@@ -2,8 +2,7 @@
 // record's list, and the per-container byte counts.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -18,21 +17,18 @@ namespace {
 using crtest::UEntry;
 typedef std::map<unsigned long, unsigned long> SizeMap;
 
-constexpr unsigned int kHeader = 80;
-// A DO type 2 entry of a 16-byte fingerprint, and its DCID.
-constexpr unsigned int kType2Segment = 16 + 4 + 8;
+// Behind the header of a DO type 2 record of three 16-byte fingerprints.
+constexpr unsigned int kType2Section = 80 + 3 * (16 + 4 + 8);
 
 // DO type 2, sizes 100/200/300 in containers 500/70/500 (or `dcids`).
 std::unique_ptr<DORecord> ThreeSizes(unsigned long cid = 100,
                                      std::vector<unsigned long> dcids = {500, 70, 500}) {
-  crtest::Bytes list;
-  const uint32_t sizes[] = {100, 200, 300};
-  for (int i = 0; i < 3; ++i) {
-    list.raw(crtest::PatternFP(static_cast<uint8_t>(0x10 * (i + 1)), 16).data(), 16);
-    list.le32(sizes[i]);
+  std::vector<crtest::Seg> segs;
+  for (uint32_t i = 0; i < 3; ++i) {
+    segs.push_back({crtest::PatternFP(static_cast<uint8_t>(0x10 * (i + 1)), 16), 100 * (i + 1), 0,
+                    0, dcids[i]});
   }
-  return std::make_unique<DORecord>(cid, 600, 4096, 0, 10, 20, list.data(), 3, dcids.data(),
-                                    nullptr, 1, 2);
+  return crtest::BuildDO(2, 1, segs, 0, cid, 600);
 }
 
 // The section as it must stand in host order: checksum, count, entries.
@@ -53,62 +49,64 @@ void ExpectLogged(const crtest::LogCapture& log, cr_status_t status, const std::
   EXPECT_EQ(log.lines()[0].text, text);
 }
 
-TEST(UniqueDCIDList, DistinctContainersInAscendingOrder) {
-  auto record = ThreeSizes();
-  const unsigned int before = kHeader + 3 * kType2Segment;
-  ASSERT_EQ(record->GetHeaderSize(), before);
-  EXPECT_EQ(record->GetUDCIDSize(), 0u);
+TEST(UniqueDCIDList, DistinctContainersInAscendingOrderInEitherByteOrder) {
+  for (bool network : {false, true}) {
+    SCOPED_TRACE(network ? "network order" : "host order");
+    auto record = ThreeSizes();
+    ASSERT_EQ(record->GetHeaderSize(), kType2Section);
+    EXPECT_EQ(record->GetUDCIDSize(), 0u);
+    if (network) record->HostToNetwork(0);
 
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(record->GetNudcid(), 2u);
-  EXPECT_EQ(record->GetHeaderSize(), before + 40);
-  EXPECT_EQ(record->GetUDCIDSize(), 40u);
-  EXPECT_EQ(RecordHex(*record, before, 40), SectionImage({{70, 200}, {500, 400}}));
-  // Grown to exactly the size needed, owned, the mode as it was.
-  EXPECT_EQ(record->GetAllocatedSize(), before + 40);
-  EXPECT_TRUE(record->OwnsBuffer());
-  EXPECT_EQ(record->GetBufferMode(), 2u);
-  record->HostToNetwork(0);
-  EXPECT_EQ(record->GetUDCIDSize(), 40u);
+    ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+    EXPECT_EQ(record->GetNudcid(), 2u);
+    EXPECT_EQ(RecordHex(*record, 60, 4), network ? "00000002" : "02000000");  // nudcid
+    EXPECT_EQ(record->GetHeaderSize(), kType2Section + 40);
+    EXPECT_EQ(record->GetUDCIDSize(), 40u);
+    // The section is host order whatever the record's order.
+    EXPECT_EQ(RecordHex(*record, kType2Section, 40), SectionImage({{70, 200}, {500, 400}}));
+    // Grown to exactly the size needed, owned, the mode as it was.
+    EXPECT_EQ(record->GetAllocatedSize(), kType2Section + 40);
+    EXPECT_TRUE(record->OwnsBuffer());
+    EXPECT_EQ(record->GetBufferMode(), 2u);
+  }
+
+  // DO type 0 derives the sizes from the file and segment sizes.
+  std::vector<crtest::Seg> segs = crtest::ThreeSegments(1);
+  for (crtest::Seg& s : segs) s.dcid = 64;
+  auto original = crtest::BuildDO(0, 1, segs, 0, 64);
+  ASSERT_EQ(original->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+  EXPECT_EQ(original->GetNudcid(), 1u);
+  EXPECT_EQ(RecordHex(*original, 80 + 3 * (16 + 8), 24), SectionImage({{64, 10000}}));
 }
 
-TEST(UniqueDCIDList, DerivedSizesOfTheOriginalType) {
-  crtest::Bytes list;
-  for (uint8_t seed : {1, 2, 3}) list.raw(crtest::PatternFP(seed, 16).data(), 16);
-  const unsigned long dcids[] = {64, 64, 64};
-  DORecord record(64, 10000, 4096, 0, 10, 20, list.data(), 3, dcids, nullptr, 1, 0);
-  ASSERT_EQ(record.AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(record.GetNudcid(), 1u);
-  EXPECT_EQ(RecordHex(record, kHeader + 3 * (16 + 8), 24), SectionImage({{64, 10000}}));
-}
-
-TEST(UniqueDCIDList, SizesAreReadInTheRecordsByteOrder) {
-  auto record = ThreeSizes();
-  record->HostToNetwork(0);
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(record->GetNudcid(), 2u);
-  EXPECT_EQ(RecordHex(*record, 60, 4), "00000002");  // nudcid big-endian in the header
-  EXPECT_EQ(RecordHex(*record, kHeader + 3 * kType2Segment, 40),
-            SectionImage({{70, 200}, {500, 400}}));
-}
-
-TEST(UniqueDCIDList, ContainerBelow64IsRefusedNaming) {
-  auto record = ThreeSizes(100, {500, 64, 500});
-  record->SetSegmentDCID(1, 63);
-  const std::string before = WholeRecord(*record);
-  {
+TEST(UniqueDCIDList, RefusalsNameTheirCauseAndChangeNothing) {
+  struct Case {
+    const char* what;
+    std::function<void(DORecord&)> spoil;
+    std::string message;
+  };
+  const Case cases[] = {
+      {"container below 64", [](DORecord& r) { r.SetSegmentDCID(1, 63); },
+       "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
+           crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16) + " at index 1."},
+      {"typed references", [](DORecord& r) { r.AddTaskID(7ul); },
+       "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto record = ThreeSizes(100, {500, 64, 500});
+    c.spoil(*record);
+    const std::string before = WholeRecord(*record);
     crtest::LogCapture log;
     EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-    ExpectLogged(log, CR_STATUS_INVALID,
-                 "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
-                     crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16) + " at index 1.");
+    ExpectLogged(log, CR_STATUS_INVALID, c.message);
+    EXPECT_EQ(record->GetNudcid(), 0u);
+    EXPECT_EQ(WholeRecord(*record), before);
   }
-  EXPECT_EQ(WholeRecord(*record), before);
-
-  record->SetSegmentDCID(1, 64);
+  // The lowest valid container is taken.
+  auto record = ThreeSizes(100, {500, 64, 500});
   ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(RecordHex(*record, kHeader + 3 * kType2Segment, 40),
-            SectionImage({{64, 200}, {500, 400}}));
+  EXPECT_EQ(RecordHex(*record, kType2Section, 40), SectionImage({{64, 200}, {500, 400}}));
 }
 
 TEST(UniqueDCIDList, RecordWithoutSegmentsIsLeftAlone) {
@@ -122,39 +120,26 @@ TEST(UniqueDCIDList, RecordWithoutSegmentsIsLeftAlone) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(UniqueDCIDList, RecordWithTypedReferencesIsRefused) {
-  auto record = ThreeSizes();
-  record->AddTaskID(7ul);
-  const unsigned int size = record->GetHeaderSize();
-  crtest::LogCapture log;
-  EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-  ExpectLogged(log, CR_STATUS_INVALID,
-               "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes.");
-  EXPECT_EQ(record->GetNudcid(), 0u);
-  EXPECT_EQ(record->GetHeaderSize(), size);
-}
-
 TEST(UniqueDCIDList, BorrowedBufferIsReplacedByAnOwnedCopy) {
   auto source = ThreeSizes();
   const unsigned int size = source->GetHeaderSize();
-  void* callers = std::malloc(size);
-  std::memcpy(callers, source->GetHeader(), size);
-  const std::string original = crtest::Hex(callers, size);
+  crtest::Malloced callers =
+      crtest::Block(size, reinterpret_cast<const uint8_t*>(source->GetHeader()));
+  const std::string original = crtest::Hex(callers.get(), size);
   {
-    DORecord record(static_cast<DORecordHeader*>(callers), size, 1);
+    DORecord record(reinterpret_cast<DORecordHeader*>(callers.get()), size, 1);
     ASSERT_EQ(record.AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-    EXPECT_NE(static_cast<void*>(record.GetHeader()), callers);
+    EXPECT_NE(reinterpret_cast<uint8_t*>(record.GetHeader()), callers.get());
     EXPECT_TRUE(record.OwnsBuffer());
     EXPECT_EQ(record.GetBufferMode(), 1u);
     EXPECT_EQ(record.GetAllocatedSize(), size + 40);
     EXPECT_EQ(RecordHex(record, size, 40), SectionImage({{70, 200}, {500, 400}}));
   }
-  EXPECT_EQ(crtest::Hex(callers, size), original);
-  std::free(callers);
+  EXPECT_EQ(crtest::Hex(callers.get(), size), original);
 }
 
 TEST(UniqueDCIDSizes, RecordsOwnBytesAreChargedToItsContainer) {
-  const unsigned long body = 3 * kType2Segment + 40;  // everything behind the header
+  const unsigned long body = kType2Section - 80 + 40;  // everything behind the header
   auto listed = ThreeSizes(/*cid=*/500);
   ASSERT_EQ(listed->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
   SizeMap sizes = {{1, 1}, {500, 9}};
@@ -165,13 +150,11 @@ TEST(UniqueDCIDSizes, RecordsOwnBytesAreChargedToItsContainer) {
   ASSERT_EQ(elsewhere->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
   EXPECT_EQ(elsewhere->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
   EXPECT_EQ(sizes, (SizeMap{{70, 200}, {100, body}, {500, 400}}));
-}
 
-TEST(UniqueDCIDSizes, RecordWithoutListIsRefused) {
-  auto record = ThreeSizes();
-  SizeMap sizes = {{1, 1}};
+  auto unlisted = ThreeSizes();
+  sizes = {{1, 1}};
   crtest::LogCapture log;
-  EXPECT_EQ(record->GetUDCIDSizeList(sizes), CR_STATUS_INVALID_RECORD);
+  EXPECT_EQ(unlisted->GetUDCIDSizeList(sizes), CR_STATUS_INVALID_RECORD);
   ExpectLogged(log, CR_STATUS_INVALID_RECORD,
                "GetUDCIDSizeList: number of unique DCID can't be zero!");
   EXPECT_EQ(sizes, (SizeMap{{1, 1}}));
@@ -181,16 +164,8 @@ TEST(UniqueDCIDSizes, RecordWithoutListIsRefused) {
 
 const std::vector<uint8_t> kBitmap = crtest::PatternBitmap(6);
 // Offsets in a Bloom record: length word, bitmap, 16 reserved bytes, section.
-const size_t kBloomWord = kHeader;
-const size_t kBloomSection = kHeader + 4 + 6 + 16;
-
-std::unique_ptr<DORecord> BloomFromBitmap(const std::vector<UEntry>& entries,
-                                          unsigned long cid = 100) {
-  const std::vector<uint8_t> block = crtest::HostUniqueDcids(entries);
-  return std::make_unique<DORecord>(cid, 1, 1, 0, 10, 20, static_cast<unsigned int>(kBitmap.size()),
-                                    kBitmap.data(), reinterpret_cast<const char*>(block.data()), 1,
-                                    4);
-}
+const size_t kBloomWord = 80;
+const size_t kBloomSection = 80 + 4 + 6 + 16;
 
 std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries,
                                               unsigned long cid = 100) {
@@ -200,61 +175,58 @@ std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries
                                     form.size(), false);
 }
 
-TEST(BloomUniqueDCIDList, HostOrderListIsSortedAndDeduplicatedOnce) {
-  // A later entry of the same container replaces an earlier one.
-  auto record = BloomFromBitmap({{500, 1}, {70, 2}, {500, 3}});
-  SizeMap seen = {{1, 1}, {70, 9}};
-  EXPECT_EQ(record->AppendBloom(seen), CR_STATUS_SUCCESS);
-  EXPECT_EQ(seen, (SizeMap{{1, 1}, {70, 2}, {500, 3}}));
+TEST(BloomUniqueDCIDList, ListIsSortedDeduplicatedAndNormalizedOnce) {
+  struct Case {
+    const char* what;
+    std::unique_ptr<DORecord> record;
+    const char* word;  // the length word before normalizing
+    SizeMap seen, merged;
+    std::vector<UEntry> sorted;
+  };
+  Case cases[] = {
+      // A later entry of the same container replaces an earlier one.
+      {"host order", crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}, {500, 3}}), "06000000",
+       {{1, 1}, {70, 9}}, {{1, 1}, {70, 2}, {500, 3}}, {{70, 2}, {500, 3}}},
+      {"big-endian from the serialized form", BloomFromSerialized({{900, 7}, {80, 5}}),
+       "00000006", {{1, 1}, {80, 99}}, {{1, 1}, {80, 5}, {900, 7}}, {{80, 5}, {900, 7}}},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    DORecord& record = *c.record;
+    ASSERT_EQ(RecordHex(record, kBloomWord, 4), c.word);
+    EXPECT_EQ(record.AppendBloom(c.seen), CR_STATUS_SUCCESS);
+    EXPECT_EQ(c.seen, c.merged);
+    EXPECT_EQ(RecordHex(record, kBloomWord, 4), c.word);  // AppendBloom changes nothing
 
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(record->GetNudcid(), 2u);
-  EXPECT_EQ(record->GetHeaderSize(), kBloomSection + 40);
-  EXPECT_EQ(RecordHex(*record, kBloomWord, 4), "06000000");
-  EXPECT_EQ(RecordHex(*record, kBloomSection, 40), SectionImage({{70, 2}, {500, 3}}));
+    ASSERT_EQ(record.AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+    EXPECT_EQ(record.GetNudcid(), 2u);
+    EXPECT_EQ(record.GetHeaderSize(), kBloomSection + 40);
+    EXPECT_EQ(RecordHex(record, kBloomWord, 4), "06000000");
+    EXPECT_EQ(RecordHex(record, kBloomSection, 40), SectionImage(c.sorted));
 
-  const std::string once = WholeRecord(*record);
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(WholeRecord(*record), once);
-}
-
-TEST(BloomUniqueDCIDList, BigEndianListFromTheSerializedFormIsNormalizedOnce) {
-  auto record = BloomFromSerialized({{900, 7}, {80, 5}});
-  ASSERT_EQ(RecordHex(*record, kBloomWord, 4), "00000006");  // as it travelled
-
-  SizeMap seen = {{1, 1}, {80, 99}};
-  EXPECT_EQ(record->AppendBloom(seen), CR_STATUS_SUCCESS);
-  EXPECT_EQ(seen, (SizeMap{{1, 1}, {80, 5}, {900, 7}}));
-  EXPECT_EQ(RecordHex(*record, kBloomWord, 4), "00000006");  // AppendBloom changes nothing
-
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(RecordHex(*record, kBloomWord, 4), "06000000");
-  EXPECT_EQ(RecordHex(*record, kBloomSection, 40), SectionImage({{80, 5}, {900, 7}}));
-
-  const std::string once = WholeRecord(*record);
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(WholeRecord(*record), once);
-
-  SizeMap after;
-  EXPECT_EQ(record->AppendBloom(after), CR_STATUS_SUCCESS);
-  EXPECT_EQ(after, (SizeMap{{80, 5}, {900, 7}}));
+    const std::string once = WholeRecord(record);
+    ASSERT_EQ(record.AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+    EXPECT_EQ(WholeRecord(record), once);
+    SizeMap after;
+    EXPECT_EQ(record.AppendBloom(after), CR_STATUS_SUCCESS);
+    EXPECT_EQ(after, (SizeMap{{c.sorted[0].dcid, c.sorted[0].bytes},
+                              {c.sorted[1].dcid, c.sorted[1].bytes}}));
+  }
 }
 
 TEST(BloomUniqueDCIDList, SizesAreReadInTheListsOrder) {
   const unsigned long body = 4 + 6 + 16 + 40;
   auto big = BloomFromSerialized({{900, 7}, {80, 5}}, /*cid=*/80);
-  SizeMap sizes;
-  EXPECT_EQ(big->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
-  EXPECT_EQ(sizes, (SizeMap{{80, 5 + body}, {900, 7}}));
-
-  auto host = BloomFromBitmap({{900, 7}, {80, 5}}, /*cid=*/80);
-  sizes.clear();
-  EXPECT_EQ(host->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
-  EXPECT_EQ(sizes, (SizeMap{{80, 5 + body}, {900, 7}}));
+  auto host = crtest::BuildBloom(kBitmap, {{900, 7}, {80, 5}}, 1, 0, /*cid=*/80);
+  for (DORecord* record : {big.get(), host.get()}) {
+    SizeMap sizes;
+    EXPECT_EQ(record->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
+    EXPECT_EQ(sizes, (SizeMap{{80, 5 + body}, {900, 7}}));
+  }
 }
 
 TEST(BloomUniqueDCIDList, CountThatDisagreesWithTheHeaderIsRefused) {
-  auto record = BloomFromBitmap({{500, 1}, {70, 2}});
+  auto record = crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}});
   record->GetHeader()->nudcid = 1;
   const std::string before = WholeRecord(*record);
   crtest::LogCapture log;

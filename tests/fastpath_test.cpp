@@ -160,12 +160,17 @@ TEST(FastPathTest, EveryHexPathHandlesStridedFields) {
       const size_t count = 37, inStride = width + 12, outStride = 2 * width + 13;
       const std::vector<unsigned char> in = RandomBytes(rng, count * inStride);
       std::string text(count * outStride, '#');
-      crrecord::HexEncodeFields(in.data(), inStride, width, &text[0], outStride, count);
+      crrecord::HexEncodeFields(in.data(), inStride, width, &text[0], outStride, count, false);
       std::string expected(count * outStride, '#');
       for (size_t k = 0; k < count; ++k) {
         expected.replace(k * outStride, 2 * width, crtest::Hex(&in[k * inStride], width));
       }
       ASSERT_EQ(text, expected) << Name(path) << " width " << width;
+      // With NULs: one more byte per field, the rest untouched.
+      std::string terminated(count * outStride, '#');
+      crrecord::HexEncodeFields(in.data(), inStride, width, &terminated[0], outStride, count, true);
+      for (size_t k = 0; k < count; ++k) expected[k * outStride + 2 * width] = '\0';
+      ASSERT_EQ(terminated, expected) << Name(path) << " width " << width;
 
       // Field 20 gets a 'g' in its last digit: fields 0..19 come back, 21.. stay untouched.
       text[20 * outStride + 2 * width - 1] = 'g';
@@ -320,7 +325,7 @@ std::vector<crtest::Seg> ManySegments(size_t n, uint8_t fptype, uint32_t contain
   return segs;
 }
 
-uint64_t TotalSize(const std::vector<crtest::Seg>& segs) {
+uint64_t FileSizeOf(const std::vector<crtest::Seg>& segs) {
   uint64_t total = 0;
   for (const crtest::Seg& s : segs) total += s.size;
   return total;
@@ -329,17 +334,17 @@ uint64_t TotalSize(const std::vector<crtest::Seg>& segs) {
 // Every segment is at most this large, so that the list also suits DO type 1.
 constexpr uint64_t kSsize = 9001;
 
-std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype,
+std::unique_ptr<DORecord> BuildFromSegs(uint8_t dotype, uint8_t fptype,
                                 const std::vector<crtest::Seg>& segs) {
   const crtest::Bytes list = crtest::SegmentList(dotype, segs);
   std::vector<unsigned long> dcids;
   for (const crtest::Seg& s : segs) dcids.push_back(s.dcid);
-  return std::unique_ptr<DORecord>(new DORecord(900, TotalSize(segs), kSsize, 0x01020304, 7, 7,
+  return std::unique_ptr<DORecord>(new DORecord(900, FileSizeOf(segs), kSsize, 0x01020304, 7, 7,
                                                 list.data(), static_cast<unsigned int>(segs.size()),
                                                 dcids.data(), nullptr, fptype, dotype));
 }
 
-std::vector<uint8_t> SerializeOf(const DORecord& r, bool checksum) {
+std::vector<uint8_t> SerializedByRecord(const DORecord& r, bool checksum) {
   void* out = nullptr;
   unsigned long size = 0;
   EXPECT_EQ(r.Serialize(&out, &size, checksum), 0u);
@@ -357,11 +362,11 @@ TEST(RecordFastPathTest, SerializeOfManySegmentsMatchesTheLayout) {
   for (uint8_t fptype : {CR_FP_TYPE_MD5, CR_FP_TYPE_SHA256}) {
     for (uint8_t dotype : {CR_DO_TYPE_NO_SIZE, CR_DO_TYPE_8_BYTE_OFFSET, CR_DO_TYPE_4_BYTE_OFFSET}) {
       std::vector<crtest::Seg> segs = ManySegments(kMany, fptype, 50, fptype * 10 + dotype);
-      std::unique_ptr<DORecord> r = Build(dotype, fptype, segs);
+      std::unique_ptr<DORecord> r = BuildFromSegs(dotype, fptype, segs);
       const std::vector<uint8_t> plain =
-          crtest::SerializedDO(dotype, TotalSize(segs), kSsize, 0x01020304, segs);
-      EXPECT_EQ(SerializeOf(*r, false), plain) << "dotype " << unsigned{dotype};
-      EXPECT_EQ(SerializeOf(*r, true), crtest::Sealed(plain)) << "dotype " << unsigned{dotype};
+          crtest::SerializedDO(dotype, FileSizeOf(segs), kSsize, 0x01020304, segs);
+      EXPECT_EQ(SerializedByRecord(*r, false), plain) << "dotype " << unsigned{dotype};
+      EXPECT_EQ(SerializedByRecord(*r, true), crtest::Sealed(plain)) << "dotype " << unsigned{dotype};
     }
   }
 }
@@ -371,7 +376,7 @@ TEST(RecordFastPathTest, SerializeOfManySegmentsMatchesTheLayout) {
 TEST(RecordFastPathTest, ReaderNamesTheFirstBadFingerprintFieldAcrossPieces) {
   const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_MD5, 50, 1);
   const std::vector<uint8_t> good =
-      crtest::Sealed(crtest::SerializedDO(CR_DO_TYPE_8_BYTE_OFFSET, TotalSize(segs), 4096, 0, segs));
+      crtest::Sealed(crtest::SerializedDO(CR_DO_TYPE_8_BYTE_OFFSET, FileSizeOf(segs), 4096, 0, segs));
   const size_t entry = 33 + 12;
   struct Case {
     size_t badDigit, noNul;  // segment indexes; kMany for none
@@ -398,7 +403,7 @@ TEST(RecordFastPathTest, ReaderNamesTheFirstBadFingerprintFieldAcrossPieces) {
 TEST(RecordFastPathTest, ReaderRebuildsManySegments) {
   const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_SHA256, 50, 2);
   const std::vector<uint8_t> image =
-      crtest::SerializedDO(CR_DO_TYPE_4_BYTE_OFFSET, TotalSize(segs), 4096, 0, segs);
+      crtest::SerializedDO(CR_DO_TYPE_4_BYTE_OFFSET, FileSizeOf(segs), 4096, 0, segs);
   DORecord r(CR_DO_TYPE_4_BYTE_OFFSET, 2, 900, CR_FP_TYPE_SHA256, nullptr, 0, image.data(),
              image.size(), false);
   const crtest::Bytes list = crtest::SegmentList(CR_DO_TYPE_4_BYTE_OFFSET, segs);
@@ -412,7 +417,7 @@ TEST(RecordFastPathTest, ReaderRebuildsManySegments) {
 // the failure its passes meet first, not the first by position.
 TEST(RecordFastPathTest, CheckReportsTheFirstPassThatFails) {
   std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_MD5, 50, 3);
-  const uint64_t total = TotalSize(segs);
+  const uint64_t total = FileSizeOf(segs);
   segs[1400].offset -= 1;       // overlaps segment 1399: the order pass
   segs[1450].size = 0x80000000;  // > 2 GiB: the size pass, which runs first
   std::vector<unsigned long> dcids;
@@ -431,7 +436,7 @@ TEST(RecordFastPathTest, CheckReportsTheFirstPassThatFails) {
 
   // The same list without the huge size, checked again in network order.
   segs[1450].size = 100;
-  std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5,
+  std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5,
                                       ManySegments(kMany, CR_FP_TYPE_MD5, 50, 3));
   const crtest::Bytes bad = crtest::SegmentList(CR_DO_TYPE_8_BYTE_OFFSET, segs);
   std::memcpy(const_cast<unsigned char*>(r->GetSegmentFP(0)), bad.data(), bad.size());
@@ -453,7 +458,7 @@ TEST(RecordFastPathTest, CheckReportsTheFirstPassThatFails) {
 std::string ExpectedText(const DORecord& r, const std::vector<crtest::Seg>& segs, bool hex) {
   std::ostringstream os;
   if (hex) os << std::hex;
-  os << 3 << ',' << 1 << ',' << 2 << ',' << 900 << ',' << TotalSize(segs) << ',' << kSsize << ','
+  os << 3 << ',' << 1 << ',' << 2 << ',' << 900 << ',' << FileSizeOf(segs) << ',' << kSsize << ','
      << 0x01020304 << ',' << 7 << ',' << r.GetMTime() << ',' << 1 << ',' << 3 << ','
      << segs.size() << ",[";
   std::string text = os.str();
@@ -474,7 +479,7 @@ std::string ExpectedText(const DORecord& r, const std::vector<crtest::Seg>& segs
 
 TEST(RecordFastPathTest, TextFormOfManySegmentsInDecimalAndInHex) {
   const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_MD5, 50, 4);
-  std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5, segs);
+  std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5, segs);
   std::ostringstream decimal;
   r->ToStream(decimal, false);
   EXPECT_EQ(decimal.str(), ExpectedText(*r, segs, false));
@@ -492,7 +497,7 @@ TEST(RecordFastPathTest, UniqueDCIDListOfThousandsOfContainers) {
         ManySegments(20000, CR_FP_TYPE_MD5, containers, containers);
     std::map<uint64_t, uint64_t> expected;
     for (const crtest::Seg& s : segs) expected[s.dcid] += s.size;
-    std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_NO_OFFSET, CR_FP_TYPE_MD5, segs);
+    std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_NO_OFFSET, CR_FP_TYPE_MD5, segs);
     ASSERT_EQ(r->AppendBloomAndUniqueDCIDList(), 0u);
     ASSERT_EQ(r->GetNudcid(), expected.size());
     crtest::Bytes body;
@@ -511,7 +516,7 @@ TEST(RecordFastPathTest, UniqueDCIDListOfThousandsOfContainers) {
 // layer's own calls.
 TEST(RecordFastPathTest, DigestOfManySegmentsHashesTheWholeBlock) {
   const std::vector<crtest::Seg> segs = ManySegments(kMany, CR_FP_TYPE_SHA256, 50, 5);
-  std::unique_ptr<DORecord> r = Build(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_SHA256, segs);
+  std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_SHA256, segs);
   crtest::Bytes block;
   for (const crtest::Seg& s : segs) {
     block.str(crtest::Hex(s.fp.data(), 32)).u8(0).be32(s.size).be64(s.offset);

@@ -35,7 +35,16 @@ std::vector<unsigned char> Evp(const EVP_MD* md, const void* data, size_t n) {
   return out;
 }
 
-cr_status_t Errno() { return *__cr_errno_location(); }
+// The status word a refused call leaves, or 0 if the call was not refused;
+// the word is cleared before and after.
+template <typename F>
+cr_status_t Refused(F call) {
+  *__cr_errno_location() = 0;
+  const bool refused = call();
+  const cr_status_t status = *__cr_errno_location();
+  *__cr_errno_location() = 0;
+  return refused ? status : 0;
+}
 
 // A copy on the heap of exactly the text's bytes, no NUL, so that a read past
 // the length is an over-read the sanitizer reports.
@@ -104,68 +113,39 @@ TEST(PlatformFingerprint, DODigestIsTheLabelledHashOfTheInnerHash) {
 TEST(PlatformFingerprint, ContextStatesAreChecked) {
   crfp_ctx_t ctx;
   crfp_digest_t d;
-  *__cr_errno_location() = 0;
   ASSERT_EQ(CRFPInitialize(&ctx, 3), 0);
-  EXPECT_EQ(CRFPGetDigest_r(&ctx, &d), nullptr);
-  EXPECT_EQ(Errno(), 9u);
-
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPAppend(&ctx, nullptr, 4), -1);
-  EXPECT_EQ(Errno(), 65u);
-
+  EXPECT_EQ(Refused([&] { return CRFPGetDigest_r(&ctx, &d) == nullptr; }), 9u);
+  EXPECT_EQ(Refused([&] { return CRFPAppend(&ctx, nullptr, 4) == -1; }), 65u);
   ASSERT_EQ(CRFPFinalize(&ctx), 0);
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPAppend(&ctx, "x", 1), -1);
-  EXPECT_EQ(Errno(), 9u);
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPFinalizeDO(&ctx), -1);
-  EXPECT_EQ(Errno(), 9u);
-
+  EXPECT_EQ(Refused([&] { return CRFPAppend(&ctx, "x", 1) == -1; }), 9u);
+  EXPECT_EQ(Refused([&] { return CRFPFinalizeDO(&ctx) == -1; }), 9u);
   for (unsigned char bad : {0, 4, 255}) {
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRFPInitialize(&ctx, bad), -1);
-    EXPECT_EQ(Errno(), 9u);
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRFPAppend(&ctx, "x", 1), -1);  // the earlier finalized state is gone
-    EXPECT_EQ(Errno(), 9u);
-    EXPECT_EQ(CRFPGetDigest_r(&ctx, &d), nullptr);
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRFPCompute(bad, "x", 1, &d), -1);
-    EXPECT_EQ(Errno(), 9u);
+    EXPECT_EQ(Refused([&] { return CRFPInitialize(&ctx, bad) == -1; }), 9u);
+    // The earlier finalized state is gone.
+    EXPECT_EQ(Refused([&] { return CRFPAppend(&ctx, "x", 1) == -1; }), 9u);
+    EXPECT_EQ(Refused([&] { return CRFPGetDigest_r(&ctx, &d) == nullptr; }), 9u);
+    EXPECT_EQ(Refused([&] { return CRFPCompute(bad, "x", 1, &d) == -1; }), 9u);
   }
-
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPInitialize(nullptr, 1), -1);
-  EXPECT_EQ(Errno(), 65u);
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPCompute(1, "x", 1, nullptr), -1);
-  EXPECT_EQ(Errno(), 65u);
-  *__cr_errno_location() = 0;
+  EXPECT_EQ(Refused([&] { return CRFPInitialize(nullptr, 1) == -1; }), 65u);
+  EXPECT_EQ(Refused([&] { return CRFPCompute(1, "x", 1, nullptr) == -1; }), 65u);
 }
 
+// Too little room writes nothing; no such type is refused.
 TEST(PlatformFingerprint, DigestTextIsLowerCaseHexThatMustFit) {
   crfp_digest_t d;
   for (int i = 0; i < 32; ++i) d.digest[i] = static_cast<unsigned char>(0xA0 + i * 3);
   const std::string hex32 = crtest::Hex(d.digest, 32);
-
   char buf[70];
   ASSERT_EQ(CRFPDigestToString_r(&d, 3, buf, 65), buf);
   EXPECT_EQ(std::string(buf), hex32);
   std::memset(buf, '#', sizeof buf);
   ASSERT_EQ(CRFPDigestToString_r(&d, 1, buf, 33), buf);
-  EXPECT_EQ(std::string(buf), hex32.substr(0, 32));
-  EXPECT_EQ(buf[33], '#');
-
+  EXPECT_EQ(std::string(buf, 34), hex32.substr(0, 32) + std::string("\0#", 2));
   std::memset(buf, '#', sizeof buf);
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPDigestToString_r(&d, 3, buf, 64), nullptr);
-  EXPECT_EQ(Errno(), 122u);
-  EXPECT_EQ(CRFPDigestToString_r(&d, 2, buf, 32), nullptr);
+  EXPECT_EQ(Refused([&] { return CRFPDigestToString_r(&d, 3, buf, 64) == nullptr; }), 122u);
+  EXPECT_EQ(Refused([&] { return CRFPDigestToString_r(&d, 2, buf, 32) == nullptr; }), 122u);
   EXPECT_EQ(buf[0], '#');
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRFPDigestToString_r(&d, 0, buf, sizeof buf), nullptr);
-  EXPECT_EQ(Errno(), 9u);
-  *__cr_errno_location() = 0;
+  EXPECT_EQ(Refused([&] { return CRFPDigestToString_r(&d, 0, buf, sizeof buf) == nullptr; }), 9u);
 }
 
 TEST(PlatformFingerprint, TextParsesBackInEitherCase) {
@@ -190,17 +170,13 @@ TEST(PlatformFingerprint, BadTextIsRefusedWithoutReadingPastTheLength) {
   auto refused = [&](const std::string& s, size_t length, unsigned char type, cr_status_t status) {
     auto text = Exact(s);
     d = before;
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRFPStringToDigest_r(text.get(), length, type, &d), nullptr) << s;
-    EXPECT_EQ(Errno(), status) << s;
+    EXPECT_EQ(Refused([&] { return CRFPStringToDigest_r(text.get(), length, type, &d) == nullptr; }),
+              status) << s;
     EXPECT_EQ(std::memcmp(&d, &before, sizeof d), 0) << s;
   };
-  for (size_t n : {0u, 1u, 30u, 31u, 33u, 64u}) {
-    std::string s = (good + good + good).substr(0, n);
-    refused(s, n, 1, 121);
-  }
-  refused(good, 32, 3, 121);   // the 32-byte type needs 64 digits
-  refused(good, 32, 0, 9);     // no such type
+  for (size_t n : {0u, 1u, 30u, 31u, 33u, 64u}) refused((good + good).substr(0, n), n, 1, 121);
+  refused(good, 32, 3, 121);  // the 32-byte type needs 64 digits
+  refused(good, 32, 0, 9);    // no such type
   for (size_t pos = 0; pos < good.size(); ++pos) {
     for (char bad : {'g', 'G', '/', ':', '@', '`', ' ', '\0', '\x80', '\xff'}) {
       std::string s = good;
@@ -208,7 +184,6 @@ TEST(PlatformFingerprint, BadTextIsRefusedWithoutReadingPastTheLength) {
       refused(s, 32, 2, 121);
     }
   }
-  *__cr_errno_location() = 0;
 }
 
 TEST(PlatformFingerprint, HexCodecCoversEveryByteAndCharacter) {

@@ -15,54 +15,52 @@
 
 namespace {
 
+// Each captured line as "<level>/<status>: <text>".
+std::vector<std::string> Lines(const crtest::LogCapture& log) {
+  std::vector<std::string> out;
+  for (const crtest::LogLine& l : log.lines()) {
+    out.push_back(std::to_string(l.level) + "/" + std::to_string(l.status) + ": " + l.text);
+  }
+  return out;
+}
+
+std::string Line(cr_log_level_t level, cr_status_t status, const std::string& text) {
+  return std::to_string(level) + "/" + std::to_string(status) + ": " + text;
+}
+
 TEST(PlatformStatus, ExceptionCarriesStatusAndExactMessage) {
   EXPECT_EQ(Cr_ErrnoException(9).GetStatus(), 9u);
   EXPECT_STREQ(Cr_ErrnoException(9).what(), "");
   EXPECT_STREQ(Cr_ErrnoException(32, "invalid fptype for DO", nullptr).what(),
                "invalid fptype for DO");
   EXPECT_STREQ(Cr_ErrnoException(32, static_cast<const char*>(nullptr), nullptr).what(), "");
-
   std::ostringstream os;
   os << "segment " << 3 << " of " << 7;
   Cr_ErrnoException fromOstream(89, os, nullptr);
   EXPECT_EQ(fromOstream.GetStatus(), 89u);
   EXPECT_STREQ(fromOstream.what(), "segment 3 of 7");
-
   std::stringstream ss;
   ss << "size " << 4096u;
   EXPECT_STREQ(Cr_ErrnoException(22, ss, nullptr).what(), "size 4096");
 }
 
+// The last message may itself be logged again; long messages are cut to
+// the 1024-byte buffer.
 TEST(PlatformStatus, ErrorAndWarningReachTheSinkAndBecomeTheLastMessage) {
   crtest::LogCapture log;
   ErrorA(9, "%s: bad kind %d", "CheckTRef", 12);
   EXPECT_STREQ(qorLogLastMessageA(), "CheckTRef: bad kind 12");
   WarningA(72, "not found %u", 5u);
   EXPECT_STREQ(qorLogLastMessageA(), "not found 5");
-
-  ASSERT_EQ(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-  EXPECT_EQ(log.lines()[0].status, 9u);
-  EXPECT_EQ(log.lines()[0].text, "CheckTRef: bad kind 12");
-  EXPECT_EQ(log.lines()[1].level, CR_LOG_WARNING);
-  EXPECT_EQ(log.lines()[1].status, 72u);
-  EXPECT_EQ(log.lines()[1].text, "not found 5");
-}
-
-TEST(PlatformStatus, LoggingTheLastMessageItselfIsSafe) {
-  crtest::LogCapture log;
-  ErrorA(9, "first");
   ErrorA(9, "again: %s", qorLogLastMessageA());
-  EXPECT_STREQ(qorLogLastMessageA(), "again: first");
-}
-
-TEST(PlatformStatus, LongMessagesAreCutToTheBuffer) {
-  crtest::LogCapture log;
-  std::string longText(3000, 'x');
-  ErrorA(9, "%s", longText.c_str());
+  EXPECT_STREQ(qorLogLastMessageA(), "again: not found 5");
+  ErrorA(9, "%s", std::string(3000, 'x').c_str());
   EXPECT_EQ(std::string(qorLogLastMessageA()), std::string(1023, 'x'));
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].text.size(), 1023u);
+  EXPECT_EQ(Lines(log), (std::vector<std::string>{
+                            Line(CR_LOG_ERROR, 9, "CheckTRef: bad kind 12"),
+                            Line(CR_LOG_WARNING, 72, "not found 5"),
+                            Line(CR_LOG_ERROR, 9, "again: not found 5"),
+                            Line(CR_LOG_ERROR, 9, std::string(1023, 'x'))}));
 }
 
 TEST(PlatformStatus, TraceLinesFollowTheSwitchAndLeaveTheLastMessage) {
@@ -71,19 +69,25 @@ TEST(PlatformStatus, TraceLinesFollowTheSwitchAndLeaveTheLastMessage) {
   ErrorA(9, "kept");
   CR_TRACE("hidden %d", 1);
   __Trace("hidden %d", 2);
-  EXPECT_EQ(log.lines().size(), 1u);
-
   CRTraceSet(true);
   EXPECT_TRUE(TraceOn());
   CR_TRACE("offset %lu: %s", 40ul, "truncated input");
-  ASSERT_EQ(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines()[1].level, CR_LOG_TRACE);
-  EXPECT_EQ(log.lines()[1].status, 0u);
-  EXPECT_EQ(log.lines()[1].text, "offset 40: truncated input");
+  EXPECT_EQ(Lines(log), (std::vector<std::string>{
+                            Line(CR_LOG_ERROR, 9, "kept"),
+                            Line(CR_LOG_TRACE, 0, "offset 40: truncated input")}));
   EXPECT_STREQ(qorLogLastMessageA(), "kept");
 }
 
+// Resetting the sink stops delivery to the old one: lines go to stderr.
 TEST(PlatformStatus, DefaultSinkWritesOneLineOnStderr) {
+  {
+    crtest::LogCapture log;
+    ErrorA(9, "captured");
+    ASSERT_EQ(log.texts(), std::vector<std::string>{"captured"});
+  }
+  testing::internal::CaptureStderr();
+  ErrorA(9, "after");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "crrecord: error 9: after\n");
   CRLogSetSink(nullptr, nullptr);
   CRTraceSet(true);
   testing::internal::CaptureStderr();
@@ -95,40 +99,24 @@ TEST(PlatformStatus, DefaultSinkWritesOneLineOnStderr) {
   EXPECT_EQ(out, "crrecord: error 9: boom 1\ncrrecord: warning 72: gone\ncrrecord: trace: step 2\n");
 }
 
-TEST(PlatformStatus, ResettingTheSinkStopsDeliveryToTheOldOne) {
-  std::string seen;
-  {
-    crtest::LogCapture log;
-    ErrorA(9, "captured");
-    ASSERT_EQ(log.texts(), std::vector<std::string>{"captured"});
-  }
-  testing::internal::CaptureStderr();
-  ErrorA(9, "after");
-  seen = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(seen, "crrecord: error 9: after\n");
-}
-
 TEST(PlatformStatus, LastMessageAndStatusWordArePerThread) {
   crtest::LogCapture log;
   ErrorA(9, "main thread");
   *__cr_errno_location() = 9;
-
-  std::string otherBefore, otherAfter;
-  cr_status_t otherStatusBefore = 1, otherStatusAfter = 1;
+  std::string before, after;
+  cr_status_t statusBefore = 1, statusAfter = 1;
   std::thread other([&] {
-    otherBefore = qorLogLastMessageA();
-    otherStatusBefore = *__cr_errno_location();
+    before = qorLogLastMessageA();
+    statusBefore = *__cr_errno_location();
     ErrorA(22, "other thread");
     *__cr_errno_location() = 65;
-    otherAfter = qorLogLastMessageA();
-    otherStatusAfter = *__cr_errno_location();
+    after = qorLogLastMessageA();
+    statusAfter = *__cr_errno_location();
   });
   other.join();
-
-  EXPECT_EQ(otherBefore, "");
-  EXPECT_EQ(otherStatusBefore, 0u);
-  EXPECT_EQ(otherAfter, "other thread");
-  EXPECT_EQ(otherStatusAfter, 65u);
+  EXPECT_EQ(before + "|" + after, "|other thread");
+  EXPECT_EQ(statusBefore, 0u);
+  EXPECT_EQ(statusAfter, 65u);
   EXPECT_STREQ(qorLogLastMessageA(), "main thread");
   EXPECT_EQ(*__cr_errno_location(), 9u);
   *__cr_errno_location() = 0;
@@ -136,16 +124,12 @@ TEST(PlatformStatus, LastMessageAndStatusWordArePerThread) {
 
 TEST(PlatformStatus, MapErrorTranslatesErrnoWithoutLogging) {
   crtest::LogCapture log;
-  errno = ENOMEM;
-  EXPECT_EQ(_crMapError("Serialize", "DORecord", 10), 22u);
-  errno = 0;
-  EXPECT_EQ(_crMapError("Serialize", "DORecord", 10), 22u);
-  errno = EINVAL;
-  EXPECT_EQ(_crMapError("Serialize", "DORecord", 10), 9u);
-  errno = EACCES;
-  cr_status_t access = _crMapError("SegmentRecordSerialize", "SOmarshall", 20);
-  EXPECT_EQ(access, 1000u + EACCES);
-  EXPECT_STREQ(CRStatusToStringA(access), "Permission denied");
+  for (auto c : {std::make_pair(ENOMEM, 22u), std::make_pair(0, 22u), std::make_pair(EINVAL, 9u),
+                 std::make_pair(EACCES, 1000u + EACCES)}) {
+    errno = c.first;
+    EXPECT_EQ(_crMapError("SegmentRecordSerialize", "SOmarshall", 20), c.second) << c.first;
+  }
+  EXPECT_STREQ(CRStatusToStringA(1000u + EACCES), "Permission denied");
   EXPECT_TRUE(log.lines().empty());
 }
 
@@ -171,20 +155,17 @@ TEST(PlatformStatus, EveryStatusHasItsTextAndOthersAreUnknown) {
   }
 }
 
+// Cut with a terminator, an exact fit, no room (nothing written), and null
+// arguments.
 TEST(PlatformStatus, BoundedCopyCutsAndTerminates) {
   char buf[8];
   std::memset(buf, '#', sizeof buf);
   EXPECT_EQ(qorstrcpy(buf, "abcdefghij", 5), buf);
   EXPECT_EQ(std::string(buf, 6), std::string("abcd\0#", 6));
-
-  std::memset(buf, '#', sizeof buf);
-  qorstrcpy(buf, "abcdefg", sizeof buf);  // exactly fits
-  EXPECT_STREQ(buf, "abcdefg");
-
-  std::memset(buf, '#', sizeof buf);
   EXPECT_EQ(qorstrcpy(buf, "abc", 0), buf);
-  EXPECT_EQ(buf[0], '#');
-
+  EXPECT_EQ(buf[0], 'a');
+  qorstrcpy(buf, "abcdefg", sizeof buf);
+  EXPECT_STREQ(buf, "abcdefg");
   EXPECT_EQ(qorstrcpy(nullptr, "abc", 4), nullptr);
   qorstrcpy(buf, nullptr, sizeof buf);
   EXPECT_STREQ(buf, "");

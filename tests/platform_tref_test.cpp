@@ -18,7 +18,16 @@ struct RefDeleter {
 };
 using Ref = std::unique_ptr<_cr_tref_t, RefDeleter>;
 
-cr_status_t Errno() { return *__cr_errno_location(); }
+// The status word a refused call leaves, or 0 if the call was not refused;
+// the word is cleared before and after.
+template <typename F>
+cr_status_t Refused(F call) {
+  *__cr_errno_location() = 0;
+  const bool refused = call();
+  const cr_status_t status = *__cr_errno_location();
+  *__cr_errno_location() = 0;
+  return refused ? status : 0;
+}
 
 // A heap copy of exactly n bytes, so that a read past n is an over-read the
 // sanitizer reports.
@@ -40,20 +49,16 @@ std::string Text(const _cr_tref_t* ref) {
   return CRTRefToString(buf, sizeof buf, ref);
 }
 
+// A task ID read from a payload that is not 8 bytes takes its first bytes.
 TEST(PlatformTRef, TaskIDsAndDSIDsAreStoredBigEndian) {
-  Ref task(CRTRefNewTaskID(0x0102030405060708ul));
-  ASSERT_TRUE(task);
+  Ref task(CRTRefNewTaskID(0x0102030405060708ul)), dsid(CRTRefNewDSID(0xDEADBEEFu));
+  ASSERT_TRUE(task && dsid);
   EXPECT_EQ(CRTRefGetType(task.get()), CR_TREF_TYPE_TASKID);
+  EXPECT_EQ(CRTRefGetType(dsid.get()), CR_TREF_TYPE_DSID);
   EXPECT_EQ(CRTRefGetTaskID(task.get()), 0x0102030405060708ul);
   EXPECT_EQ(Serialized(task.get(), 1), crtest::Bytes().u8(2).u8(8).be64(0x0102030405060708ul).vec());
-  EXPECT_EQ(Text(task.get()), "taskid:72623859790382856");
-
-  Ref dsid(CRTRefNewDSID(0xDEADBEEFu));
-  ASSERT_TRUE(dsid);
-  EXPECT_EQ(CRTRefGetType(dsid.get()), CR_TREF_TYPE_DSID);
   EXPECT_EQ(Serialized(dsid.get(), 1), crtest::Bytes().u8(4).u8(4).be32(0xDEADBEEFu).vec());
-  EXPECT_EQ(Text(dsid.get()), "dsid:3735928559");
-
+  EXPECT_EQ(Text(task.get()) + " " + Text(dsid.get()), "taskid:72623859790382856 dsid:3735928559");
   const uint8_t three[] = {1, 2, 3};
   Ref shortTask(CRTRefNew(CR_TREF_TYPE_TASKID, three, sizeof three));
   EXPECT_EQ(CRTRefGetTaskID(shortTask.get()), 0x010203ul);
@@ -86,26 +91,21 @@ TEST(PlatformTRef, EveryKindRoundTripsInBothModes) {
       EXPECT_TRUE(CRTRefEqual(ref.get(), back.get()));
       EXPECT_EQ(CRTRefCompare(ref.get(), back.get()), 0);
 
-      std::string text;
-      if (kind == 2 && len == 8) {
-        text = "taskid:" + std::to_string(CRTRefGetTaskID(ref.get()));
-      } else if (kind == 4 && len == 4) {
-        text = "dsid:" + std::to_string(CRTRefGetTaskID(ref.get()));
-      } else {
-        text = "tref" + std::to_string(kind) + ":" + crtest::Hex(payload.data(), len);
-      }
+      const std::string text =
+          kind == 2 && len == 8   ? "taskid:" + std::to_string(CRTRefGetTaskID(ref.get()))
+          : kind == 4 && len == 4 ? "dsid:" + std::to_string(CRTRefGetTaskID(ref.get()))
+                                  : "tref" + std::to_string(kind) + ":" + crtest::Hex(payload.data(), len);
       std::vector<uint8_t> txt = Serialized(ref.get(), 0);
       EXPECT_EQ(std::string(txt.begin(), txt.end()), text + std::string(1, '\0'));
       EXPECT_EQ(CRTRefSerializedSize(ref.get(), 0), text.size() + 1);
       EXPECT_LE(txt.size(), size_t{CR_TREF_TEXT_SIZE});
       EXPECT_EQ(Text(ref.get()), text);
 
-      *__cr_errno_location() = 0;
-      EXPECT_EQ(CRTRefNewDeserialize(txt.data(), txt.size(), 0, &consumed), nullptr);
-      EXPECT_EQ(Errno(), 121u);
+      EXPECT_EQ(Refused([&] {
+                  return !CRTRefNewDeserialize(txt.data(), txt.size(), 0, &consumed);
+                }), 121u);
     }
   }
-  *__cr_errno_location() = 0;
 }
 
 TEST(PlatformTRef, EveryTruncationIsRefusedWithoutReadingPast) {
@@ -114,9 +114,8 @@ TEST(PlatformTRef, EveryTruncationIsRefusedWithoutReadingPast) {
   for (size_t left = 0; left < enc.size(); ++left) {
     auto exact = Exact(enc.data(), left);
     unsigned long consumed = 99;
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRTRefNewDeserialize(exact.get(), left, 1, &consumed), nullptr) << left;
-    EXPECT_EQ(Errno(), 120u) << left;
+    EXPECT_EQ(Refused([&] { return !CRTRefNewDeserialize(exact.get(), left, 1, &consumed); }),
+              120u) << left;
     EXPECT_EQ(consumed, 0u) << left;
   }
   // Bytes after the reference belong to the next one.
@@ -125,7 +124,6 @@ TEST(PlatformTRef, EveryTruncationIsRefusedWithoutReadingPast) {
   Ref ref(CRTRefNewDeserialize(enc.data(), enc.size(), 1, &consumed));
   ASSERT_TRUE(ref);
   EXPECT_EQ(consumed, 34u);
-  *__cr_errno_location() = 0;
 }
 
 TEST(PlatformTRef, MalformedHeadersAndMissingArgumentsAreRefused) {
@@ -133,23 +131,15 @@ TEST(PlatformTRef, MalformedHeadersAndMissingArgumentsAreRefused) {
   for (const Case& c : {Case{11, 1}, Case{255, 4}, Case{3, 0}, Case{3, 33}, Case{3, 255}}) {
     std::vector<uint8_t> enc = crtest::Bytes().u8(c.kind).u8(c.length).zeros(40).vec();
     unsigned long consumed = 99;
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRTRefNewDeserialize(enc.data(), enc.size(), 1, &consumed), nullptr);
-    EXPECT_EQ(Errno(), 121u) << int(c.kind) << "/" << int(c.length);
+    EXPECT_EQ(Refused([&] { return !CRTRefNewDeserialize(enc.data(), enc.size(), 1, &consumed); }),
+              121u) << int(c.kind) << "/" << int(c.length);
     EXPECT_EQ(consumed, 0u);
   }
   const uint8_t ok[] = {1, 1, 0};
   unsigned long consumed = 0;
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRTRefNewDeserialize(nullptr, 3, 1, &consumed), nullptr);
-  EXPECT_EQ(Errno(), 65u);
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRTRefNewDeserialize(ok, 3, 1, nullptr), nullptr);
-  EXPECT_EQ(Errno(), 65u);
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRTRefNewDeserialize(ok, 3, 2, &consumed), nullptr);
-  EXPECT_EQ(Errno(), 9u);
-  *__cr_errno_location() = 0;
+  EXPECT_EQ(Refused([&] { return !CRTRefNewDeserialize(nullptr, 3, 1, &consumed); }), 65u);
+  EXPECT_EQ(Refused([&] { return !CRTRefNewDeserialize(ok, 3, 1, nullptr); }), 65u);
+  EXPECT_EQ(Refused([&] { return !CRTRefNewDeserialize(ok, 3, 2, &consumed); }), 9u);
 }
 
 TEST(PlatformTRef, NewRefusesBadKindsAndPayloads) {
@@ -157,13 +147,13 @@ TEST(PlatformTRef, NewRefusesBadKindsAndPayloads) {
   struct Case { unsigned kind; const void* p; size_t len; };
   for (const Case& c : {Case{11, payload, 1}, Case{0xFFFFFFFFu, payload, 1}, Case{1, payload, 0},
                         Case{1, payload, 33}, Case{1, nullptr, 4}}) {
-    *__cr_errno_location() = 0;
-    EXPECT_EQ(CRTRefNew(static_cast<cr_reftype_t>(c.kind), c.p, c.len), nullptr);
-    EXPECT_EQ(Errno(), 9u) << c.kind << "/" << c.len;
+    EXPECT_EQ(Refused([&] { return !CRTRefNew(static_cast<cr_reftype_t>(c.kind), c.p, c.len); }),
+              9u) << c.kind << "/" << c.len;
   }
-  *__cr_errno_location() = 0;
 }
 
+// Too little room writes nothing, in both modes; the buffer is cut to with
+// a terminator.
 TEST(PlatformTRef, SerializeRefusesTooLittleRoomAndWritesNothing) {
   Ref ref(CRTRefNewTaskID(123456789ul));
   for (int mode : {0, 1}) {
@@ -171,28 +161,19 @@ TEST(PlatformTRef, SerializeRefusesTooLittleRoomAndWritesNothing) {
     ASSERT_EQ(size, mode == 1 ? 10u : std::string("taskid:123456789").size() + 1);
     for (size_t room = 0; room < size; ++room) {
       std::vector<uint8_t> out(size, 0xEE);
-      *__cr_errno_location() = 0;
-      EXPECT_EQ(CRTRefSerialize(out.data(), room, ref.get(), mode), 0u);
-      EXPECT_EQ(Errno(), 122u);
+      EXPECT_EQ(Refused([&] { return CRTRefSerialize(out.data(), room, ref.get(), mode) == 0; }),
+                122u);
       EXPECT_EQ(out, std::vector<uint8_t>(size, 0xEE));
     }
   }
-  char buf[4];
-  *__cr_errno_location() = 0;
-  EXPECT_EQ(CRTRefSerialize(buf, sizeof buf, nullptr, 1), 0u);
-  EXPECT_EQ(Errno(), 65u);
-  *__cr_errno_location() = 0;
-}
-
-TEST(PlatformTRef, ToStringCutsToTheBuffer) {
-  Ref ref(CRTRefNewDSID(42));
   char buf[8];
+  EXPECT_EQ(Refused([&] { return CRTRefSerialize(buf, sizeof buf, nullptr, 1) == 0; }), 65u);
+  Ref dsid(CRTRefNewDSID(42));
   std::memset(buf, '#', sizeof buf);
-  EXPECT_EQ(CRTRefToString(buf, 5, ref.get()), buf);
-  EXPECT_EQ(std::string(buf, 6), std::string("dsid\0#", 6));
-  std::memset(buf, '#', sizeof buf);
-  EXPECT_EQ(CRTRefToString(buf, 0, ref.get()), buf);
+  EXPECT_EQ(CRTRefToString(buf, 0, dsid.get()), buf);
   EXPECT_EQ(buf[0], '#');
+  EXPECT_EQ(CRTRefToString(buf, 5, dsid.get()), buf);
+  EXPECT_EQ(std::string(buf, 6), std::string("dsid\0#", 6));
 }
 
 TEST(PlatformTRef, OrderIsKindThenLengthThenBytes) {
@@ -223,7 +204,7 @@ TEST(PlatformTRef, OrderIsKindThenLengthThenBytes) {
   EXPECT_EQ(CRTRefCompare(nullptr, nullptr), 0);
 }
 
-TEST(PlatformTRef, DupIsEqualAndIndependentAndDeleteNulls) {
+TEST(PlatformTRef, DupIsIndependentAndDeletesNullTheirPointers) {
   _cr_tref_t* original = CRTRefNewTaskID(77);
   _cr_tref_t* copy = CRTRefDup(original);
   ASSERT_NE(copy, nullptr);
@@ -235,9 +216,7 @@ TEST(PlatformTRef, DupIsEqualAndIndependentAndDeleteNulls) {
   CRTRefDelete(&copy);  // already null
   CRTRefDelete(nullptr);
   EXPECT_EQ(CRTRefGetType(nullptr), CR_TREF_TYPE_END);
-}
 
-TEST(PlatformTRef, DigestObjectKeepsItsFields) {
   crfp_digest_t d;
   for (int i = 0; i < 32; ++i) d.digest[i] = static_cast<unsigned char>(i);
   cr_tdigest_t* t = CRTDigestNewFull(4, &d, 0x1234567890ul);

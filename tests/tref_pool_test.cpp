@@ -10,6 +10,9 @@ namespace {
 
 typedef boost::intrusive_ptr<Cr_TRef> TRefPtr;
 
+// A freed chunk is handed out again; more than the first block of 32 chunks
+// makes the pool take further blocks. The sanitizer reports a double release
+// or a leak.
 TEST(TRefObject, SharedOwnershipReleasesOnceWithTheLastHolder) {
   TRefPtr a(new Cr_TRef(42ul));
   EXPECT_EQ(a->UseCount(), 1u);
@@ -20,10 +23,9 @@ TEST(TRefObject, SharedOwnershipReleasesOnceWithTheLastHolder) {
     EXPECT_EQ(b->UseCount(), 1u);
     EXPECT_EQ(CRTRefGetTaskID(b->Get()), 42u);  // still alive
   }
-  // A freed chunk is handed out again by the pool.
-  Cr_TRef* raw = new Cr_TRef(7u);
-  TRefPtr c(raw);
-  EXPECT_EQ(CRTRefGetType(c->Get()), CR_TREF_TYPE_DSID);
+  std::vector<TRefPtr> refs;
+  for (unsigned long i = 0; i < 1000; ++i) refs.emplace_back(new Cr_TRef(i));
+  for (unsigned long i = 0; i < 1000; ++i) EXPECT_EQ(CRTRefGetTaskID(refs[i]->Get()), i);
 }
 
 TEST(TRefObject, ConstructorsMakeTheirKinds) {
@@ -56,14 +58,6 @@ TEST(TRefObject, ComparatorOrdersBySetAndDropsEquals) {
   // Larger numbers sort after smaller ones whatever their byte patterns.
   EXPECT_TRUE(Cr_TRefComparator()(TRefPtr(new Cr_TRef(255ul)), TRefPtr(new Cr_TRef(256ul))));
   EXPECT_FALSE(Cr_TRefComparator()(TRefPtr(new Cr_TRef(256ul)), TRefPtr(new Cr_TRef(256ul))));
-}
-
-TEST(TRefObject, PoolServesManyObjectsAcrossBlocks) {
-  // More than the first block of 32 chunks: the pool takes further blocks.
-  std::vector<TRefPtr> refs;
-  for (unsigned long i = 0; i < 1000; ++i) refs.emplace_back(new Cr_TRef(i));
-  for (unsigned long i = 0; i < 1000; ++i) EXPECT_EQ(CRTRefGetTaskID(refs[i]->Get()), i);
-  refs.clear();
 }
 
 }  // namespace

@@ -230,8 +230,7 @@ int CRFPDigestsToStrings(const void* digests, size_t digestStride, unsigned char
     return -1;
   }
   crrecord::HexEncodeFields(static_cast<const unsigned char*>(digests), digestStride, size, text,
-                            textStride, count);
-  for (char* nul = text + 2 * size; count-- > 0; nul += textStride) *nul = '\0';
+                            textStride, count, true);
   return 0;
 }
 

@@ -190,12 +190,15 @@ CR_AVX2 bool DecodeAVX2(const char* in, size_t nchars, unsigned char* out) {
 
 // --- Strided forms -----------------------------------------------------------------
 // Written out per implementation, so that the fixed fingerprint widths (16
-// and 32 bytes) get straight-line code with no call per field.
+// and 32 bytes) get straight-line code with no call per field. The width
+// tests stay inside the loops: they are the same for every field, so they
+// are predicted, and the loops stay one each.
 
 void EncodeFieldsPortable(const unsigned char* in, size_t inStride, size_t width, char* out,
-                          size_t outStride, size_t count) {
+                          size_t outStride, size_t count, bool nul) {
   for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
     EncodePortable(in, width, out);
+    if (nul) out[2 * width] = '\0';
   }
 }
 
@@ -208,18 +211,17 @@ size_t DecodeFieldsPortable(const char* in, size_t inStride, size_t width, unsig
 }
 
 CR_SSSE3 void EncodeFieldsSSSE3(const unsigned char* in, size_t inStride, size_t width, char* out,
-                                size_t outStride, size_t count) {
-  if (width == 16) {
-    for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) Encode16SSSE3(in, out);
-  } else if (width == 32) {
-    for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
+                                size_t outStride, size_t count, bool nul) {
+  for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
+    if (width == 16) {
+      Encode16SSSE3(in, out);
+    } else if (width == 32) {
       Encode16SSSE3(in, out);
       Encode16SSSE3(in + 16, out + 32);
-    }
-  } else {
-    for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
+    } else {
       EncodeSSSE3(in, width, out);
     }
+    if (nul) out[2 * width] = '\0';
   }
 }
 
@@ -240,15 +242,16 @@ CR_SSSE3 size_t DecodeFieldsSSSE3(const char* in, size_t inStride, size_t width,
 }
 
 CR_AVX2 void EncodeFieldsAVX2(const unsigned char* in, size_t inStride, size_t width, char* out,
-                              size_t outStride, size_t count) {
-  if (width == 16) {
-    for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) Encode16SSSE3(in, out);
-  } else if (width == 32) {
-    for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) Encode32AVX2(in, out);
-  } else {
-    for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
+                              size_t outStride, size_t count, bool nul) {
+  for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
+    if (width == 16) {
+      Encode16SSSE3(in, out);
+    } else if (width == 32) {
+      Encode32AVX2(in, out);
+    } else {
       EncodeAVX2(in, width, out);
     }
+    if (nul) out[2 * width] = '\0';
   }
 }
 
@@ -274,7 +277,7 @@ struct HexImpl {
   HexPath path;
   void (*encode)(const unsigned char*, size_t, char*);
   bool (*decode)(const char*, size_t, unsigned char*);
-  void (*encodeFields)(const unsigned char*, size_t, size_t, char*, size_t, size_t);
+  void (*encodeFields)(const unsigned char*, size_t, size_t, char*, size_t, size_t, bool);
   size_t (*decodeFields)(const char*, size_t, size_t, unsigned char*, size_t, size_t);
 };
 
@@ -316,8 +319,8 @@ bool HexDecode(const char* in, size_t nchars, unsigned char* out) {
 }
 
 void HexEncodeFields(const unsigned char* in, size_t inStride, size_t width, char* out,
-                     size_t outStride, size_t count) {
-  Active()->encodeFields(in, inStride, width, out, outStride, count);
+                     size_t outStride, size_t count, bool nul) {
+  Active()->encodeFields(in, inStride, width, out, outStride, count, nul);
 }
 
 size_t HexDecodeFields(const char* in, size_t inStride, size_t width, unsigned char* out,

@@ -20,9 +20,10 @@ bool HexDecode(const char* in, size_t nchars, unsigned char* out);
 
 // Strided forms for fixed-width values, such as the fingerprints of a
 // segment list: value k, `width` bytes at in + k * inStride, has its
-// 2 * width digits at out + k * outStride. Nothing else is read or written.
+// 2 * width digits at out + k * outStride, followed by a NUL when `nul` is
+// set. Nothing else is read or written.
 void HexEncodeFields(const unsigned char* in, size_t inStride, size_t width, char* out,
-                     size_t outStride, size_t count);
+                     size_t outStride, size_t count, bool nul);
 // Returns count when every field is 2 * width hex digits, else the index of
 // the first field that is not; the fields before it are decoded, that one
 // may be partly written and the later ones are untouched.
