@@ -114,7 +114,9 @@ TEST(CrrecChunker, CutPointsResynchroniseAfterAnInsertion) {
   std::set<size_t> after(edit.begin(), edit.end());
   size_t sharedLate = 0, lateBefore = 0;
   for (size_t end : ends) {
-    if (end < at) EXPECT_TRUE(after.count(end)) << end;
+    if (end < at) {
+      EXPECT_TRUE(after.count(end)) << end;
+    }
     if (end > at + 20000) {
       ++lateBefore;
       sharedLate += after.count(end + inserted.size());

@@ -246,7 +246,8 @@ TEST(DODeserialize, CallerBufferMustHoldTheRecord) {
     DORecordHeader* h = reinterpret_cast<DORecordHeader*>(buffer.get());
     unsigned long size = n;
     crtest::LogCapture log(true);
-    const cr_status_t status = DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1);
+    const cr_status_t status =
+        DORecordHeaderDeserialize(&h, &size, input.get(), image.size(), 2, 1);
     EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(buffer.get()));
     EXPECT_EQ(size, n);
     if (n < recsize) {
@@ -302,10 +303,12 @@ TEST(DOSerializedChecksum, EveryFlippedByteIsFound) {
 
 // --- The constructor over serialized bytes ---------------------------------------------
 
-TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompleted) {
+TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompletedWithValidFlagsOnly) {
   const std::vector<uint8_t> image = Image(2, 1);
   const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
+  crtest::LogCapture log;
   DORecord r(2, 0x0004, 100, 1, nullptr, 0, image.data(), image.size(), false);
+  EXPECT_TRUE(log.lines().empty());
   EXPECT_TRUE(r.OwnsBuffer());
   EXPECT_EQ(r.GetBufferMode(), 2u);
   EXPECT_EQ(r.GetAllocatedSize(), 164u);
@@ -316,6 +319,13 @@ TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompleted) {
   EXPECT_EQ(r.GetCheckTime(), 0u);
   EXPECT_GE(r.GetMTime(), before);
   EXPECT_LE(r.GetMTime(), static_cast<uint32_t>(std::time(nullptr)));
+
+  DORecord invalid(2, 0x0008, 100, 1, nullptr, 0, image.data(), image.size(), false);
+  EXPECT_EQ(invalid.GetFlags(), 0);  // as read: the form carries no flags
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
+  EXPECT_EQ(log.lines()[0].status, 9u);
+  EXPECT_EQ(log.lines()[0].text, "Setting DORecord flags to invalid value 8");
 }
 
 TEST(DORecordFromSerialized, CallerBufferIsBorrowedAndLeftUntouchedAfterGrowth) {
@@ -341,7 +351,7 @@ TEST(DORecordFromSerialized, CallerBufferIsBorrowedAndLeftUntouchedAfterGrowth) 
   EXPECT_EQ(std::vector<uint8_t>(buffer.get(), buffer.get() + recsize), snapshot);
 }
 
-TEST(DORecordFromSerialized, SubDOTakesTheContainerOfItsFirstSegment) {
+TEST(DORecordFromSerialized, SubDOTakesItsFirstContainerAndSkipsTheSizeMagnitudeCheck) {
   std::vector<Seg> segs = crtest::ThreeSegments(1);
   segs[0].dcid = 777;
   const std::vector<uint8_t> image = crtest::SerializedDO(5, 10000, 4096, kCrc, segs);
@@ -357,28 +367,16 @@ TEST(DORecordFromSerialized, SubDOTakesTheContainerOfItsFirstSegment) {
   EXPECT_EQ(bloomSub.GetDCID(), 100u);
   EXPECT_EQ(bloomSub.GetBSize(), 37u);
   EXPECT_EQ(bloomSub.GetNudcid(), 2u);
-}
 
-TEST(DORecordFromSerialized, SubDOIsExemptFromTheSizeMagnitudeCheck) {
-  const std::vector<Seg> segs = {{crtest::PatternFP(1, 16), 0x80000000u, 0, 0, 64}};
-  const std::vector<uint8_t> image = crtest::SerializedDO(2, 0x80000000u, 4096, kCrc, segs);
-  DORecord sub(2, 0x0002, 100, 1, nullptr, 0, image.data(), image.size(), true);
-  EXPECT_EQ(sub.GetSegmentSize(0), 0x80000000u);
+  // A sub-DO is exempt from the size magnitude check.
+  const std::vector<Seg> big = {{crtest::PatternFP(1, 16), 0x80000000u, 0, 0, 64}};
+  const std::vector<uint8_t> bigImage = crtest::SerializedDO(2, 0x80000000u, 4096, kCrc, big);
+  DORecord bigSub(2, 0x0002, 100, 1, nullptr, 0, bigImage.data(), bigImage.size(), true);
+  EXPECT_EQ(bigSub.GetSegmentSize(0), 0x80000000u);
   ExpectThrows(
-      [&] { DORecord r(2, 0x0002, 100, 1, nullptr, 0, image.data(), image.size(), false); }, 89,
+      [&] { DORecord r(2, 2, 100, 1, nullptr, 0, bigImage.data(), bigImage.size(), false); }, 89,
       "Segment list of a DORecord is corrupt. Segment 0 has size 2147483648 (> 2 GiB). "
       "Data is probably in wrong byte order (host vs. network order)");
-}
-
-TEST(DORecordFromSerialized, InvalidFlagsAreLoggedAndNotStored) {
-  const std::vector<uint8_t> image = Image(1, 1);
-  crtest::LogCapture log;
-  DORecord r(1, 0x0008, 100, 1, nullptr, 0, image.data(), image.size(), false);
-  EXPECT_EQ(r.GetFlags(), 0);  // as read: the form carries no flags
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-  EXPECT_EQ(log.lines()[0].status, 9u);
-  EXPECT_EQ(log.lines()[0].text, "Setting DORecord flags to invalid value 8");
 }
 
 TEST(DORecordFromSerialized, FailuresLeaveNoBufferAndTheCallersUntouched) {
@@ -392,32 +390,19 @@ TEST(DORecordFromSerialized, FailuresLeaveNoBufferAndTheCallersUntouched) {
       "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. Original file size:1000. "
       "Sum of segm. sizes:900.";
   Malloced buffer = Block(164);
-  struct Case {
-    unsigned int dotype;
-    uint8_t fptype;
-    const std::vector<uint8_t>* input;
-    size_t length;
-    cr_status_t status;
-    std::string message;
+  const auto build = [](unsigned int dotype, uint8_t fptype, uint8_t* callers,
+                        const std::vector<uint8_t>& in, size_t n) {
+    return [=, &in] {
+      DORecord r(dotype, 2, 100, fptype, callers, callers ? 164 : 0, in.data(), n, false);
+    };
   };
-  const Case cases[] = {
-      {2, 9, &image, image.size(), 9, "invalid fptype for DO"},
-      {2, 1, &image, image.size() - 1, 120, ""},
-      {262, 1, &image, image.size(), 113, ""},  // narrowed to 8 bits: refused as 6
-      {2, 1, &short_, short_.size(), 89, corrupt},
-  };
-  for (const Case& c : cases) {
-    for (uint8_t* callers : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
-      SCOPED_TRACE(testing::Message() << c.status << (callers ? " caller buffer" : ""));
-      ExpectThrows(
-          [&] {
-            DORecord r(c.dotype, 2, 100, c.fptype, callers, callers ? 164 : 0, c.input->data(),
-                       c.length, false);
-          },
-          c.status, c.message);
-      // Only the segment-list check runs on a record already built in place.
-      if (c.status != 89) EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
-    }
+  for (uint8_t* callers : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
+    SCOPED_TRACE(callers ? "caller buffer" : "own buffer");
+    ExpectThrows(build(2, 9, callers, image, image.size()), 9, "invalid fptype for DO");
+    ExpectThrows(build(2, 1, callers, image, image.size() - 1), 120, "");
+    ExpectThrows(build(262, 1, callers, image, image.size()), 113, "");  // narrowed to 8 bits: 6
+    EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
+    ExpectThrows(build(2, 1, callers, short_, short_.size()), 89, corrupt);
   }
 }
 

@@ -49,6 +49,19 @@ void ExpectLogged(const crtest::LogCapture& log, cr_status_t status, const std::
   EXPECT_EQ(log.lines()[0].text, text);
 }
 
+const std::vector<uint8_t> kBitmap = crtest::PatternBitmap(6);
+// Offsets in a Bloom record: length word, bitmap, 16 reserved bytes, section.
+const size_t kBloomWord = 80;
+const size_t kBloomSection = 80 + 4 + 6 + 16;
+
+std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries,
+                                              unsigned long cid = 100) {
+  const std::vector<uint8_t> form = crtest::SerializedBloom(1, 1, kBitmap, entries);
+  return std::make_unique<DORecord>(4u, static_cast<unsigned short>(2), cid,
+                                    static_cast<unsigned char>(1), nullptr, 0, form.data(),
+                                    form.size(), false);
+}
+
 TEST(UniqueDCIDList, DistinctContainersInAscendingOrderInEitherByteOrder) {
   for (bool network : {false, true}) {
     SCOPED_TRACE(network ? "network order" : "host order");
@@ -82,42 +95,48 @@ TEST(UniqueDCIDList, DistinctContainersInAscendingOrderInEitherByteOrder) {
 TEST(UniqueDCIDList, RefusalsNameTheirCauseAndChangeNothing) {
   struct Case {
     const char* what;
-    std::function<void(DORecord&)> spoil;
-    std::string message;
+    std::function<std::unique_ptr<DORecord>()> make;
+    cr_status_t status;
+    std::string message;  // empty: nothing is logged
   };
   const Case cases[] = {
-      {"container below 64", [](DORecord& r) { r.SetSegmentDCID(1, 63); },
+      {"container below 64",
+       [] { auto r = ThreeSizes(100, {500, 64, 500}); r->SetSegmentDCID(1, 63); return r; },
+       CR_STATUS_INVALID,
        "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
            crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16) + " at index 1."},
-      {"typed references", [](DORecord& r) { r.AddTaskID(7ul); },
-       "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes."},
+      {"typed references",
+       [] { auto r = ThreeSizes(); r->AddTaskID(7ul); return r; },
+       CR_STATUS_INVALID, "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes."},
+      {"Bloom list count other than the header's",
+       [] {
+         auto r = crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}});
+         r->GetHeader()->nudcid = 1;
+         return r;
+       },
+       CR_STATUS_INVALID,
+       "AppendBloomAndUniqueDCIDList: unique DCID count 2 does not match the header's 1."},
+      {"no segments: left alone",
+       [] { auto r = ThreeSizes(); r->GetHeader()->nfp = 0; return r; },
+       CR_STATUS_SUCCESS, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    auto record = ThreeSizes(100, {500, 64, 500});
-    c.spoil(*record);
+    auto record = c.make();
     const std::string before = WholeRecord(*record);
     crtest::LogCapture log;
-    EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-    ExpectLogged(log, CR_STATUS_INVALID, c.message);
-    EXPECT_EQ(record->GetNudcid(), 0u);
+    EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), c.status);
+    if (c.message.empty()) {
+      EXPECT_TRUE(log.lines().empty());
+    } else {
+      ExpectLogged(log, c.status, c.message);
+    }
     EXPECT_EQ(WholeRecord(*record), before);
   }
   // The lowest valid container is taken.
   auto record = ThreeSizes(100, {500, 64, 500});
   ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
   EXPECT_EQ(RecordHex(*record, kType2Section, 40), SectionImage({{64, 200}, {500, 400}}));
-}
-
-TEST(UniqueDCIDList, RecordWithoutSegmentsIsLeftAlone) {
-  auto record = ThreeSizes();
-  record->GetHeader()->nfp = 0;
-  const std::string before = WholeRecord(*record);
-  crtest::LogCapture log;
-  EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(WholeRecord(*record), before);
-  EXPECT_EQ(record->GetNudcid(), 0u);
-  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(UniqueDCIDList, BorrowedBufferIsReplacedByAnOwnedCopy) {
@@ -158,21 +177,6 @@ TEST(UniqueDCIDSizes, RecordsOwnBytesAreChargedToItsContainer) {
   ExpectLogged(log, CR_STATUS_INVALID_RECORD,
                "GetUDCIDSizeList: number of unique DCID can't be zero!");
   EXPECT_EQ(sizes, (SizeMap{{1, 1}}));
-}
-
-// --- Bloom DO records ----------------------------------------------------------------
-
-const std::vector<uint8_t> kBitmap = crtest::PatternBitmap(6);
-// Offsets in a Bloom record: length word, bitmap, 16 reserved bytes, section.
-const size_t kBloomWord = 80;
-const size_t kBloomSection = 80 + 4 + 6 + 16;
-
-std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries,
-                                              unsigned long cid = 100) {
-  const std::vector<uint8_t> form = crtest::SerializedBloom(1, 1, kBitmap, entries);
-  return std::make_unique<DORecord>(4u, static_cast<unsigned short>(2), cid,
-                                    static_cast<unsigned char>(1), nullptr, 0, form.data(),
-                                    form.size(), false);
 }
 
 TEST(BloomUniqueDCIDList, ListIsSortedDeduplicatedAndNormalizedOnce) {
@@ -223,17 +227,6 @@ TEST(BloomUniqueDCIDList, SizesAreReadInTheListsOrder) {
     EXPECT_EQ(record->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
     EXPECT_EQ(sizes, (SizeMap{{80, 5 + body}, {900, 7}}));
   }
-}
-
-TEST(BloomUniqueDCIDList, CountThatDisagreesWithTheHeaderIsRefused) {
-  auto record = crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}});
-  record->GetHeader()->nudcid = 1;
-  const std::string before = WholeRecord(*record);
-  crtest::LogCapture log;
-  EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
-  ExpectLogged(log, CR_STATUS_INVALID,
-               "AppendBloomAndUniqueDCIDList: unique DCID count 2 does not match the header's 1.");
-  EXPECT_EQ(WholeRecord(*record), before);
 }
 
 }  // namespace

@@ -535,4 +535,23 @@ TEST(RecordFastPathTest, DigestOfManySegmentsHashesTheWholeBlock) {
   CRTDigestDelete(&digest);
 }
 
+// Large enough (a 9 MB segment list, a 17 MB serialized form) for the
+// builder and the serializer to stream their output past the cache.
+TEST(RecordFastPathTest, LargeRecordIsBuiltAndSerializedByteForByte) {
+  const size_t n = 320000;
+  const std::vector<crtest::Seg> segs = ManySegments(n, CR_FP_TYPE_MD5, 1000, 6);
+  const crtest::Bytes list = crtest::SegmentList(CR_DO_TYPE_8_BYTE_OFFSET, segs);
+  std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_MD5, segs);
+  ASSERT_EQ(r->GetHeaderSize(), 80 + n * (16 + 12 + 8));
+  EXPECT_EQ(std::memcmp(r->GetSegmentFP(0), list.data(), list.size()), 0);
+  for (size_t i : {size_t{0}, n / 2, n - 1}) {
+    EXPECT_EQ(r->GetSegmentDCID(static_cast<unsigned int>(i)), segs[i].dcid) << i;
+  }
+  const std::vector<uint8_t> expected = crtest::Sealed(crtest::SerializedDO(
+      CR_DO_TYPE_8_BYTE_OFFSET, FileSizeOf(segs), kSsize, 0x01020304, segs));
+  const std::vector<uint8_t> serialized = SerializedByRecord(*r, true);
+  ASSERT_EQ(serialized.size(), expected.size());
+  EXPECT_TRUE(serialized == expected);
+}
+
 }  // namespace

@@ -80,7 +80,8 @@ inline std::vector<uint8_t> HostRecord(uint8_t dotype, uint8_t fptype, const std
   const uint32_t trefsize = static_cast<uint32_t>(trefs.size());
   const uint32_t nfp = static_cast<uint32_t>(segs.size());
   Bytes b;
-  b.le16(3).le16(f.flags).le32(static_cast<uint32_t>(PlainRecordSize(dotype, fptype, nfp)) + trefsize);
+  const uint32_t recsize = static_cast<uint32_t>(PlainRecordSize(dotype, fptype, nfp)) + trefsize;
+  b.le16(3).le16(f.flags).le32(recsize);
   b.le32(0).le32(0).le64(f.cid).le64(10000).le64(4096);  // reserved, checktime, CID, sizes
   b.le32(f.crc).le32(f.ctime).le32(f.mtime);
   b.le32(0).le32(nfp).le32(0).le32(0).le32(trefsize).le32(0);  // ntaskid ... bsize
@@ -156,10 +157,10 @@ inline std::vector<uint8_t> PatternBitmap(size_t n) {
 // --- Shared builders and checks: these do call the code under test ---------
 
 // A record from the segment-list constructor, file size `size`, segment size 4096.
-inline std::unique_ptr<DORecord> BuildDO(uint8_t dotype, uint8_t fptype, const std::vector<Seg>& segs,
-                                         uint32_t crc = 0, unsigned long cid = 100,
-                                         unsigned long size = 10000, uint32_t ctime = 10,
-                                         uint32_t mtime = 20) {
+inline std::unique_ptr<DORecord> BuildDO(uint8_t dotype, uint8_t fptype,
+                                         const std::vector<Seg>& segs, uint32_t crc = 0,
+                                         unsigned long cid = 100, unsigned long size = 10000,
+                                         uint32_t ctime = 10, uint32_t mtime = 20) {
   const Bytes list = SegmentList(dotype, segs);
   std::vector<unsigned long> dcids;
   for (const Seg& s : segs) dcids.push_back(s.dcid);

@@ -82,7 +82,9 @@ TEST(SegmentRecordConvert, DroppingTaskIDsMovesTheFingerprintToOffset96) {
       (toNetwork ? SegmentRecordHton : SegmentRecordNtoh)(dst, src.r(),
                                                           CR_SO_CONVERT_DROP_TASKIDS);
       EXPECT_EQ((inPlace ? src : other).bytes(120), expected.vec());
-      if (!inPlace) EXPECT_EQ(src.bytes(136), source.vec()) << "the source stays as it was";
+      if (!inPlace) {
+        EXPECT_EQ(src.bytes(136), source.vec()) << "the source stays as it was";
+      }
     }
   }
 }
@@ -119,8 +121,10 @@ TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrder) {
       LogCapture log(trace);
       EXPECT_EQ(SegmentRecordValidate(buf.r(), size, c.flags), 32u);
       ASSERT_EQ(log.lines().size(), trace ? 1u : 0u);
-      if (trace) EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
-      if (trace) EXPECT_EQ(log.texts()[0], c.trace);
+      if (trace) {
+        EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
+        EXPECT_EQ(log.texts()[0], c.trace);
+      }
     }
   }
 }
@@ -312,7 +316,9 @@ TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder
       Buffer buf(image);
       std::ostringstream os;
       SegmentRecordToStream(os, *buf.r(), binary);
-      if (binary) EXPECT_EQ(Vec(os.str()), net.vec());
+      if (binary) {
+        EXPECT_EQ(Vec(os.str()), net.vec());
+      }
       ThrowingBuf sink;
       std::ostream throwing(&sink);
       throwing.exceptions(std::ios::badbit);

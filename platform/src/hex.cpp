@@ -232,7 +232,8 @@ CR_SSSE3 size_t DecodeFieldsSSSE3(const char* in, size_t inStride, size_t width,
     if (width == 16) {
       ok = Decode32SSSE3(in, out);
     } else if (width == 32) {
-      ok = Decode32SSSE3(in, out) & Decode32SSSE3(in + 32, out + 16);
+      const bool first = Decode32SSSE3(in, out);
+      ok = Decode32SSSE3(in + 32, out + 16) && first;
     } else {
       ok = DecodeSSSE3(in, 2 * width, out);
     }

@@ -10,6 +10,7 @@
 
 #include "common/Adler32.h"
 #include "common/Endian.h"
+#include "common/StreamCopy.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
 #include "dorecord/SegmentScan.h"
@@ -79,15 +80,31 @@ uint32_t FirstInvalidDcid(const unsigned long* dcids, uint32_t count) {
 }
 
 // Copies the segment list in pieces small enough to stay in the cache and
-// scans each piece for the segment-list check while it is there.
+// scans each piece for the segment-list check while it is there (the
+// caller's bytes, which are the record's once copied). A large list is
+// streamed into the record (StreamCopy).
 void CopySegments(unsigned char* dst, const unsigned char* src, uint32_t count,
                   unsigned int entryWidth, SegmentListScan* scan) {
   constexpr uint32_t kPiece = 512;
+  const bool streaming = uint64_t{count} * entryWidth >= kStreamingThreshold;
   for (uint32_t done = 0; done < count; done += kPiece) {
     const uint32_t n = count - done < kPiece ? count - done : kPiece;
     const uint64_t at = uint64_t{done} * entryWidth;
-    std::memcpy(dst + at, src + at, uint64_t{n} * entryWidth);
-    scan->Scan(dst + at, n);
+    scan->Scan(src + at, n);
+    if (streaming) {
+      StreamCopy(dst + at, src + at, uint64_t{n} * entryWidth);
+    } else {
+      std::memcpy(dst + at, src + at, uint64_t{n} * entryWidth);
+    }
+  }
+}
+
+void CopyDcids(unsigned char* dst, const unsigned long* dcids, uint32_t count) {
+  const uint64_t bytes = uint64_t{count} * 8;
+  if (bytes >= kStreamingThreshold) {
+    StreamCopy(dst, dcids, bytes);
+  } else {
+    std::memcpy(dst, dcids, bytes);
   }
 }
 
@@ -210,9 +227,8 @@ void DORecord::init(unsigned long dcid, unsigned long size, unsigned long ssize,
                    static_cast<const unsigned char*>(segments), segmentCount,
                    SegmentEntryWidth(fptype, dotype), &scan);
     }
-    if (dcids != nullptr) {
-      std::memcpy(DORecordHeaderIndexOfDCID(header_, 0), dcids, uint64_t{segmentCount} * 8);
-    }
+    if (dcids != nullptr) CopyDcids(DORecordHeaderIndexOfDCID(header_, 0), dcids, segmentCount);
+    StreamFence();
     CopyUniqueDcids(header_, uniqueDcids, nudcid);
 
     initReferenceSets();

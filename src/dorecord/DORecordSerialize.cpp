@@ -18,6 +18,7 @@
 
 #include "common/Adler32.h"
 #include "common/Endian.h"
+#include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
 #include "fingerprint_batch.h"
 #include "status/Report.h"
@@ -42,7 +43,9 @@ void WriteHead(unsigned char* out, const DORecordHeader* h) {
 
 // Segments per piece: the entries are written, and checksummed, a piece at
 // a time while the piece is in the cache.
-constexpr uint32_t kPiece = 512;
+constexpr uint32_t kPiece = 256;
+// The widest serialized entry: a 65-byte text field and 12 bytes of fields.
+constexpr unsigned int kMaxOutWidth = 65 + 12;
 
 // The entries of segments [first, first + count): text fields, then the
 // DO type's fields, big-endian.
@@ -118,15 +121,23 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   }
 
   WriteHead(buffer, h);
+  // A large output is written a piece at a time into a staging area in the
+  // cache, checksummed there, and streamed out (StreamCopy); a small one is
+  // written in place.
+  const bool streaming = total >= kStreamingThreshold;
+  unsigned char staging[kPiece * kMaxOutWidth];
   uint32_t adler = 1;
   unsigned char* dst = buffer + kSerializedHead;
   if (nfp != 0) {
     const unsigned char* entries = DORecordHeaderIndexOfSegment(h, 0);
     for (uint32_t done = 0; done < nfp; done += kPiece) {
       const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
-      WriteEntries(dst, entries + uint64_t{done} * entryWidth, n, fptype, dotype);
-      if (checksum) adler = Adler32Update(adler, dst, uint64_t{n} * outWidth);
-      dst += uint64_t{n} * outWidth;
+      const uint64_t bytes = uint64_t{n} * outWidth;
+      unsigned char* piece = streaming ? staging : dst;
+      WriteEntries(piece, entries + uint64_t{done} * entryWidth, n, fptype, dotype);
+      if (checksum) adler = Adler32Update(adler, piece, bytes);
+      if (streaming) StreamCopy(dst, staging, bytes);
+      dst += bytes;
     }
   }
   *dst++ = 0;  // the zero byte between the entries and the DCIDs
@@ -136,11 +147,14 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
     for (uint32_t done = 0; done < nfp; done += kPiece) {
       const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
       const unsigned char* src = dcids + uint64_t{done} * 8;
-      for (uint32_t i = 0; i < n; ++i) StoreBE64(dst + 8 * i, Load<uint64_t>(src + 8 * i));
-      if (checksum) adler = Adler32Update(adler, dst, uint64_t{n} * 8);
+      unsigned char* piece = streaming ? staging : dst;
+      for (uint32_t i = 0; i < n; ++i) StoreBE64(piece + 8 * i, Load<uint64_t>(src + 8 * i));
+      if (checksum) adler = Adler32Update(adler, piece, uint64_t{n} * 8);
+      if (streaming) StreamCopy(dst, staging, uint64_t{n} * 8);
       dst += uint64_t{n} * 8;
     }
   }
+  if (streaming) StreamFence();
 
   *outSize = total;
   // The Adler-32 of bytes 28..end replaces the CRC written with the head.
