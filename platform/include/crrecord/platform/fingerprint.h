@@ -79,4 +79,24 @@ CRRECORD_PLATFORM_API crfp_digest_t* CRFPStringToDigest_r(const char* text, size
 CRRECORD_PLATFORM_API int CRFPCompute(unsigned char fptype, const void* data, size_t length,
                                       crfp_digest_t* out);
 
+/// Text forms of many fingerprints in one call, for loops over a whole
+/// segment list where a call per fingerprint would cost more than the
+/// conversion. Fingerprint k (CRFPDigestSize(@p fptype) bytes) at
+/// @p digests + k * @p digestStride gets its text, exactly what
+/// CRFPDigestToString_r writes (2 * size lower-case hex digits and a NUL), at
+/// @p text + k * @p textStride; nothing else is written. Returns 0, or -1
+/// with the CR errno set for an unknown type (9) or a null pointer (65).
+CRRECORD_PLATFORM_API int CRFPDigestsToStrings(const void* digests, size_t digestStride,
+                                               unsigned char fptype, char* text,
+                                               size_t textStride, size_t count);
+/// The inverse of CRFPDigestsToStrings over text fields of 2 * size hex
+/// digits (either case) and a NUL at @p text + k * @p textStride: decodes
+/// field k into @p digests + k * @p digestStride. Returns the number of
+/// fields before the first one that is not so (@p count when every one is),
+/// setting the CR errno when that is fewer than @p count; the failing field's
+/// bytes may be partly written. An unknown type or a null pointer gives 0.
+CRRECORD_PLATFORM_API size_t CRFPStringsToDigests(const char* text, size_t textStride,
+                                                  unsigned char fptype, void* digests,
+                                                  size_t digestStride, size_t count);
+
 #endif  // CRRECORD_PLATFORM_FINGERPRINT_H
