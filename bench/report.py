@@ -55,9 +55,13 @@ PB_SHORT = {
 }
 
 
-def run(binary, args, repetitions, min_time, time_kind):
+def run(binary, args, repetitions, min_time):
+    # Repetitions interleaved at random across the benchmarks: an operation
+    # and the baselines it is divided by then share the machine's moments,
+    # so that a busy spell does not fall on one of them only.
     cmd = [binary, "--benchmark_format=json",
            f"--benchmark_repetitions={repetitions}",
+           "--benchmark_enable_random_interleaving=true",
            "--benchmark_report_aggregates_only=true",
            f"--benchmark_min_time={min_time}"] + args
     print(f"running: {' '.join(cmd)}", file=sys.stderr)
@@ -223,11 +227,11 @@ def main():
     else:
         args = [f"--benchmark_filter={a.filter}"] if a.filter else []
         saved = {"record": run(os.path.join(a.build, "bench", "crrecord_bench"), args,
-                               a.repetitions, a.min_time, a.time),
+                               a.repetitions, a.min_time),
                  "codec": None, "time": a.time}
         if not a.no_codecs:
             saved["codec"] = run(os.path.join(a.build, "bench", "crrecord_codec_bench"), [],
-                                 a.repetitions, a.min_time, a.time)
+                                 a.repetitions, a.min_time)
         if a.save_json:
             with open(a.save_json, "w") as f:
                 json.dump(saved, f)

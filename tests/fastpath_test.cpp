@@ -35,13 +35,16 @@ namespace {
 
 const HexPath kHexPaths[] = {HexPath::kPortable, HexPath::kSSSE3, HexPath::kAVX2};
 const Adler32Path kAdlerPaths[] = {Adler32Path::kPortable, Adler32Path::kSSSE3,
-                                   Adler32Path::kAVX2};
+                                   Adler32Path::kAVX2, Adler32Path::kAVX512};
 
 const char* Name(HexPath p) {
   return p == HexPath::kAVX2 ? "avx2" : p == HexPath::kSSSE3 ? "ssse3" : "portable";
 }
 const char* Name(Adler32Path p) {
-  return p == Adler32Path::kAVX2 ? "avx2" : p == Adler32Path::kSSSE3 ? "ssse3" : "portable";
+  return p == Adler32Path::kAVX512 ? "avx512"
+         : p == Adler32Path::kAVX2 ? "avx2"
+         : p == Adler32Path::kSSSE3 ? "ssse3"
+                                    : "portable";
 }
 
 // Puts the dispatch back as it was when the test is done.
@@ -176,7 +179,7 @@ TEST(FastPathTest, EveryHexPathHandlesStridedFields) {
       text[20 * outStride + 2 * width - 1] = 'g';
       std::vector<unsigned char> back(count * inStride, 0xEE);
       EXPECT_EQ(crrecord::HexDecodeFields(text.data(), outStride, width, back.data(), inStride,
-                                          count),
+                                          count, false),
                 20u)
           << Name(path) << " width " << width;
       for (size_t k = 0; k < 20; ++k) {
@@ -187,8 +190,18 @@ TEST(FastPathTest, EveryHexPathHandlesStridedFields) {
       EXPECT_EQ(crtest::Hex(&back[21 * inStride], inStride), std::string(2 * inStride, 'e'));
       text[20 * outStride + 2 * width - 1] = '0';
       EXPECT_EQ(crrecord::HexDecodeFields(text.data(), outStride, width, back.data(), inStride,
-                                          count),
+                                          count, false),
                 count);
+      // Fields that must end in a NUL: the first without one is named.
+      EXPECT_EQ(crrecord::HexDecodeFields(terminated.data(), outStride, width, back.data(),
+                                          inStride, count, true),
+                count)
+          << Name(path) << " width " << width;
+      terminated[9 * outStride + 2 * width] = '0';
+      EXPECT_EQ(crrecord::HexDecodeFields(terminated.data(), outStride, width, back.data(),
+                                          inStride, count, true),
+                9u)
+          << Name(path) << " width " << width;
     }
   }
 }
@@ -288,6 +301,8 @@ TEST(FastPathTest, BatchFingerprintTextsEqualTheSingleCalls) {
       *__cr_errno_location() = 0;
       EXPECT_EQ(CRFPStringsToDigests(texts.data(), field, fptype, back.data(), entry, count), 7u);
       EXPECT_EQ(*__cr_errno_location(), CR_STATUS_MALFORMED);
+      texts[3 * field + 2 * width] = '0';  // digits, but no NUL after them
+      EXPECT_EQ(CRFPStringsToDigests(texts.data(), field, fptype, back.data(), entry, count), 3u);
     }
   }
 }
@@ -552,6 +567,13 @@ TEST(RecordFastPathTest, LargeRecordIsBuiltAndSerializedByteForByte) {
   const std::vector<uint8_t> serialized = SerializedByRecord(*r, true);
   ASSERT_EQ(serialized.size(), expected.size());
   EXPECT_TRUE(serialized == expected);
+
+  // And rebuilt from it, again through the streaming writer.
+  DORecord back(CR_DO_TYPE_8_BYTE_OFFSET, 2, 900, CR_FP_TYPE_MD5, nullptr, 0, serialized.data(),
+                serialized.size(), false);
+  ASSERT_EQ(back.GetHeaderSize(), r->GetHeaderSize());
+  EXPECT_EQ(std::memcmp(back.GetSegmentFP(0), list.data(), list.size()), 0);
+  EXPECT_EQ(std::memcmp(back.GetSegmentDCIDList(), r->GetSegmentDCIDList(), 8 * n), 0);
 }
 
 }  // namespace

@@ -248,7 +248,7 @@ size_t CRFPStringsToDigests(const char* text, size_t textStride, unsigned char f
   }
   const size_t good = crrecord::HexDecodeFields(text, textStride, size,
                                                 static_cast<unsigned char*>(digests),
-                                                digestStride, count);
+                                                digestStride, count, true);
   if (good < count) Fail(CR_STATUS_MALFORMED);
   return good;
 }

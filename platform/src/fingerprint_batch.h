@@ -20,12 +20,12 @@ CRRECORD_PLATFORM_API int CRFPDigestsToStrings(const void* digests, size_t diges
                                                unsigned char fptype, char* text,
                                                size_t textStride, size_t count);
 
-// The inverse over fields of 2 * size hex digits (either case) at
-// text + k * textStride, whatever follows them: decodes field k into
+// The inverse over text fields of 2 * size hex digits (either case) and a
+// NUL at text + k * textStride: decodes field k into
 // digests + k * digestStride. Returns the number of fields before the first
-// that is not all hex digits (count when every one is), setting the CR errno
-// when that is fewer than count; the failing field's bytes may be partly
-// written. An invalid fingerprint type or a null pointer gives 0.
+// that is not so (count when every one is), setting the CR errno when that
+// is fewer than count; the failing field's bytes may be partly written. An
+// invalid fingerprint type or a null pointer gives 0.
 CRRECORD_PLATFORM_API size_t CRFPStringsToDigests(const char* text, size_t textStride,
                                                   unsigned char fptype, void* digests,
                                                   size_t digestStride, size_t count);

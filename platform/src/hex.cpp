@@ -166,6 +166,17 @@ CR_AVX2 inline bool Decode64AVX2(const char* in, unsigned char* out) {
   return _mm256_movemask_epi8(valid) == -1;
 }
 
+// 32 characters to 16 bytes in one register: the lanes hold bytes 0-7 and
+// 8-15 after the multiply-add and pack, and the permute joins them.
+CR_AVX2 inline bool Decode32AVX2(const char* in, unsigned char* out) {
+  __m256i valid = _mm256_set1_epi8(-1);
+  const __m256i a = Nibbles256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(in)), &valid);
+  const __m256i words = _mm256_maddubs_epi16(a, _mm256_set1_epi16(0x0110));
+  const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(words, words), 0x08);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(packed));
+  return _mm256_movemask_epi8(valid) == -1;
+}
+
 CR_AVX2 void EncodeAVX2(const unsigned char* in, size_t n, char* out) {
   size_t i = 0;
   for (; i + 32 <= n; i += 32) Encode32AVX2(in + i, out + 2 * i);
@@ -203,9 +214,9 @@ void EncodeFieldsPortable(const unsigned char* in, size_t inStride, size_t width
 }
 
 size_t DecodeFieldsPortable(const char* in, size_t inStride, size_t width, unsigned char* out,
-                            size_t outStride, size_t count) {
+                            size_t outStride, size_t count, bool nul) {
   for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
-    if (!DecodePortable(in, 2 * width, out)) return k;
+    if (!DecodePortable(in, 2 * width, out) || (nul && in[2 * width] != '\0')) return k;
   }
   return count;
 }
@@ -226,7 +237,7 @@ CR_SSSE3 void EncodeFieldsSSSE3(const unsigned char* in, size_t inStride, size_t
 }
 
 CR_SSSE3 size_t DecodeFieldsSSSE3(const char* in, size_t inStride, size_t width,
-                                  unsigned char* out, size_t outStride, size_t count) {
+                                  unsigned char* out, size_t outStride, size_t count, bool nul) {
   for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
     bool ok;
     if (width == 16) {
@@ -237,7 +248,7 @@ CR_SSSE3 size_t DecodeFieldsSSSE3(const char* in, size_t inStride, size_t width,
     } else {
       ok = DecodeSSSE3(in, 2 * width, out);
     }
-    if (!ok) return k;
+    if (!ok || (nul && in[2 * width] != '\0')) return k;
   }
   return count;
 }
@@ -257,17 +268,17 @@ CR_AVX2 void EncodeFieldsAVX2(const unsigned char* in, size_t inStride, size_t w
 }
 
 CR_AVX2 size_t DecodeFieldsAVX2(const char* in, size_t inStride, size_t width, unsigned char* out,
-                                size_t outStride, size_t count) {
+                                size_t outStride, size_t count, bool nul) {
   for (size_t k = 0; k < count; ++k, in += inStride, out += outStride) {
     bool ok;
     if (width == 16) {
-      ok = Decode32SSSE3(in, out);
+      ok = Decode32AVX2(in, out);
     } else if (width == 32) {
       ok = Decode64AVX2(in, out);
     } else {
       ok = DecodeAVX2(in, 2 * width, out);
     }
-    if (!ok) return k;
+    if (!ok || (nul && in[2 * width] != '\0')) return k;
   }
   return count;
 }
@@ -279,7 +290,7 @@ struct HexImpl {
   void (*encode)(const unsigned char*, size_t, char*);
   bool (*decode)(const char*, size_t, unsigned char*);
   void (*encodeFields)(const unsigned char*, size_t, size_t, char*, size_t, size_t, bool);
-  size_t (*decodeFields)(const char*, size_t, size_t, unsigned char*, size_t, size_t);
+  size_t (*decodeFields)(const char*, size_t, size_t, unsigned char*, size_t, size_t, bool);
 };
 
 constexpr HexImpl kPortable = {HexPath::kPortable, EncodePortable, DecodePortable,
@@ -325,8 +336,8 @@ void HexEncodeFields(const unsigned char* in, size_t inStride, size_t width, cha
 }
 
 size_t HexDecodeFields(const char* in, size_t inStride, size_t width, unsigned char* out,
-                       size_t outStride, size_t count) {
-  return Active()->decodeFields(in, inStride, width, out, outStride, count);
+                       size_t outStride, size_t count, bool nul) {
+  return Active()->decodeFields(in, inStride, width, out, outStride, count, nul);
 }
 
 bool HexPathAvailable(HexPath path) {

@@ -24,11 +24,12 @@ bool HexDecode(const char* in, size_t nchars, unsigned char* out);
 // set. Nothing else is read or written.
 void HexEncodeFields(const unsigned char* in, size_t inStride, size_t width, char* out,
                      size_t outStride, size_t count, bool nul);
-// Returns count when every field is 2 * width hex digits, else the index of
-// the first field that is not; the fields before it are decoded, that one
-// may be partly written and the later ones are untouched.
+// Returns count when every field is 2 * width hex digits (followed by a NUL
+// when `nul` is set), else the index of the first field that is not; the
+// fields before it are decoded, that one may be partly written and the
+// later ones are untouched.
 size_t HexDecodeFields(const char* in, size_t inStride, size_t width, unsigned char* out,
-                       size_t outStride, size_t count);
+                       size_t outStride, size_t count, bool nul);
 
 // The implementations, so that tests can hold each against the others.
 enum class HexPath { kPortable, kSSSE3, kAVX2 };

@@ -15,7 +15,7 @@ inline uint32_t Adler32(const void* data, size_t length) { return Adler32Update(
 
 // The implementations, so that tests can hold each against the others: the
 // first call picks the widest one the CPU runs.
-enum class Adler32Path { kPortable, kSSSE3, kAVX2 };
+enum class Adler32Path { kPortable, kSSSE3, kAVX2, kAVX512 };
 bool Adler32PathAvailable(Adler32Path path);
 // Routes every later call through `path`; false, and no change, when the
 // CPU cannot run it.

@@ -85,7 +85,7 @@ uint32_t FirstInvalidDcid(const unsigned long* dcids, uint32_t count) {
 // streamed into the record (StreamCopy).
 void CopySegments(unsigned char* dst, const unsigned char* src, uint32_t count,
                   unsigned int entryWidth, SegmentListScan* scan) {
-  constexpr uint32_t kPiece = 512;
+  constexpr uint32_t kPiece = 2048;
   const bool streaming = uint64_t{count} * entryWidth >= kStreamingThreshold;
   for (uint32_t done = 0; done < count; done += kPiece) {
     const uint32_t n = count - done < kPiece ? count - done : kPiece;
@@ -221,13 +221,14 @@ void DORecord::init(unsigned long dcid, unsigned long size, unsigned long ssize,
 
     WriteCommonHeader(header_, recsize, dcid, size, ssize, crc, nudcid, fptype, dotype);
     header_->nfp = segmentCount;
+    // The DCIDs first, while the check above has them in the cache.
+    if (dcids != nullptr) CopyDcids(DORecordHeaderIndexOfDCID(header_, 0), dcids, segmentCount);
     SegmentListScan scan(dotype, fptype, false, false);
     if (segments != nullptr) {
       CopySegments(DORecordHeaderIndexOfSegment(header_, 0),
                    static_cast<const unsigned char*>(segments), segmentCount,
                    SegmentEntryWidth(fptype, dotype), &scan);
     }
-    if (dcids != nullptr) CopyDcids(DORecordHeaderIndexOfDCID(header_, 0), dcids, segmentCount);
     StreamFence();
     CopyUniqueDcids(header_, uniqueDcids, nudcid);
 

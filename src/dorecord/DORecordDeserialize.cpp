@@ -12,7 +12,9 @@
 
 #include "common/Adler32.h"
 #include "common/Endian.h"
+#include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
+#include "dorecord/SegmentScan.h"
 #include "fingerprint_batch.h"
 #include "status/Report.h"
 
@@ -122,7 +124,7 @@ cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fp
 // The fields go a piece at a time, so that each piece of the input is read
 // while the previous one is still in the cache.
 cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned char dotype,
-                         unsigned char fptype, uint32_t nfp) {
+                         unsigned char fptype, uint32_t nfp, SegmentListScan* scan) {
   if (nfp == 0) return CR_STATUS_SUCCESS;
   constexpr uint32_t kPiece = 512;
   const unsigned int width = FingerprintWidth(fptype);
@@ -132,17 +134,19 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
   const unsigned int entryWidth = width + extra;
   const unsigned char* src = in + kHead;
   unsigned char* entries = DORecordHeaderIndexOfSegment(h, 0);
+  // A large record is written a piece at a time into a staging area in the
+  // cache and streamed out (StreamCopy); a small one in place.
+  const bool streaming = uint64_t{nfp} * (entryWidth + 8) >= kStreamingThreshold;
+  alignas(64) unsigned char staging[kPiece * (32 + 12)];
   for (uint32_t done = 0; done < nfp; done += kPiece) {
     const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
-    unsigned char* entry = entries + uint64_t{done} * entryWidth;
+    unsigned char* entry = streaming ? staging : entries + uint64_t{done} * entryWidth;
     // The text must be exactly the hex digits and one NUL, the whole field:
     // the first segment that breaks either rule is the one reported.
-    uint32_t bad = static_cast<uint32_t>(CRFPStringsToDigests(
+    const uint32_t bad = static_cast<uint32_t>(CRFPStringsToDigests(
         reinterpret_cast<const char*>(src), inWidth, fptype, entry, entryWidth, n));
-    for (uint32_t i = 0; i < bad; ++i) {
-      if (src[uint64_t{i} * inWidth + textWidth - 1] != 0) bad = i;
-    }
     if (bad != n) {
+      if (streaming) StreamFence();  // the pieces streamed so far are in the buffer
       CR_REFUSE(CR_STATUS_MALFORMED,
                 "fingerprint text of segment %u is not %u hex digits and a NUL", done + bad,
                 textWidth - 1);
@@ -170,11 +174,22 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
       default:
         break;
     }
+    if (scan != nullptr) scan->Scan(entry, n);
+    if (streaming) {
+      StreamCopy(entries + uint64_t{done} * entryWidth, staging, uint64_t{n} * entryWidth);
+    }
     src += uint64_t{n} * inWidth;
   }
   src += 1;  // the zero byte
-  unsigned char* dcid = DORecordHeaderIndexOfDCID(h, 0);
-  for (uint32_t i = 0; i < nfp; ++i, src += 8, dcid += 8) Store(dcid, LoadBE64(src));
+  unsigned char* dcids = DORecordHeaderIndexOfDCID(h, 0);
+  for (uint32_t done = 0; done < nfp; done += kPiece) {
+    const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
+    unsigned char* dcid = streaming ? staging : dcids + uint64_t{done} * 8;
+    for (uint32_t i = 0; i < n; ++i) Store(dcid + 8 * i, LoadBE64(src + 8 * i));
+    if (streaming) StreamCopy(dcids + uint64_t{done} * 8, staging, uint64_t{n} * 8);
+    src += uint64_t{n} * 8;
+  }
+  if (streaming) StreamFence();
   return CR_STATUS_SUCCESS;
 }
 
@@ -193,9 +208,13 @@ void FillBloom(DORecordHeader* h, const unsigned char* in, const Plan& plan) {
 
 }  // namespace
 
-cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* allocatedSize,
-                                      const void* data, unsigned long length, unsigned char dotype,
-                                      unsigned char fptype) {
+namespace {
+
+// DORecordHeaderDeserialize, which also feeds each piece of the segment list
+// it writes to `scan` (when given) while the piece is in the cache.
+cr_status_t Deserialize(DORecordHeader** header, unsigned long* allocatedSize, const void* data,
+                        unsigned long length, unsigned char dotype, unsigned char fptype,
+                        SegmentListScan* scan) {
   if (header == nullptr || allocatedSize == nullptr || data == nullptr) {
     CR_REFUSE(CR_STATUS_MISSING_ARGUMENT, "null argument");
   }
@@ -266,7 +285,7 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* al
   if (bloom) {
     FillBloom(h, in, plan);
   } else {
-    status = FillSegments(h, in, dotype, fptype, plan.nfp);
+    status = FillSegments(h, in, dotype, fptype, plan.nfp, scan);
     if (status != CR_STATUS_SUCCESS) {
       // A caller's buffer is the caller's, whatever it now holds.
       if (callerBuffer == nullptr) std::free(h);
@@ -279,6 +298,14 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* al
     *allocatedSize = plan.recsize;
   }
   return CR_STATUS_SUCCESS;
+}
+
+}  // namespace
+
+cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* allocatedSize,
+                                      const void* data, unsigned long length, unsigned char dotype,
+                                      unsigned char fptype) {
+  return Deserialize(header, allocatedSize, data, length, dotype, fptype, nullptr);
 }
 
 bool DORecordSerializedHasAdler32(const void* data, unsigned long length) {
@@ -301,8 +328,12 @@ DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid
     // cannot convert fingerprint text of an unknown type, and the caller is
     // owed "invalid fptype for DO" rather than the reader's refusal.
     if (!CRFPTypeIsValid(fptype)) ThrowFixed(CR_STATUS_INVALID, "invalid fptype for DO");
-    const cr_status_t status = DORecordHeaderDeserialize(
-        &header_, &allocatedSize_, data, dataLength, static_cast<unsigned char>(dotype), fptype);
+    // The segment-list check is scanned while the list is written; the
+    // steps before the check change neither the list nor what it is judged
+    // against, and only an unsound list goes through checkSegmentList.
+    SegmentListScan scan(static_cast<unsigned char>(dotype), fptype, false, subDO_);
+    const cr_status_t status = Deserialize(&header_, &allocatedSize_, data, dataLength,
+                                           static_cast<unsigned char>(dotype), fptype, &scan);
     if (status != CR_STATUS_SUCCESS) ThrowStatus(status);
     if (buffer == nullptr) {
       ownsBuffer_ = true;
@@ -313,7 +344,7 @@ DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid
     setDCID(dcid);
     initReferenceSets();
     handleUpdate();
-    checkSegmentList();
+    if (!scan.Sound(GetSize(), GetSsize(), GetNfp())) checkSegmentList();
     // A sub-DO lives in the container of its first segment. Without
     // segments there is no such container, and the dcid given stays.
     if (subDO_ && GetNfp() != 0) {

@@ -125,7 +125,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   // cache, checksummed there, and streamed out (StreamCopy); a small one is
   // written in place.
   const bool streaming = total >= kStreamingThreshold;
-  unsigned char staging[kPiece * kMaxOutWidth];
+  alignas(64) unsigned char staging[kPiece * kMaxOutWidth];
   uint32_t adler = 1;
   unsigned char* dst = buffer + kSerializedHead;
   if (nfp != 0) {

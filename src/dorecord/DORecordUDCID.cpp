@@ -43,9 +43,10 @@ bool ByDCID(const UDCIDEntry& a, const UDCIDEntry& b) { return a.dcid < b.dcid; 
 
 // Distinct DCIDs with their byte counts: open addressing with linear probing
 // in one flat table of 16-byte slots. It starts with room for the list's
-// length or kInitialKeys keys, whichever is less, and doubles when it fills,
-// so that a short list costs one small allocation and a long list with few
-// containers keeps a table that fits the cache. A table that fits the L2
+// length or kInitialKeys keys, whichever is less, and grows fourfold when it
+// fills, so that a short list costs one small allocation, a long list with
+// few containers keeps a table that fits the cache, and one with many is
+// rehashed only a few times. A table that fits the L2
 // cache is kept at most one eighth full, so that nearly every lookup ends at
 // its first slot and the probe loop's exit is predicted; a larger one at most
 // half full, so that fewer of its lookups miss the cache.
@@ -165,7 +166,7 @@ class DCIDTable {
     std::vector<UDCIDEntry> old;
     old.swap(slots_);
     try {
-      Reset(64 - shift_ + 1);
+      Reset(64 - shift_ + 2);
     } catch (...) {
       old.swap(slots_);
       throw;
