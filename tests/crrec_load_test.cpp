@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "build.h"
-#include "inspect.h"
+#include "examine.h"
 #include "json.h"
 #include "load.h"
 #include "crrec_support.h"

@@ -18,7 +18,7 @@
 #include <crrecord/platform/status.h>
 
 #include "Endian.h"
-#include "inspect.h"
+#include "examine.h"
 #include "util.h"
 
 namespace crrec {

@@ -15,7 +15,7 @@
 #include <crrecord/SOmarshall.h>
 
 #include "build.h"
-#include "inspect.h"
+#include "examine.h"
 #include "json.h"
 #include "load.h"
 #include "sample.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <ostream>
 
-#include "inspect.h"
+#include "examine.h"
 #include "load.h"
 #include "util.h"
 

@@ -1,5 +1,5 @@
 // Printing records for people, verifying them, and their digest.
-#include "inspect.h"
+#include "examine.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,7 +1,7 @@
 // `crrec show`, `verify` and `digest`: printing an opened record for a
 // person, running every check there is on it, and its digest.
-#ifndef CRREC_INSPECT_H
-#define CRREC_INSPECT_H
+#ifndef CRREC_EXAMINE_H
+#define CRREC_EXAMINE_H
 
 #include <cstdint>
 #include <iosfwd>
@@ -42,4 +42,4 @@ const char* FPTypeName(unsigned fptype);
 
 }  // namespace crrec
 
-#endif  // CRREC_INSPECT_H
+#endif  // CRREC_EXAMINE_H
