@@ -23,7 +23,6 @@
 #include "crrecord/DORecord.h"
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/status.h"
-#include "fingerprint_batch.h"
 #include "hex.h"
 #include "serialized_form.h"
 #include "test_support.h"

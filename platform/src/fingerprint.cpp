@@ -17,7 +17,6 @@
 #include <new>
 
 #include "crrecord/platform/status.h"
-#include "fingerprint_batch.h"
 #include "hex.h"
 
 namespace crrecord {

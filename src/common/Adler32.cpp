@@ -122,6 +122,9 @@ CR_AVX2 uint32_t UpdateAVX2(uint32_t adler, const unsigned char* p, size_t lengt
     }
     FoldRun(&a, &b, blocks * 32, Sum32x8(sums), Sum32x8(prefix), Sum32x8(weighted), 32);
   }
+  // Clean upper register halves, or the SSE code that runs next (ours or
+  // the caller's) may be slowed by them.
+  _mm256_zeroupper();
   return UpdatePortable((b << 16) | a, p, length);
 }
 
@@ -168,7 +171,7 @@ CR_AVX512 uint32_t UpdateAVX512(uint32_t adler, const unsigned char* p, size_t l
     }
     FoldRun(&a, &b, blocks * 64, Sum32x16(sums), Sum32x16(prefix), Sum32x16(weighted), 64);
   }
-  return UpdateAVX2((b << 16) | a, p, length);
+  return UpdateAVX2((b << 16) | a, p, length);  // which clears the upper halves
 }
 
 struct Adler32Impl {

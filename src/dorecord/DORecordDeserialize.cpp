@@ -15,7 +15,6 @@
 #include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
 #include "dorecord/SegmentScan.h"
-#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;

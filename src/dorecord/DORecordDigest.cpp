@@ -8,7 +8,6 @@
 #include "common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
-#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;

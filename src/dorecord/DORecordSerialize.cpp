@@ -20,7 +20,6 @@
 #include "common/Endian.h"
 #include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
-#include "fingerprint_batch.h"
 #include "status/Report.h"
 
 using namespace crrecord;
