@@ -505,10 +505,15 @@ TEST(RecordFastPathTest, TextFormOfManySegmentsInDecimalAndInHex) {
 
 // More distinct containers than the table starts with, and enough for the
 // radix sort: the entries come out ascending, with the bytes summed.
+// 50,000 containers outgrow a table that fits the cache, and the list is
+// then gathered by partitions: the result must not tell the two apart.
 TEST(RecordFastPathTest, UniqueDCIDListOfThousandsOfContainers) {
-  for (uint32_t containers : {3000u, 40u}) {
+  struct Case {
+    uint32_t segments, containers;
+  };
+  for (const Case c : {Case{20000, 3000}, Case{20000, 40}, Case{200000, 50000}}) {
     const std::vector<crtest::Seg> segs =
-        ManySegments(20000, CR_FP_TYPE_MD5, containers, containers);
+        ManySegments(c.segments, CR_FP_TYPE_MD5, c.containers, c.containers);
     std::map<uint64_t, uint64_t> expected;
     for (const crtest::Seg& s : segs) expected[s.dcid] += s.size;
     std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_NO_OFFSET, CR_FP_TYPE_MD5, segs);
@@ -521,9 +526,26 @@ TEST(RecordFastPathTest, UniqueDCIDListOfThousandsOfContainers) {
     section.le32(crtest::SlowAdler32(body.data(), body.size())).raw(body.data(), body.size());
     EXPECT_EQ(crtest::Hex(r->GetSegmentUDCIDList(), section.size()),
               crtest::Hex(section.data(), section.size()))
-        << containers << " containers";
-    EXPECT_EQ(r->GetHeaderSize(), 80 + 20000 * (16 + 4 + 8) + section.size());
+        << c.containers << " containers";
+    EXPECT_EQ(r->GetHeaderSize(), 80 + uint64_t{c.segments} * (16 + 4 + 8) + section.size());
   }
+}
+
+// Invalid DCIDs far behind the point where the gathering turns to
+// partitions: the first of them is named, and the record stays as it was.
+TEST(RecordFastPathTest, UniqueDCIDListNamesTheFirstInvalidDCIDAmongManyContainers) {
+  const std::vector<crtest::Seg> segs = ManySegments(200000, CR_FP_TYPE_MD5, 50000, 7);
+  std::unique_ptr<DORecord> r = BuildFromSegs(CR_DO_TYPE_NO_OFFSET, CR_FP_TYPE_MD5, segs);
+  r->SetSegmentDCID(150001, 63);
+  r->SetSegmentDCID(199999, 0);
+  const uint64_t size = r->GetHeaderSize();
+  crtest::LogCapture log;
+  EXPECT_EQ(r->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
+  EXPECT_EQ(log.texts(), std::vector<std::string>{
+                            "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
+                            crtest::Hex(segs[150001].fp.data(), 16) + " at index 150001."});
+  EXPECT_EQ(r->GetNudcid(), 0u);
+  EXPECT_EQ(r->GetHeaderSize(), size);
 }
 
 // The digest block built independently and hashed through the fingerprint

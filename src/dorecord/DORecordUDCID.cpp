@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -53,6 +54,11 @@ bool ByDCID(const UDCIDEntry& a, const UDCIDEntry& b) { return a.dcid < b.dcid; 
 // DCID 0 marks a free slot; only DCIDs of 64 and above are ever added.
 class DCIDTable {
  public:
+  // The largest table a capped Gather grows to (1 MiB, about the L2 cache):
+  // beyond it nearly every lookup would miss the cache, and the rest of the
+  // list is better gathered by partitions (GatherByPartitions).
+  static constexpr size_t kLargestCachedSlots = 65536;
+
   explicit DCIDTable(uint64_t maxKeys) {
     unsigned int bits = 4;
     const uint64_t keys = maxKeys < kInitialKeys ? maxKeys : kInitialKeys;
@@ -60,16 +66,19 @@ class DCIDTable {
     Reset(bits);
   }
 
-  // Adds segments 0 .. count - 1: the DCID of segment i at dcids + 8 i, its
-  // size sizeOf(i). Stops at the first DCID below 64 and returns its index;
-  // returns count when there is none. Throws std::bad_alloc when the table
-  // cannot grow.
+  size_t size() const { return size_; }
+
+  // Adds entries 0 .. count - 1: DCID dcidOf(i), bytes sizeOf(i). Returns
+  // count when all are in, else the index of the entry it stopped at: the
+  // first DCID below 64, or, when capped, the first new DCID that would grow
+  // the table beyond kLargestCachedSlots. Throws std::bad_alloc when the
+  // table cannot grow.
   //
   // The loop keeps the table's state in locals, since its stores into the
   // slots could otherwise alias the members; a table larger than the cache
-  // has each segment's slot fetched a few segments ahead.
-  template <class SizeOf>
-  uint32_t Gather(const unsigned char* dcids, uint32_t count, SizeOf sizeOf) {
+  // has each entry's slot fetched a few entries ahead.
+  template <class DcidOf, class SizeOf>
+  uint32_t Gather(uint32_t count, DcidOf dcidOf, SizeOf sizeOf, bool capped) {
     constexpr uint32_t kAhead = 32;
     constexpr size_t kCachedSlots = 8192;  // 128 KiB
     UDCIDEntry* slots = slots_.data();
@@ -82,9 +91,9 @@ class DCIDTable {
     UDCIDEntry* last = nullptr;
     for (uint32_t i = 0; i < count; ++i) {
       if (prefetch && count - i > kAhead) {
-        __builtin_prefetch(&slots[Home(Load<uint64_t>(dcids + 8 * uint64_t{i + kAhead}), shift)]);
+        __builtin_prefetch(&slots[Home(dcidOf(i + kAhead), shift)]);
       }
-      const uint64_t dcid = Load<uint64_t>(dcids + 8 * uint64_t{i});
+      const uint64_t dcid = dcidOf(i);
       if (dcid < 64) {
         size_ = size;
         return i;
@@ -100,6 +109,7 @@ class DCIDTable {
       if (slots[h].dcid == 0) {
         if (size == room) {
           size_ = size;
+          if (capped && slots_.size() * 4 > kLargestCachedSlots) return i;
           Grow();
           slots = slots_.data();
           mask = mask_;
@@ -111,6 +121,7 @@ class DCIDTable {
         }
         slots[h].dcid = dcid;
         ++size;
+        if (tracking_) used_.push_back(static_cast<uint32_t>(h));
       }
       slots[h].bytes += bytes;
       lastDcid = dcid;
@@ -118,6 +129,36 @@ class DCIDTable {
     }
     size_ = size;
     return count;
+  }
+
+  // Calls f(entry) for every key in the table, in slot order.
+  template <class F>
+  void ForEach(F f) const {
+    for (const UDCIDEntry& slot : slots_) {
+      if (slot.dcid != 0) f(slot);
+    }
+  }
+
+  // Frees the table's memory; it takes no keys after this.
+  void Release() {
+    std::vector<UDCIDEntry>().swap(slots_);
+    std::vector<uint32_t>().swap(used_);
+    size_ = 0;
+  }
+
+  // From now on the table notes the slots it fills, so that DrainInto costs
+  // in proportion to the keys rather than to the slots. REQUIRES: empty.
+  void TrackSlots() { tracking_ = true; }
+
+  // Appends the keys to *out in no particular order and empties the table,
+  // keeping its slots for the next use. REQUIRES: TrackSlots.
+  void DrainInto(std::vector<UDCIDEntry>* out) {
+    for (uint32_t h : used_) {
+      out->push_back(slots_[h]);
+      slots_[h] = UDCIDEntry{0, 0};
+    }
+    used_.clear();
+    size_ = 0;
   }
 
   // The occupied slots, packed and in ascending DCID order; empties the table.
@@ -140,6 +181,30 @@ class DCIDTable {
     std::vector<UDCIDEntry> out;
     out.swap(slots_);
     return out;
+  }
+
+  // Least-significant-byte-first radix sort of the n entries at a by DCID,
+  // through the n entries of room at b; the result ends in a. Bytes in
+  // which all DCIDs agree take no pass.
+  static void RadixSort(UDCIDEntry* a, UDCIDEntry* b, size_t n) {
+    uint32_t counts[8][256] = {};  // n < 2^32: there are fewer entries than segments
+    for (size_t i = 0; i < n; ++i) {
+      for (unsigned int d = 0; d < 8; ++d) ++counts[d][(a[i].dcid >> (8 * d)) & 0xFF];
+    }
+    UDCIDEntry* from = a;
+    UDCIDEntry* to = b;
+    for (unsigned int d = 0; d < 8; ++d) {
+      if (counts[d][(a[0].dcid >> (8 * d)) & 0xFF] == n) continue;
+      uint32_t at = 0;
+      for (uint32_t& c : counts[d]) {
+        const uint32_t here = c;
+        c = at;
+        at += here;
+      }
+      for (size_t i = 0; i < n; ++i) to[counts[d][(from[i].dcid >> (8 * d)) & 0xFF]++] = from[i];
+      std::swap(from, to);
+    }
+    if (from != a) std::memcpy(a, from, n * sizeof *a);
   }
 
  private:
@@ -171,44 +236,92 @@ class DCIDTable {
       old.swap(slots_);
       throw;
     }
+    used_.clear();
     for (const UDCIDEntry& slot : old) {
       if (slot.dcid == 0) continue;
       uint64_t i = Home(slot.dcid, shift_);
       while (slots_[i].dcid != 0) i = (i + 1) & mask_;
       slots_[i] = slot;
       ++size_;
+      if (tracking_) used_.push_back(static_cast<uint32_t>(i));
     }
-  }
-
-  // Least-significant-byte-first radix sort of the n entries at a by DCID,
-  // through the n entries of room at b; the result ends in a. Bytes in
-  // which all DCIDs agree take no pass.
-  static void RadixSort(UDCIDEntry* a, UDCIDEntry* b, size_t n) {
-    uint32_t counts[8][256] = {};  // n < 2^32: there are fewer entries than segments
-    for (size_t i = 0; i < n; ++i) {
-      for (unsigned int d = 0; d < 8; ++d) ++counts[d][(a[i].dcid >> (8 * d)) & 0xFF];
-    }
-    UDCIDEntry* from = a;
-    UDCIDEntry* to = b;
-    for (unsigned int d = 0; d < 8; ++d) {
-      if (counts[d][(a[0].dcid >> (8 * d)) & 0xFF] == n) continue;
-      uint32_t at = 0;
-      for (uint32_t& c : counts[d]) {
-        const uint32_t here = c;
-        c = at;
-        at += here;
-      }
-      for (size_t i = 0; i < n; ++i) to[counts[d][(from[i].dcid >> (8 * d)) & 0xFF]++] = from[i];
-      std::swap(from, to);
-    }
-    if (from != a) std::memcpy(a, from, n * sizeof *a);
   }
 
   std::vector<UDCIDEntry> slots_;
+  std::vector<uint32_t> used_;  // the filled slots, while tracking_
+  bool tracking_ = false;
   uint64_t mask_ = 0;
   unsigned int shift_ = 0;
   size_t size_ = 0;
 };
+
+// The rest of a list whose containers outgrew a table that fits the cache:
+// entries from..count - 1, and the keys the table already holds. Both are
+// scattered by DCID into 256 partitions, in one buffer, and each partition
+// is then gathered by a table that fits the cache. The buffer is written in
+// 256 sequential streams and read back in order, where one large table
+// would miss the cache on nearly every lookup. Returns count, or the index of the first
+// DCID below 64 from `from` on; fills *out in ascending DCID order.
+template <class DcidOf, class SizeOf>
+uint32_t GatherByPartitions(DCIDTable* table, uint32_t from, uint32_t count, DcidOf dcidOf,
+                            SizeOf sizeOf, std::vector<UDCIDEntry>* out) {
+  constexpr unsigned int kParts = 256;
+  // Bits of the product that the tables' own hashing (its top bits) does
+  // not use, so that a partition's keys still spread over its table.
+  auto part = [](uint64_t dcid) {
+    return static_cast<uint32_t>(((dcid * 0x9E3779B97F4A7C15ull) >> 24) & (kParts - 1));
+  };
+  uint64_t starts[kParts + 1] = {};
+  for (uint32_t i = from; i < count; ++i) {
+    const uint64_t dcid = dcidOf(i);
+    if (dcid < 64) return i;
+    ++starts[part(dcid) + 1];
+  }
+  table->ForEach([&](const UDCIDEntry& e) { ++starts[part(e.dcid) + 1]; });
+  for (unsigned int p = 0; p < kParts; ++p) starts[p + 1] += starts[p];
+
+  // Left unfilled by new[]: every entry is written below.
+  std::unique_ptr<UDCIDEntry[]> scattered(new UDCIDEntry[starts[kParts]]);
+  uint64_t at[kParts];
+  std::copy(starts, starts + kParts, at);
+  table->ForEach([&](const UDCIDEntry& e) { scattered[at[part(e.dcid)]++] = e; });
+  table->Release();
+  for (uint32_t i = from; i < count; ++i) {
+    const uint64_t dcid = dcidOf(i);
+    scattered[at[part(dcid)]++] = UDCIDEntry{dcid, sizeOf(i)};
+  }
+
+  DCIDTable small(kParts);
+  small.TrackSlots();
+  out->clear();
+  for (unsigned int p = 0; p < kParts; ++p) {
+    const UDCIDEntry* e = scattered.get() + starts[p];
+    const uint32_t n = static_cast<uint32_t>(starts[p + 1] - starts[p]);
+    small.Gather(n, [e](uint32_t i) { return e[i].dcid; }, [e](uint32_t i) { return e[i].bytes; },
+                 false);
+    small.DrainInto(out);
+  }
+  // Every key came in at least one entry: the scattered buffer is room
+  // enough for the sort's second copy.
+  DCIDTable::RadixSort(out->data(), scattered.get(), out->size());
+  return count;
+}
+
+// The distinct containers of entries 0..count - 1 with their bytes, in
+// ascending DCID order. Returns count, or the index of the first DCID below
+// 64 (and then *out is unspecified).
+template <class DcidOf, class SizeOf>
+uint32_t GatherUnique(uint32_t count, DcidOf dcidOf, SizeOf sizeOf,
+                      std::vector<UDCIDEntry>* out) {
+  DCIDTable table(count);
+  const uint32_t stop = table.Gather(count, dcidOf, sizeOf, true);
+  if (stop == count) {
+    *out = table.TakeSorted();
+    return count;
+  }
+  if (dcidOf(stop) < 64) return stop;
+  return GatherByPartitions(&table, stop, count, dcidOf, sizeOf, out);
+}
 
 // Whether the record's unique-DCID list stands big-endian (see the file
 // comment). REQUIRES: the section, when nudcid > 0, lies inside the record.
@@ -291,24 +404,24 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
       const uint32_t lastDerived = static_cast<uint32_t>(GetSize() - uint64_t{nfp - 1} * ssize);
       const unsigned char* sizeField = DORecordHeaderIndexOfSegment(header_, 0) + fpWidth;
 
-      DCIDTable table(nfp);
       const unsigned char* dcids = DORecordHeaderIndexOfDCID(header_, 0);
+      auto dcidOf = [dcids](uint32_t i) { return Load<uint64_t>(dcids + 8 * uint64_t{i}); };
       uint32_t invalid;
       if (storedSizes && networkOrder_) {
-        invalid = table.Gather(dcids, nfp, [=](uint32_t i) {
+        invalid = GatherUnique(nfp, dcidOf, [=](uint32_t i) {
           return ByteSwap(Load<uint32_t>(sizeField + uint64_t{i} * entryWidth));
-        });
+        }, &entries);
       } else if (storedSizes) {
-        invalid = table.Gather(dcids, nfp, [=](uint32_t i) {
+        invalid = GatherUnique(nfp, dcidOf, [=](uint32_t i) {
           return Load<uint32_t>(sizeField + uint64_t{i} * entryWidth);
-        });
+        }, &entries);
       } else if (derivedSizes) {
         const uint32_t nominal = static_cast<uint32_t>(ssize);
-        invalid = table.Gather(dcids, nfp, [=](uint32_t i) {
+        invalid = GatherUnique(nfp, dcidOf, [=](uint32_t i) {
           return i + 1 == nfp ? lastDerived : nominal;
-        });
+        }, &entries);
       } else {
-        invalid = table.Gather(dcids, nfp, [](uint32_t) { return kNoSegmentSize; });
+        invalid = GatherUnique(nfp, dcidOf, [](uint32_t) { return kNoSegmentSize; }, &entries);
       }
       if (invalid != nfp) {
         const uint32_t i = invalid;
@@ -322,7 +435,6 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
                static_cast<unsigned long>(dcid), text, i);
         return CR_STATUS_INVALID;
       }
-      entries = table.TakeSorted();
     }
   } catch (const std::bad_alloc&) {
     // Gathering needs memory in proportion to the list; without it the
