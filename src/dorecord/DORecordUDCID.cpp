@@ -54,10 +54,10 @@ bool ByDCID(const UDCIDEntry& a, const UDCIDEntry& b) { return a.dcid < b.dcid; 
 // DCID 0 marks a free slot; only DCIDs of 64 and above are ever added.
 class DCIDTable {
  public:
-  // The largest table a capped Gather grows to (1 MiB, about the L2 cache):
-  // beyond it nearly every lookup would miss the cache, and the rest of the
-  // list is better gathered by partitions (GatherByPartitions).
-  static constexpr size_t kLargestCachedSlots = 65536;
+  // The largest table a capped Gather grows to (512 KiB, within the L2
+  // cache): beyond it nearly every lookup would miss the cache, and the rest
+  // of the list is better gathered by partitions (GatherByPartitions).
+  static constexpr size_t kLargestCachedSlots = 32768;
 
   explicit DCIDTable(uint64_t maxKeys) {
     unsigned int bits = 4;
