@@ -121,7 +121,7 @@ class DCIDTable {
         }
         slots[h].dcid = dcid;
         ++size;
-        if (tracking_) used_.push_back(static_cast<uint32_t>(h));
+        if (tracking_) used_.push_back(&slots[h]);
       }
       slots[h].bytes += bytes;
       lastDcid = dcid;
@@ -142,7 +142,7 @@ class DCIDTable {
   // Frees the table's memory; it takes no keys after this.
   void Release() {
     std::vector<UDCIDEntry>().swap(slots_);
-    std::vector<uint32_t>().swap(used_);
+    std::vector<UDCIDEntry*>().swap(used_);
     size_ = 0;
   }
 
@@ -153,9 +153,9 @@ class DCIDTable {
   // Appends the keys to *out in no particular order and empties the table,
   // keeping its slots for the next use. REQUIRES: TrackSlots.
   void DrainInto(std::vector<UDCIDEntry>* out) {
-    for (uint32_t h : used_) {
-      out->push_back(slots_[h]);
-      slots_[h] = UDCIDEntry{0, 0};
+    for (UDCIDEntry* slot : used_) {
+      out->push_back(*slot);
+      *slot = UDCIDEntry{0, 0};
     }
     used_.clear();
     size_ = 0;
@@ -243,12 +243,12 @@ class DCIDTable {
       while (slots_[i].dcid != 0) i = (i + 1) & mask_;
       slots_[i] = slot;
       ++size_;
-      if (tracking_) used_.push_back(static_cast<uint32_t>(i));
+      if (tracking_) used_.push_back(&slots_[i]);
     }
   }
 
   std::vector<UDCIDEntry> slots_;
-  std::vector<uint32_t> used_;  // the filled slots, while tracking_
+  std::vector<UDCIDEntry*> used_;  // the filled slots, while tracking_
   bool tracking_ = false;
   uint64_t mask_ = 0;
   unsigned int shift_ = 0;
