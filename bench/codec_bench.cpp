@@ -28,15 +28,8 @@ std::vector<unsigned char> Random(size_t n) {
   return v;
 }
 
-const char* Name(HexPath p) {
-  return p == HexPath::kAVX2 ? "avx2" : p == HexPath::kSSSE3 ? "ssse3" : "portable";
-}
-const char* Name(Adler32Path p) {
-  return p == Adler32Path::kAVX512 ? "avx512"
-         : p == Adler32Path::kAVX2 ? "avx2"
-         : p == Adler32Path::kSSSE3 ? "ssse3"
-                                    : "portable";
-}
+const char* Name(HexPath p) { return crrecord::HexPathName(p); }
+const char* Name(Adler32Path p) { return crrecord::Adler32PathName(p); }
 
 constexpr size_t kBulk = 1 << 20;  // bytes of binary input; fits the cache with its text
 constexpr size_t kFields = 100000;  // fingerprints laid out as in a DO type 3 record

@@ -36,15 +36,8 @@ const HexPath kHexPaths[] = {HexPath::kPortable, HexPath::kSSSE3, HexPath::kAVX2
 const Adler32Path kAdlerPaths[] = {Adler32Path::kPortable, Adler32Path::kSSSE3,
                                    Adler32Path::kAVX2, Adler32Path::kAVX512};
 
-const char* Name(HexPath p) {
-  return p == HexPath::kAVX2 ? "avx2" : p == HexPath::kSSSE3 ? "ssse3" : "portable";
-}
-const char* Name(Adler32Path p) {
-  return p == Adler32Path::kAVX512 ? "avx512"
-         : p == Adler32Path::kAVX2 ? "avx2"
-         : p == Adler32Path::kSSSE3 ? "ssse3"
-                                    : "portable";
-}
+const char* Name(HexPath p) { return crrecord::HexPathName(p); }
+const char* Name(Adler32Path p) { return crrecord::Adler32PathName(p); }
 
 // Puts the dispatch back as it was when the test is done.
 class HexPathGuard {

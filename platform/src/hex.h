@@ -38,6 +38,10 @@ bool HexPathAvailable(HexPath path);
 // CPU cannot run it.
 bool HexForcePath(HexPath path);
 HexPath HexActivePath();
+// The name benchmarks and test messages give the path.
+inline const char* HexPathName(HexPath path) {
+  return path == HexPath::kAVX2 ? "avx2" : path == HexPath::kSSSE3 ? "ssse3" : "portable";
+}
 
 }  // namespace crrecord
 

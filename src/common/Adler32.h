@@ -21,6 +21,13 @@ bool Adler32PathAvailable(Adler32Path path);
 // CPU cannot run it.
 bool Adler32ForcePath(Adler32Path path);
 Adler32Path Adler32ActivePath();
+// The name benchmarks and test messages give the path.
+inline const char* Adler32PathName(Adler32Path path) {
+  return path == Adler32Path::kAVX512  ? "avx512"
+         : path == Adler32Path::kAVX2  ? "avx2"
+         : path == Adler32Path::kSSSE3 ? "ssse3"
+                                       : "portable";
+}
 
 }  // namespace crrecord
 
