@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Set-up, build and run crrecord on Debian 12.
 #
-#   ./dev.sh demo   install what is missing, build, run the main job
+#   ./dev.sh demo   install what is missing, build (in build-demo), run the main job
 #   ./dev.sh test   install what is missing, build, run the whole test suite
 #                   (plain build, then again under AddressSanitizer + UBSan,
 #                   the thread test under ThreadSanitizer, and each fuzz
@@ -41,36 +41,50 @@ install_missing() {
   fi
 }
 
+jobs=$(nproc)
+
 build() {  # build DIR [cmake options...]
   local dir=$1
   shift
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-  cmake --build "$dir" -j"$(nproc)"
+  cmake --build "$dir" -j"$jobs"
 }
 
-jobs=$(nproc)
+# Every option a command relies on is said on each configure: a build folder
+# configured earlier, by hand or by another command, keeps its cache, and a
+# cached OFF would otherwise silently drop what this command is meant to run.
+# A run that finds no test fails (--no-tests=error).
+SUITE=(-DCRRECORD_BUILD_TESTS=ON -DCRRECORD_BUILD_TOOLS=ON -DCRRECORD_BUILD_FUZZERS=OFF
+       -DCRRECORD_COVERAGE=OFF -DCRRECORD_TSAN=OFF)
+run_tests() {  # run_tests DIR
+  ctest --test-dir "$1" --output-on-failure --no-tests=error -j"$jobs"
+}
+
 command=${1:-demo}
 case "$command" in
   demo)
     install_missing
-    build build -DCRRECORD_BUILD_TESTS=OFF
-    ./build/tools/crrec
+    # A folder of its own: the test suite's folder keeps its tests.
+    build build-demo -DCRRECORD_BUILD_TESTS=OFF -DCRRECORD_BUILD_TOOLS=ON \
+      -DCRRECORD_BUILD_EXAMPLES=OFF -DCRRECORD_SANITIZE=OFF
+    ./build-demo/tools/crrec
     ;;
   test)
     PACKAGES+=(doxygen dpkg-dev file)
     install_missing
     # Prefix /usr: the packages install into Debian's multiarch libdir.
     # The benchmarks are built here too, not run (bench/report.py runs them).
-    build build -DCMAKE_INSTALL_PREFIX=/usr -DCRRECORD_BUILD_BENCHMARKS=ON
-    ctest --test-dir build --output-on-failure -j"$jobs"
+    build build "${SUITE[@]}" -DCMAKE_INSTALL_PREFIX=/usr -DCRRECORD_BUILD_BENCHMARKS=ON \
+      -DCRRECORD_BUILD_EXAMPLES=ON -DCRRECORD_SANITIZE=OFF
+    run_tests build
     cmake --build build --target docs
     examples/check_installed.sh build
-    build build-sanitize -DCRRECORD_SANITIZE=ON -DCRRECORD_BUILD_EXAMPLES=OFF
-    ctest --test-dir build-sanitize --output-on-failure -j"$jobs"
+    build build-sanitize "${SUITE[@]}" -DCRRECORD_SANITIZE=ON -DCRRECORD_BUILD_EXAMPLES=OFF
+    run_tests build-sanitize
     # Only the thread test under ThreadSanitizer: it is the one that runs
     # the library on several threads, and the others would double CI time.
-    cmake -S . -B build-tsan -G Ninja -DCRRECORD_TSAN=ON -DCRRECORD_BUILD_TOOLS=OFF \
-      -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null
+    cmake -S . -B build-tsan -G Ninja -DCRRECORD_TSAN=ON -DCRRECORD_SANITIZE=OFF \
+      -DCRRECORD_BUILD_TESTS=ON -DCRRECORD_BUILD_TOOLS=OFF -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null
     cmake --build build-tsan --target thread_test -j"$jobs"
     ./build-tsan/tests/thread_test
     # Each fuzz target for a bounded number of inputs, built with clang.
