@@ -267,7 +267,7 @@ class Events : public nlohmann::json_sax<Value> {
   bool number_integer(number_integer_t v) override { return Scalar(Value(v)); }
   bool number_unsigned(number_unsigned_t v) override { return Scalar(Value(v)); }
   bool number_float(number_float_t v, const string_t&) override { return Scalar(Value(v)); }
-  bool string(string_t& v) override { return Scalar(Value(std::move(v))); }
+  bool string(string_t& v) override { return Scalar(Value(v)); }  // the parser reuses v
   bool binary(binary_t&) override { return Scalar(Value()); }  // not produced by JSON text
 
   bool start_object(std::size_t) override { return Open(true); }
@@ -281,11 +281,11 @@ class Events : public nlohmann::json_sax<Value> {
       if (!IsOneOf(key, kDOKeys) && !IsOneOf(key, kSOKeys)) in_.Fail(key, "unknown field");
       if (doc_->Has(key)) in_.Fail("", "duplicate field \"" + key + "\"");
       doc_->keys.push_back(key);
-      topKey_ = std::move(key);
+      topKey_ = key;
     } else {  // kObject
       if (!IsOneOf(key, *allowed_)) in_.Fail(Join(objectPath_, key), "unknown field");
       if (object_.contains(key)) in_.Fail(objectPath_, "duplicate field \"" + key + "\"");
-      objectKey_ = std::move(key);
+      objectKey_ = key;
     }
     return true;
   }
