@@ -89,12 +89,10 @@ Loaded LoadJson(const std::string& name, const unsigned char* data, size_t lengt
 
 // Shared by the writer and the reader.
 namespace json_layout {
-constexpr unsigned kSOFixed = 96;    // a segment DB record's fixed part
-constexpr unsigned kSOTrailer = 8;   // the bytes after its fingerprints
+constexpr unsigned kSOFixed = 96;   // a segment DB record's fixed part
+constexpr unsigned kSOTrailer = 8;  // the bytes after its fingerprints
 constexpr size_t kSOKey = 33;
-inline unsigned FingerprintWidth(unsigned fptype) {
-  return fptype == CR_FP_TYPE_SHA256 ? 32 : 16;
-}
+inline unsigned FingerprintWidth(unsigned fptype) { return fptype == CR_FP_TYPE_SHA256 ? 32 : 16; }
 }  // namespace json_layout
 
 }  // namespace crrec

@@ -35,16 +35,18 @@ bool IsOneOf(const std::string& key, const KeyList& keys) {
   return std::any_of(keys.begin(), keys.end(), [&](const char* k) { return key == k; });
 }
 
-const KeyList kDOKeys = {"form",     "byte_order", "checksum", "header", "old_taskids",
-                      "old_dsids", "segments",  "bloom",    "unique_dcids_byte_order",
-                      "unique_dcids", "trefs"};
-const KeyList kSOKeys = {"form",   "byte_order", "type",  "flags",      "recsize",   "unused",
-                      "ntaskid", "checktime", "reserved1", "DCID",   "fileID",    "size",
-                      "CRC",    "ndo",        "key",   "fptype",     "cryptoMode", "pad",
-                      "keyIndex", "reserved2", "taskids", "fingerprints", "trailer"};
-const KeyList kHeaderKeys = {"type",  "flags", "recsize",  "checktime", "CID",    "size",
-                          "ssize", "CRC",   "ctime",    "mtime",     "ntaskid", "nfp",
-                          "nudcid", "nds",  "trefsize", "bsize",     "fptype", "dotype"};
+const KeyList kDOKeys = {"form",         "byte_order",  "checksum",
+                         "header",       "old_taskids", "old_dsids",
+                         "segments",     "bloom",       "unique_dcids_byte_order",
+                         "unique_dcids", "trefs"};
+const KeyList kSOKeys = {"form",    "byte_order",   "type",      "flags",     "recsize",
+                         "unused",  "ntaskid",      "checktime", "reserved1", "DCID",
+                         "fileID",  "size",         "CRC",       "ndo",       "key",
+                         "fptype",  "cryptoMode",   "pad",       "keyIndex",  "reserved2",
+                         "taskids", "fingerprints", "trailer"};
+const KeyList kHeaderKeys = {"type",   "flags", "recsize",  "checktime", "CID",     "size",
+                             "ssize",  "CRC",   "ctime",    "mtime",     "ntaskid", "nfp",
+                             "nudcid", "nds",   "trefsize", "bsize",     "fptype",  "dotype"};
 const KeyList kBloomKeys = {"bitmap"};
 const KeyList kSegmentKeys = {"fp", "size", "offset", "object_offset", "dcid"};
 const KeyList kUniqueKeys = {"dcid", "bytes"};
@@ -64,8 +66,8 @@ Shape ShapeOf(const std::string& key) {
   if (key == "segments") return {true, &kSegmentKeys};
   if (key == "unique_dcids") return {true, &kUniqueKeys};
   if (key == "trefs") return {true, &kTRefKeys};
-  const bool list = key == "old_taskids" || key == "old_dsids" || key == "taskids" ||
-                    key == "fingerprints";
+  const bool list =
+      key == "old_taskids" || key == "old_dsids" || key == "taskids" || key == "fingerprints";
   return {list, nullptr};
 }
 
@@ -236,9 +238,11 @@ class Document {
   void AddTRef(const std::string& path, const Value& t) {
     in_.Keys(t, path, kTRefKeys);
     const uint64_t kind = in_.Field(t, path, "kind", CR_TREF_TYPE_END - 1);
-    std::vector<unsigned char> bytes = in_.Hex(in_.Member(t, path, "bytes"), path + ".bytes", SIZE_MAX);
+    std::vector<unsigned char> bytes =
+        in_.Hex(in_.Member(t, path, "bytes"), path + ".bytes", SIZE_MAX);
     unsigned long consumed = 0;
-    _cr_tref_t* ref = CRTRefNewDeserialize(bytes.data(), bytes.size(), CR_TREF_MODE_BINARY, &consumed);
+    _cr_tref_t* ref =
+        CRTRefNewDeserialize(bytes.data(), bytes.size(), CR_TREF_MODE_BINARY, &consumed);
     const bool whole = ref != nullptr && consumed == bytes.size();
     const uint64_t actual = ref != nullptr ? uint64_t{CRTRefGetType(ref)} : 0;
     CRTRefDelete(&ref);
@@ -268,7 +272,7 @@ class Events : public nlohmann::json_sax<Value> {
   bool number_unsigned(number_unsigned_t v) override { return Scalar(Value(v)); }
   bool number_float(number_float_t v, const string_t&) override { return Scalar(Value(v)); }
   bool string(string_t& v) override { return Scalar(Value(v)); }  // the parser reuses v
-  bool binary(binary_t&) override { return Scalar(Value()); }  // not produced by JSON text
+  bool binary(binary_t&) override { return Scalar(Value()); }     // not produced by JSON text
 
   bool start_object(std::size_t) override { return Open(true); }
   bool start_array(std::size_t) override { return Open(false); }
@@ -290,13 +294,13 @@ class Events : public nlohmann::json_sax<Value> {
     return true;
   }
 
-  bool parse_error(std::size_t, const std::string&,
-                   const nlohmann::detail::exception& e) override {
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) override {
     // The library's text starts with its own tag in brackets; the rest says
     // where and what.
     std::string what = e.what();
     size_t tag = what.find("] ");
-    Unsound(in_.name(), "not valid JSON: " + (tag == std::string::npos ? what : what.substr(tag + 2)));
+    Unsound(in_.name(),
+            "not valid JSON: " + (tag == std::string::npos ? what : what.substr(tag + 2)));
   }
 
  private:
@@ -412,8 +416,8 @@ void Agrees(const Reader& in, const Value& obj, const std::string& path, const c
   if (!obj.contains(key)) return;
   uint64_t said = in.Field(obj, path, key, UINT64_MAX);
   if (said != actual) {
-    in.Fail(Join(path, key), std::to_string(said) + ", but the rebuilt record has " +
-                                 std::to_string(actual));
+    in.Fail(Join(path, key),
+            std::to_string(said) + ", but the rebuilt record has " + std::to_string(actual));
   }
 }
 
@@ -432,7 +436,8 @@ bool ArrayGiven(const Reader& in, const Document& d, const char* key) {
 bool NetworkOrder(const Reader& in, const Value& members) {
   if (!members.contains("byte_order")) return false;
   const std::string order = in.String(members, "", "byte_order");
-  if (order != "host" && order != "network") in.Fail("byte_order", "expected \"host\" or \"network\"");
+  if (order != "host" && order != "network")
+    in.Fail("byte_order", "expected \"host\" or \"network\"");
   return order == "network";
 }
 
@@ -459,10 +464,9 @@ std::vector<unsigned char> UniqueBlock(const std::vector<std::pair<uint64_t, uin
 // way they arrive: through the reader of the serialized form. So is a Bloom
 // record whose unique-DCID list stays big-endian (`bigList`), as that reader
 // leaves it.
-std::unique_ptr<DORecord> FromSerializedForm(const DOFields& f,
-                                             const std::vector<unsigned char>& bitmap,
-                                             const std::vector<std::pair<uint64_t, uint64_t>>& entries,
-                                             bool bigList) {
+std::unique_ptr<DORecord> FromSerializedForm(
+    const DOFields& f, const std::vector<unsigned char>& bitmap,
+    const std::vector<std::pair<uint64_t, uint64_t>>& entries, bool bigList) {
   std::vector<unsigned char> form(28);
   crrecord::StoreBE64(&form[0], f.size);
   crrecord::StoreBE64(&form[8], f.ssize);
@@ -493,14 +497,14 @@ std::unique_ptr<DORecord> FromSerializedForm(const DOFields& f,
   return record;
 }
 
-
 // Lays the old task-ID and DSID lists out behind the header of the record's
 // host-order bytes, where the library's locators place them, and opens the
 // result as a stored record: every check of opening runs, and the lists
 // become references as they do for a file.
 void AddOldLists(const Reader& in, const Document& d, uint32_t mtime, Loaded* loaded) {
   const std::vector<unsigned char> flat = StoredBytes(*loaded->record, false);
-  const uint64_t total = flat.size() + 8 * uint64_t{d.oldTaskIds.size()} + 4 * uint64_t{d.oldDsids.size()};
+  const uint64_t total =
+      flat.size() + 8 * uint64_t{d.oldTaskIds.size()} + 4 * uint64_t{d.oldDsids.size()};
   if (total > UINT32_MAX) in.Fail("old_taskids", "the record would exceed 4 GiB");
   std::vector<uint64_t> aligned((total + 7) / 8);  // the header is accessed as a struct
   DORecordHeader* h = reinterpret_cast<DORecordHeader*>(aligned.data());
@@ -511,7 +515,8 @@ void AddOldLists(const Reader& in, const Document& d, uint32_t mtime, Loaded* lo
   h->nds = static_cast<unsigned int>(d.oldDsids.size());
   h->recsize = static_cast<unsigned int>(total);
   for (size_t i = 0; i < d.oldTaskIds.size(); ++i) {
-    crrecord::Store<uint64_t>(DORecordHeaderIndexOfTaskId(h, static_cast<unsigned>(i)), d.oldTaskIds[i]);
+    crrecord::Store<uint64_t>(DORecordHeaderIndexOfTaskId(h, static_cast<unsigned>(i)),
+                              d.oldTaskIds[i]);
   }
   for (size_t i = 0; i < d.oldDsids.size(); ++i) {
     crrecord::Store<uint32_t>(DORecordHeaderIndexOfDataSelection(h, static_cast<unsigned>(i)),
@@ -519,7 +524,8 @@ void AddOldLists(const Reader& in, const Document& d, uint32_t mtime, Loaded* lo
   }
   unsigned char* body = DORecordHeaderIndexOfDataSelection(h, h->nds);
   std::memcpy(body, flat.data() + head, flat.size() - head);
-  loaded->record = OpenStored(in.name(), base, static_cast<size_t>(total), false, &loaded->fileHeader);
+  loaded->record =
+      OpenStored(in.name(), base, static_cast<size_t>(total), false, &loaded->fileHeader);
   // Turning the lists into references stamped the time.
   loaded->record->GetHeader()->mtime = mtime;
 }
@@ -572,8 +578,8 @@ Loaded DOFromJson(const Reader& in, const Document& d, Form form) {
   }
   const bool bloom = f.dotype == CR_DO_TYPE_BLOOM_FILTER;
   if ((form == Form::kSerializedBloom) != bloom && form != Form::kStored) {
-    in.Fail("form", std::string(FormKey(form)) + " does not go with DO type " +
-                        std::to_string(f.dotype));
+    in.Fail("form",
+            std::string(FormKey(form)) + " does not go with DO type " + std::to_string(f.dotype));
   }
 
   bool bigList = false;
@@ -584,12 +590,16 @@ Loaded DOFromJson(const Reader& in, const Document& d, Form form) {
     }
     bigList = order == "big";
     if (bigList && (!bloom || form != Form::kStored)) {
-      in.Fail("unique_dcids_byte_order", "only a stored Bloom DO record (DO type 4) keeps it big-endian");
+      in.Fail("unique_dcids_byte_order",
+              "only a stored Bloom DO record (DO type 4) keeps it big-endian");
     }
   }
-  const bool oldLists = ArrayGiven(in, d, "old_taskids") | ArrayGiven(in, d, "old_dsids");
+  ArrayGiven(in, d, "old_taskids");
+  ArrayGiven(in, d, "old_dsids");
+  const bool oldLists = !d.oldTaskIds.empty() || !d.oldDsids.empty();
   if (oldLists && form != Form::kStored) {
-    in.Fail(d.Has("old_taskids") ? "old_taskids" : "old_dsids", "only a stored record has old lists");
+    in.Fail(d.oldTaskIds.empty() ? "old_dsids" : "old_taskids",
+            "only a stored record has old lists");
   }
 
   const unsigned width = FingerprintWidth(f.fptype);
@@ -617,7 +627,8 @@ Loaded DOFromJson(const Reader& in, const Document& d, Form form) {
       const std::string sp = Indexed("segments", i);
       const PendingSegment& s = d.segments[i];
       unsigned char* entry = &segments[i * (width + extra)];
-      if (s.fpLength != width) in.Fail(sp + ".fp", "expected " + std::to_string(2 * width) + " hex digits");
+      if (s.fpLength != width)
+        in.Fail(sp + ".fp", "expected " + std::to_string(2 * width) + " hex digits");
       std::memcpy(entry, s.fp, width);
       if (extra > 0) {
         if (!s.hasSize) in.Fail(sp + ".size", "missing");
@@ -730,8 +741,8 @@ Loaded SOFromJson(const Reader& in, const Document& d) {
   loaded.soLength = static_cast<uint32_t>(recsize);
   _SegmentDBRecord* s = loaded.so();
   unsigned char* base = reinterpret_cast<unsigned char*>(s);
-  s->type = static_cast<unsigned short>(
-      j.contains("type") ? in.Field(j, "", "type", 0xFFFF) : uint64_t{CR_SO_RECORD_TYPE});
+  s->type = static_cast<unsigned short>(j.contains("type") ? in.Field(j, "", "type", 0xFFFF)
+                                                           : uint64_t{CR_SO_RECORD_TYPE});
   s->flags = static_cast<unsigned short>(in.Field(j, "", "flags", 0xFFFF));
   s->recsize = static_cast<uint32_t>(recsize);
   s->unused = static_cast<uint32_t>(in.Field(j, "", "unused", UINT32_MAX));
@@ -792,8 +803,8 @@ Loaded LoadJson(const std::string& name, const unsigned char* data, size_t lengt
   Form form;
   const std::string key = in.String(d.members, "", "form");
   if (!FormFromKey(key, &form) || form == Form::kJson) {
-    in.Fail("form", "\"" + key +
-                        "\" is not one of stored, serialized, serialized-bloom, segment-db");
+    in.Fail("form",
+            "\"" + key + "\" is not one of stored, serialized, serialized-bloom, segment-db");
   }
   if (form == Form::kSegmentDb) return SOFromJson(in, d);
   return DOFromJson(in, d, form);

@@ -58,8 +58,8 @@ Json DOToJson(const Loaded& loaded) {
   const Form form = loaded.origin == Form::kJson ? Form::kStored : loaded.origin;
   // Opening turned the file's old lists into references (and stamped mtime):
   // the header is told as the file had it, and those references as the lists.
-  const bool oldLists = form == Form::kStored &&
-                        (loaded.fileHeader.ntaskid > 0 || loaded.fileHeader.nds > 0);
+  const bool oldLists =
+      form == Form::kStored && (loaded.fileHeader.ntaskid > 0 || loaded.fileHeader.nds > 0);
   const DORecordHeader& told = oldLists ? loaded.fileHeader : *h;
 
   Json j;
@@ -137,6 +137,8 @@ Json DOToJson(const Loaded& loaded) {
     j["unique_dcids"] = std::move(entries);
   }
 
+  // A file with old lists has no reference section: every reference came
+  // from the lists.
   Json trefs = Json::array();
   for (unsigned kind = CR_TREF_TYPE_NONE; !oldLists && kind < CR_TREF_TYPE_END; ++kind) {
     const cr_reftype_t k = static_cast<cr_reftype_t>(kind);
@@ -147,7 +149,8 @@ Json DOToJson(const Loaded& loaded) {
       bytes.resize(written);
       char text[CR_TREF_TEXT_SIZE] = "";
       CRTRefToString(text, sizeof text, ref);
-      trefs.push_back(Json{{"kind", kind}, {"text", text}, {"bytes", HexEncode(bytes.data(), bytes.size())}});
+      trefs.push_back(
+          Json{{"kind", kind}, {"text", text}, {"bytes", HexEncode(bytes.data(), bytes.size())}});
     }
   }
   j["trefs"] = std::move(trefs);
@@ -196,8 +199,6 @@ Json SOToJson(const Loaded& loaded) {
 
 }  // namespace
 
-Json ToJson(const Loaded& loaded) {
-  return loaded.IsDO() ? DOToJson(loaded) : SOToJson(loaded);
-}
+Json ToJson(const Loaded& loaded) { return loaded.IsDO() ? DOToJson(loaded) : SOToJson(loaded); }
 
 }  // namespace crrec
