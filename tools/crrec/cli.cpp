@@ -64,7 +64,10 @@ struct InputArgs {
 };
 
 void AddInput(CLI::App* cmd, InputArgs* in) {
-  cmd->add_option("FILE", in->file, "the record file (- for standard input)")->required();
+  cmd->add_option("FILE", in->file,
+                  "the record file (- for standard input); JSON input: at most " +
+                      std::to_string(kMaxJsonInput >> 20) + " MiB")
+      ->required();
   cmd->add_option("--form", in->form, "what the file holds, when it cannot be recognised")
       ->check(CLI::IsMember({"stored", "serialized", "serialized-bloom", "segment-db", "json"}));
   cmd->add_option("--dotype", in->dotype, "DO type of a serialized form (0-5)");

@@ -1,0 +1,204 @@
+// Writing records as JSON.
+#include "json.h"
+
+#include <cstring>
+#include <vector>
+
+#include <crrecord/platform/fingerprint.h>
+#include <crrecord/platform/tref.h>
+
+#include "Endian.h"
+#include "util.h"
+
+namespace crrec {
+
+namespace {
+
+using json_layout::FingerprintWidth;
+using json_layout::kSOFixed;
+using json_layout::kSOKey;
+using json_layout::kSOTrailer;
+
+std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
+  crfp_digest_t digest{};
+  std::memcpy(digest.digest, fp, FingerprintWidth(fptype));
+  char text[65];
+  if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
+    return HexEncode(fp, FingerprintWidth(fptype));
+  }
+  return text;
+}
+
+// Whether a Bloom record's unique-DCID list still stands big-endian, as one
+// rebuilt from the serialized Bloom form holds it until it is normalized.
+// Its length word tells, being bsize in the list's order; when that reads
+// the same both ways, the count word tells.
+bool BloomListBigEndian(const DORecordHeader* h) {
+  const uint32_t word = crrecord::Load<uint32_t>(DORecordHeaderGetBloomStart(h));
+  if (word != crrecord::ByteSwap(word)) return word != h->bsize;
+  if (h->nudcid == 0) return false;
+  const uint32_t count = crrecord::Load<uint32_t>(DORecordHeaderStartUDCID(h) + 4);
+  return count != h->nudcid && crrecord::ByteSwap(count) == h->nudcid;
+}
+
+// A DSID reference's value: its mode-1 form is the kind, the length 4 and
+// the DSID big-endian.
+uint32_t DSIDOf(const _cr_tref_t* ref) {
+  unsigned char bytes[6] = {};
+  CRTRefSerialize(bytes, sizeof bytes, ref, CR_TREF_MODE_BINARY);
+  return crrecord::LoadBE32(bytes + 2);
+}
+
+Json DOToJson(const Loaded& loaded) {
+  const DORecord& r = *loaded.record;
+  const DORecordHeader* h = r.GetHeader();  // also writes the reference section
+  const unsigned char fptype = h->fptype;
+  const unsigned char dotype = h->dotype;
+  const bool bloom = dotype == CR_DO_TYPE_BLOOM_FILTER;
+  const Form form = loaded.origin == Form::kJson ? Form::kStored : loaded.origin;
+  // Opening turned the file's old lists into references (and stamped mtime):
+  // the header is told as the file had it, and those references as the lists.
+  const bool oldLists =
+      form == Form::kStored && (loaded.fileHeader.ntaskid > 0 || loaded.fileHeader.nds > 0);
+  const DORecordHeader& told = oldLists ? loaded.fileHeader : *h;
+
+  Json j;
+  j["form"] = FormKey(form);
+  if (form == Form::kStored) j["byte_order"] = loaded.networkOrder ? "network" : "host";
+  if (form == Form::kSerialized || form == Form::kSerializedBloom) {
+    j["checksum"] = loaded.serializedChecksum;
+  }
+  Json& hj = j["header"];
+  hj["type"] = told.type;
+  hj["flags"] = told.flags;
+  hj["recsize"] = told.recsize;
+  hj["checktime"] = told.checktime;
+  hj["CID"] = told.CID;
+  hj["size"] = told.size;
+  hj["ssize"] = told.ssize;
+  hj["CRC"] = told.CRC;
+  hj["ctime"] = told.ctime;
+  hj["mtime"] = told.mtime;
+  hj["ntaskid"] = told.ntaskid;
+  hj["nfp"] = told.nfp;
+  hj["nudcid"] = told.nudcid;
+  hj["nds"] = told.nds;
+  hj["trefsize"] = told.trefsize;
+  hj["bsize"] = told.bsize;
+  hj["fptype"] = fptype;
+  hj["dotype"] = dotype;
+
+  if (oldLists) {
+    Json taskids = Json::array(), dsids = Json::array();
+    for (auto it = r.GetTRefTypeBegin(CR_TREF_TYPE_TASKID);
+         it != r.GetTRefTypeEnd(CR_TREF_TYPE_TASKID); ++it) {
+      taskids.push_back(CRTRefGetTaskID((*it)->Get()));
+    }
+    for (auto it = r.GetTRefTypeBegin(CR_TREF_TYPE_DSID); it != r.GetTRefTypeEnd(CR_TREF_TYPE_DSID);
+         ++it) {
+      dsids.push_back(DSIDOf((*it)->Get()));
+    }
+    j["old_taskids"] = std::move(taskids);
+    j["old_dsids"] = std::move(dsids);
+  }
+
+  if (bloom) {
+    j["bloom"]["bitmap"] = HexEncode(r.GetBloom(), h->bsize);
+  } else {
+    Json segments = Json::array();
+    const bool sizes = dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
+                       dotype == CR_DO_TYPE_4_BYTE_OFFSET;
+    for (unsigned int i = 0; i < h->nfp; ++i) {
+      Json s;
+      s["fp"] = FingerprintText(r.GetSegmentFP(i), fptype);
+      if (sizes) s["size"] = r.GetSegmentSize(i);
+      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) s["offset"] = r.GetSegmentOffset(i);
+      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) s["object_offset"] = r.GetSegmentObjectOffset(i);
+      s["dcid"] = r.GetSegmentDCID(i);
+      segments.push_back(std::move(s));
+    }
+    j["segments"] = std::move(segments);
+  }
+
+  const bool big = bloom && BloomListBigEndian(h);
+  if (big) j["unique_dcids_byte_order"] = "big";
+  if (h->nudcid > 0) {
+    const unsigned char* section = DORecordHeaderStartUDCID(h);
+    Json entries = Json::array();
+    for (unsigned int i = 0; i < h->nudcid; ++i) {
+      const unsigned char* e = section + 8 + 16 * uint64_t{i};
+      uint64_t dcid = crrecord::Load<uint64_t>(e), bytes = crrecord::Load<uint64_t>(e + 8);
+      if (big) {
+        dcid = crrecord::ByteSwap(dcid);
+        bytes = crrecord::ByteSwap(bytes);
+      }
+      entries.push_back(Json{{"dcid", dcid}, {"bytes", bytes}});
+    }
+    j["unique_dcids"] = std::move(entries);
+  }
+
+  // A file with old lists has no reference section: every reference came
+  // from the lists.
+  Json trefs = Json::array();
+  for (unsigned kind = CR_TREF_TYPE_NONE; !oldLists && kind < CR_TREF_TYPE_END; ++kind) {
+    const cr_reftype_t k = static_cast<cr_reftype_t>(kind);
+    for (auto it = r.GetTRefTypeBegin(k); it != r.GetTRefTypeEnd(k); ++it) {
+      const _cr_tref_t* ref = (*it)->Get();
+      std::vector<unsigned char> bytes(CRTRefSerializedSize(ref, CR_TREF_MODE_BINARY));
+      size_t written = CRTRefSerialize(bytes.data(), bytes.size(), ref, CR_TREF_MODE_BINARY);
+      bytes.resize(written);
+      char text[CR_TREF_TEXT_SIZE] = "";
+      CRTRefToString(text, sizeof text, ref);
+      trefs.push_back(
+          Json{{"kind", kind}, {"text", text}, {"bytes", HexEncode(bytes.data(), bytes.size())}});
+    }
+  }
+  j["trefs"] = std::move(trefs);
+  return j;
+}
+
+Json SOToJson(const Loaded& loaded) {
+  const _SegmentDBRecord* s = loaded.so();
+  const unsigned char* base = reinterpret_cast<const unsigned char*>(s);
+  const unsigned width = FingerprintWidth(s->fptype);
+  Json j;
+  j["form"] = FormKey(Form::kSegmentDb);
+  j["byte_order"] = loaded.networkOrder ? "network" : "host";
+  j["type"] = s->type;
+  j["flags"] = s->flags;
+  j["recsize"] = s->recsize;
+  j["unused"] = s->unused;
+  j["ntaskid"] = s->ntaskid;
+  j["checktime"] = s->checktime;
+  j["reserved1"] = s->reserved1;
+  j["DCID"] = s->DCID;
+  j["fileID"] = s->fileID;
+  j["size"] = s->size;
+  j["CRC"] = s->CRC;
+  j["ndo"] = s->ndo;
+  j["key"] = HexEncode(s->key, kSOKey);
+  j["fptype"] = s->fptype;
+  j["cryptoMode"] = s->cryptoMode;
+  j["pad"] = s->pad;
+  j["keyIndex"] = s->keyIndex;
+  j["reserved2"] = s->reserved2;
+  Json taskids = Json::array();
+  for (unsigned int i = 0; i < s->ntaskid; ++i) {
+    taskids.push_back(crrecord::Load<uint64_t>(base + kSOFixed + 8 * uint64_t{i}));
+  }
+  j["taskids"] = std::move(taskids);
+  const unsigned char* fps = base + kSOFixed + 8 * uint64_t{s->ntaskid};
+  Json fingerprints = Json::array();
+  for (unsigned int i = 0; i < s->ndo; ++i) {
+    fingerprints.push_back(HexEncode(fps + uint64_t{width} * i, width));
+  }
+  j["fingerprints"] = std::move(fingerprints);
+  j["trailer"] = HexEncode(fps + uint64_t{width} * s->ndo, kSOTrailer);
+  return j;
+}
+
+}  // namespace
+
+Json ToJson(const Loaded& loaded) { return loaded.IsDO() ? DOToJson(loaded) : SOToJson(loaded); }
+
+}  // namespace crrec
