@@ -198,6 +198,22 @@ std::vector<std::pair<uint64_t, uint64_t>> UniqueEntries(const DORecord& r, uint
   return entries;
 }
 
+// The unique-DCID entries as a serialized Bloom form holds them: opening
+// gathers them in a map, which would hide their order and any repetition.
+// The reader checked the lengths.
+std::vector<std::pair<uint64_t, uint64_t>> SerializedBloomEntries(
+    const std::vector<unsigned char>& s, uint32_t* checksum) {
+  const uint64_t block = 32 + uint64_t{crrecord::LoadBE32(s.data() + 28)};
+  *checksum = crrecord::LoadBE32(s.data() + block);
+  const uint32_t n = crrecord::LoadBE32(s.data() + block + 4);
+  std::vector<std::pair<uint64_t, uint64_t>> entries;
+  for (uint32_t i = 0; i < n; ++i) {
+    const unsigned char* e = s.data() + block + 8 + 16 * uint64_t{i};
+    entries.emplace_back(crrecord::LoadBE64(e), crrecord::LoadBE64(e + 8));
+  }
+  return entries;
+}
+
 void ShowUnique(const DORecord& r, std::ostream& out) {
   uint32_t checksum = 0;
   std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
@@ -614,7 +630,9 @@ std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
   }
 
   uint32_t checksum = 0;
-  const std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
+  const std::vector<std::pair<uint64_t, uint64_t>> entries =
+      loaded.form == Form::kSerializedBloom ? SerializedBloomEntries(loaded.serialized, &checksum)
+                                            : UniqueEntries(r, &checksum);
   CheckSize(r, entries, &checks);
   if (entries.empty()) {
     checks.Add("unique", Verdict::kNone, "no unique-DCID list");
