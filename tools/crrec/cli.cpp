@@ -238,8 +238,8 @@ void PrintError(const std::string& file, const std::string& reason, std::ostream
 
 // Says on every run that a serialized form's checksum is not trusted.
 void PrintWarning(const Loaded& loaded, const VerifyOptions& options, std::ostream& err) {
-  const std::string warning = ChecksumWarning(loaded, options);
-  if (!warning.empty()) PrintError(loaded.name, warning, err);
+  const std::string problem = ChecksumProblem(loaded, options);
+  if (!problem.empty()) PrintError(loaded.name, "warning: " + problem, err);
 }
 
 int DoShow(const InputArgs& in, const ShowOptions& options, bool text, bool json,
@@ -305,8 +305,8 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
   Loaded loaded = LoadFile(file, MakeHints(in));
   PrintNotes(loaded, err);
   const VerifyOptions options = MakeVerifyOptions(in);
-  const std::string distrust = ChecksumWarning(loaded, options);
-  if (!distrust.empty()) Unsound(file, "checksum: " + distrust.substr(distrust.find(' ') + 1));
+  const std::string distrust = ChecksumProblem(loaded, options);
+  if (!distrust.empty()) Unsound(file, "checksum: " + distrust);
   if (a.to == "stored" || a.to == "serialized") {
     const VerifyReport report = Verify(loaded, options);
     if (!report.sound()) Unsound(file, report.error);

@@ -348,21 +348,6 @@ bool IsSerialized(const Loaded& loaded) {
   return loaded.form == Form::kSerialized || loaded.form == Form::kSerializedBloom;
 }
 
-// Why the head's checksum field is not trusted, or empty when it is (or the
-// caller said that the form has none).
-std::string ChecksumProblem(const Loaded& loaded, const VerifyOptions& options) {
-  if (!IsSerialized(loaded) || loaded.serializedChecksum) return "";
-  const bool bloom = loaded.form == Form::kSerializedBloom;
-  if (options.noChecksum && !bloom) return "";
-  const std::vector<unsigned char>& s = loaded.serialized;
-  const uint32_t head = crrecord::LoadBE32(s.data() + 16);
-  const uint32_t body = DORecordAdler32(s.data() + 28, s.size() - 28);
-  return "the head's checksum " + Hex32(head) + " is not the Adler-32 of the body (" +
-         Hex32(body) + "): " +
-         (bloom ? "damaged (the Bloom form always carries it)"
-                : "damaged, or written without a checksum (say --no-checksum)");
-}
-
 // Collects the checks' verdicts in the order they run.
 class Checks {
  public:
@@ -669,9 +654,17 @@ std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
 
 }  // namespace
 
-std::string ChecksumWarning(const Loaded& loaded, const VerifyOptions& options) {
-  const std::string problem = ChecksumProblem(loaded, options);
-  return problem.empty() ? "" : "warning: " + problem;
+std::string ChecksumProblem(const Loaded& loaded, const VerifyOptions& options) {
+  if (!IsSerialized(loaded) || loaded.serializedChecksum) return "";
+  const bool bloom = loaded.form == Form::kSerializedBloom;
+  if (options.noChecksum && !bloom) return "";
+  const std::vector<unsigned char>& s = loaded.serialized;
+  const uint32_t head = crrecord::LoadBE32(s.data() + 16);
+  const uint32_t body = DORecordAdler32(s.data() + 28, s.size() - 28);
+  return "the head's checksum " + Hex32(head) + " is not the Adler-32 of the body (" +
+         Hex32(body) + "): " +
+         (bloom ? "damaged (the Bloom form always carries it)"
+                : "damaged, or written without a checksum (say --no-checksum)");
 }
 
 VerifyReport Verify(const Loaded& loaded, const VerifyOptions& options) {

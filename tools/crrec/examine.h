@@ -92,10 +92,10 @@ void PrintReport(const VerifyReport& report, std::ostream& out);
 //  "error"}: "form" and "error" are null when they do not apply.
 std::string ReportJson(const VerifyReport& report);
 
-// The warning every reader of a serialized form owes its user when the
-// head does not hold the Adler-32 of the body (and noChecksum does not say
-// why), without "crrec: FILE: "; empty otherwise.
-std::string ChecksumWarning(const Loaded& loaded, const VerifyOptions& options);
+// Why a serialized form's head is not trusted: it does not hold the
+// Adler-32 of the body, and noChecksum does not say why. Every reader owes
+// its user this warning. Empty when there is nothing to say.
+std::string ChecksumProblem(const Loaded& loaded, const VerifyOptions& options);
 
 // The record's digest as "<digest type>:<hex>"; throws ToolError (unsound)
 // when the record has none (DO type 0 with other than one segment).
