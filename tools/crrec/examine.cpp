@@ -633,11 +633,12 @@ std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
   for (unsigned kind = CR_TREF_TYPE_NONE; kind < CR_TREF_TYPE_END; ++kind) {
     trefs += r.GetNTRefs(static_cast<cr_reftype_t>(kind));
   }
-  const std::string refs = std::to_string(trefs) + ", " + std::to_string(h->trefsize) + " bytes";
+  const std::string refs = Count(trefs, "typed reference") + ", " +
+                           std::to_string(h->trefsize) + " bytes";
   if (loaded.convertedOldLists) {
     checks.Add("references", Verdict::kNote,
-               refs + ", of them " + Count(loaded.fileHeader.ntaskid, "old task ID") + " and " +
-                   Count(loaded.fileHeader.nds, "old DSID") + " turned into typed references");
+               refs + "; opening turned " + Count(loaded.fileHeader.ntaskid, "old task ID") +
+                   " and " + Count(loaded.fileHeader.nds, "old DSID") + " into them");
   } else {
     checks.Add("references", Verdict::kOk, refs);
   }
