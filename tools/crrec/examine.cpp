@@ -312,7 +312,7 @@ void Show(const Loaded& loaded, const ShowOptions& options, std::ostream& out) {
     const uint32_t head = crrecord::LoadBE32(loaded.serialized.data() + 16);
     out << "head checksum " << Hex32(head)
         << (loaded.serializedChecksum ? " (the Adler-32 of the body)"
-                                      : " (not the Adler-32 of the body: the record's CRC)")
+                                      : " (not the Adler-32 of the body)")
         << "\n";
   }
   out << "\n";
