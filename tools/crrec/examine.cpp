@@ -409,6 +409,8 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
     case CR_DO_TYPE_NO_OFFSET:
     case CR_DO_TYPE_4_BYTE_OFFSET:
     case CR_DO_TYPE_8_BYTE_OFFSET: {
+      // The library's own check lets DO type 3 end before size; the tool
+      // does not: bytes after the last segment would lie in no container.
       const bool offsets = h->dotype == CR_DO_TYPE_8_BYTE_OFFSET;
       uint64_t total = 0;
       bool wraps = false;
@@ -450,7 +452,9 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
   }
 }
 
-// Entries of at least 64, strictly ascending (so no container twice).
+// Entries of at least 64, strictly ascending (so no container twice). The
+// library stores a list a builder supplies as given; the tool holds every
+// list to the order the library itself writes.
 std::string UniqueOrderProblem(const std::vector<std::pair<uint64_t, uint64_t>>& entries) {
   for (size_t i = 0; i < entries.size(); ++i) {
     const uint64_t dcid = entries[i].first;

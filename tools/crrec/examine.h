@@ -88,8 +88,10 @@ VerifyReport FailedReport(const std::string& file, const ToolError& error);
 
 // One line per check, then "FILE: sound" when it is.
 void PrintReport(const VerifyReport& report, std::ostream& out);
-// {"file", "form", "sound", "checks": [{"name", "verdict", "reason"}],
-//  "error"}: "form" and "error" are null when they do not apply.
+// One line of JSON: {"file", "form", "sound", "checks": [{"name",
+// "verdict", "reason"}], "error"}; "form" and "error" are null when they do
+// not apply, and what recognition assumed comes first as checks named
+// "form" with the verdict "note".
 std::string ReportJson(const VerifyReport& report);
 
 // Why a serialized form's head is not trusted: it does not hold the
