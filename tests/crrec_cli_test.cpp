@@ -111,8 +111,10 @@ TEST_F(CrrecCli, BuildThenShowVerifyConvertAndDigest) {
   std::snprintf(body, sizeof body, "0x%08x", crtest::SlowAdler32(bytes.data() + 28, bytes.size() - 28));
   r = Crrec({"verify", ser});
   EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.err, "crrec: " + ser + ": the head's checksum 0x00001234 is not the Adler-32 of the "
-                   "body (" + body + "); if it was written without a checksum, say --no-checksum\n");
+  const std::string distrust = "the head's checksum 0x00001234 is not the Adler-32 of the body (" +
+                               std::string(body) +
+                               "): damaged, or written without a checksum (say --no-checksum)\n";
+  EXPECT_EQ(r.err, "crrec: " + ser + ": checksum: " + distrust);
   r = Crrec({"verify", ser, "--no-checksum", "--fptype", "1"});
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("checksum   none (the head holds the CRC 0x00001234)"), std::string::npos)
@@ -122,7 +124,7 @@ TEST_F(CrrecCli, BuildThenShowVerifyConvertAndDigest) {
   r = Crrec({"digest", ser});
   EXPECT_EQ(r.code, 0);
   EXPECT_EQ(r.err, "crrec: " + ser + ": note: fingerprint types 1 and 2 fit; assumed 2 (say "
-                   "--fptype)\n");
+                   "--fptype)\ncrrec: " + ser + ": warning: " + distrust);
   Result digest = Crrec({"digest", stored});
   EXPECT_EQ(digest.out.substr(0, 2), "2:");
   EXPECT_EQ(digest.out.substr(digest.out.size() - stored.size() - 3), "  " + stored + "\n");

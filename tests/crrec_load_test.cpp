@@ -219,10 +219,14 @@ TEST(CrrecRobustness, EveryDamagedByteOfEachFormIsOpenedOrRefusedInOneLine) {
   stored.name = "b";
   stored.record = std::move(built.record);
   const std::string json = crrec::ToJson(stored).dump();
+  o.dotype = CR_DO_TYPE_BLOOM_FILTER;
+  crrec::MemorySource again(data.data(), data.size());
+  crrec::Built bloom = crrec::BuildRecord(again, "b", o);
   const std::vector<std::vector<unsigned char>> forms = {
       SoRecord(3).vec(),
       crrec::StoredBytes(*stored.record, false), crrec::StoredBytes(*stored.record, true),
       crrec::SerializedBytes(*stored.record, true, "b"),
+      crrec::SerializedBytes(*bloom.record, true, "b"), crrec::StoredBytes(*bloom.record, false),
       std::vector<unsigned char>(json.begin(), json.end())};
   for (const auto& form : forms) {
     for (size_t at = 0; at < form.size(); at += (at < 200 ? 1 : 7)) {

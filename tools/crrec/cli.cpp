@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -57,23 +58,30 @@ uint64_t SizeOption(const std::string& text, uint64_t max, const std::string& op
   return value;
 }
 
-// Options that say how to read an input file.
+// Options that say how to read the input files.
 struct InputArgs {
-  std::string file;
-  std::string form, dotype, fptype, cid;
+  std::vector<std::string> files;
+  std::string form, dotype, fptype, cid, time;
+  bool noChecksum = false;
 };
 
-void AddInput(CLI::App* cmd, InputArgs* in) {
-  cmd->add_option("FILE", in->file,
-                  "the record file (- for standard input); JSON input: at most " +
+// `several`: verify and digest take more than one file.
+void AddInput(CLI::App* cmd, InputArgs* in, bool several) {
+  cmd->add_option("FILE", in->files,
+                  std::string(several ? "the record files" : "the record file") +
+                      " (- for standard input); JSON input: at most " +
                       std::to_string(kMaxJsonInput >> 20) + " MiB")
-      ->required();
+      ->required()
+      ->expected(1, several ? CLI::detail::expected_max_vector_size : 1);
   cmd->add_option("--form", in->form, "what the file holds, when it cannot be recognised")
       ->check(CLI::IsMember({"stored", "serialized", "serialized-bloom", "segment-db", "json"}));
   cmd->add_option("--dotype", in->dotype, "DO type of a serialized form (0-5)");
   cmd->add_option("--fptype", in->fptype, "fingerprint type of a serialized form (1-3)");
   cmd->add_option("--cid", in->cid,
                   "container ID for a record read from a serialized form (default 0)");
+  cmd->add_flag("--no-checksum", in->noChecksum,
+                "the serialized form was written without a checksum: its head holds the "
+                "record's CRC, not the Adler-32 of its body");
 }
 
 Hints MakeHints(const InputArgs& in) {
@@ -84,7 +92,14 @@ Hints MakeHints(const InputArgs& in) {
   if (!in.dotype.empty()) hints.dotype = static_cast<int>(ParseNumber(in.dotype, 255, "--dotype"));
   if (!in.fptype.empty()) hints.fptype = static_cast<int>(ParseNumber(in.fptype, 255, "--fptype"));
   if (!in.cid.empty()) hints.cid = ParseNumber(in.cid, UINT64_MAX, "--cid");
+  if (!in.time.empty()) hints.time = static_cast<uint32_t>(ParseNumber(in.time, UINT32_MAX, "--time"));
   return hints;
+}
+
+VerifyOptions MakeVerifyOptions(const InputArgs& in) {
+  VerifyOptions options;
+  options.noChecksum = in.noChecksum;
+  return options;
 }
 
 void PrintNotes(const Loaded& loaded, std::ostream& err) {
@@ -215,9 +230,24 @@ int DoBuild(const BuildArgs& a, std::ostream& out, std::ostream& err) {
   return kExitOk;
 }
 
+std::string OneLine(std::string s);
+
+// The error line of one of several inputs, which does not end the command.
+void PrintError(const std::string& file, const std::string& reason, std::ostream& err) {
+  err << OneLine(ToolError(kExitUnsound, file, reason).Line()) << "\n";
+}
+
+// Says on every run that a serialized form's checksum is not trusted.
+void PrintWarning(const Loaded& loaded, const VerifyOptions& options, std::ostream& err) {
+  const std::string problem = ChecksumProblem(loaded, options);
+  if (!problem.empty()) PrintError(loaded.name, "warning: " + problem, err);
+}
+
 int DoShow(const InputArgs& in, const ShowOptions& options, bool text, bool json,
-           std::ostream& out) {
-  Loaded loaded = LoadFile(in.file, MakeHints(in));
+           std::ostream& out, std::ostream& err) {
+  const std::string& file = in.files.front();
+  Loaded loaded = LoadFile(file, MakeHints(in));
+  PrintWarning(loaded, MakeVerifyOptions(in), err);
   if (json) {
     out << ToJson(loaded).dump(2) << "\n";
   } else if (text) {
@@ -229,7 +259,7 @@ int DoShow(const InputArgs& in, const ShowOptions& options, bool text, bool json
         SegmentRecordToStream(out, *loaded.so(), false);
       }
     } catch (const Cr_ErrnoException& e) {
-      Unsound(in.file, Describe(e, scope));
+      Unsound(file, Describe(e, scope));
     }
     out << "\n";
   } else {
@@ -238,21 +268,50 @@ int DoShow(const InputArgs& in, const ShowOptions& options, bool text, bool json
   return kExitOk;
 }
 
-int DoVerify(const InputArgs& in, const VerifyOptions& options, bool quiet, std::ostream& out) {
-  Loaded loaded = LoadFile(in.file, MakeHints(in));
-  std::ostringstream report;
-  Verify(loaded, options, quiet ? report : out);
-  return kExitOk;
+// Every file is checked; the exit status is the worst of them (2 > 1 > 0),
+// and each unsound or unreadable file gets its error line.
+int DoVerify(const InputArgs& in, bool quiet, bool json, std::ostream& out, std::ostream& err) {
+  const Hints hints = MakeHints(in);
+  const VerifyOptions options = MakeVerifyOptions(in);
+  int worst = kExitOk;
+  for (const std::string& file : in.files) {
+    VerifyReport report;
+    try {
+      report = Verify(LoadFile(file, hints), options);
+    } catch (const ToolError& e) {
+      report = FailedReport(file, e);
+    }
+    if (json) {
+      out << ReportJson(report) << "\n";
+    } else if (!quiet) {
+      PrintReport(report, out);
+    }
+    if (!report.sound()) PrintError(file, report.error, err);
+    worst = std::max(worst, report.exitCode);
+  }
+  return worst;
 }
 
 struct ConvertArgs {
   std::string to, output = "-";
-  bool networkOrder = false, hostOrder = false, checksum = false, noChecksum = false;
+  bool networkOrder = false, hostOrder = false, withChecksum = false, withoutChecksum = false;
 };
 
+// Nothing is written from an input that any check of verify finds unsound,
+// so that a damaged record is never sealed with fresh checksums; text and
+// JSON, which an operator reads and repairs, are refused only for an
+// untrusted checksum.
 int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
-  Loaded loaded = LoadFile(in.file, MakeHints(in));
+  const std::string& file = in.files.front();
+  Loaded loaded = LoadFile(file, MakeHints(in));
   PrintNotes(loaded, err);
+  const VerifyOptions options = MakeVerifyOptions(in);
+  const std::string distrust = ChecksumProblem(loaded, options);
+  if (!distrust.empty()) Unsound(file, "checksum: " + distrust);
+  if (a.to == "stored" || a.to == "serialized") {
+    const VerifyReport report = Verify(loaded, options);
+    if (!report.sound()) Unsound(file, report.error);
+  }
   if (a.to == "json") {
     WriteOutput(a.output, TextBytes(ToJson(loaded).dump(2) + "\n"), false);
     return kExitOk;
@@ -267,7 +326,7 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
         SegmentRecordToStream(text, *loaded.so(), false);
       }
     } catch (const Cr_ErrnoException& e) {
-      Unsound(in.file, Describe(e, scope));
+      Unsound(file, Describe(e, scope));
     }
     text << "\n";
     WriteOutput(a.output, TextBytes(text.str()), false);
@@ -292,15 +351,15 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
   const bool serializedOrigin =
       loaded.origin == Form::kSerialized || loaded.origin == Form::kSerializedBloom;
   const bool checksum =
-      a.checksum || (!a.noChecksum && (!serializedOrigin || loaded.serializedChecksum));
+      a.withChecksum || (!a.withoutChecksum && (!serializedOrigin || loaded.serializedChecksum));
   if (loaded.IsDO()) {
-    WriteOutput(a.output, SerializedBytes(*loaded.record, checksum, in.file), true);
+    WriteOutput(a.output, SerializedBytes(*loaded.record, checksum, file), true);
   } else {
     MessageScope scope;
     void* out = nullptr;
     unsigned long size = 0;
     cr_status_t status = SegmentRecordSerialize(loaded.so(), &out, &size);
-    if (status != CR_STATUS_SUCCESS) Unsound(in.file, DescribeStatus(status, scope));
+    if (status != CR_STATUS_SUCCESS) Unsound(file, DescribeStatus(status, scope));
     std::vector<unsigned char> bytes(static_cast<unsigned char*>(out),
                                      static_cast<unsigned char*>(out) + size);
     std::free(out);
@@ -309,12 +368,24 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
   return kExitOk;
 }
 
+// As verify: every file, the worst exit status.
 int DoDigest(const InputArgs& in, std::ostream& out, std::ostream& err) {
-  Loaded loaded = LoadFile(in.file, MakeHints(in));
-  PrintNotes(loaded, err);
-  if (!loaded.IsDO()) Unsound(in.file, "a segment DB record has no digest");
-  out << DigestText(*loaded.record, in.file) << "  " << in.file << "\n";
-  return kExitOk;
+  const Hints hints = MakeHints(in);
+  const VerifyOptions options = MakeVerifyOptions(in);
+  int worst = kExitOk;
+  for (const std::string& file : in.files) {
+    try {
+      Loaded loaded = LoadFile(file, hints);
+      PrintNotes(loaded, err);
+      PrintWarning(loaded, options, err);
+      if (!loaded.IsDO()) Unsound(file, "a segment DB record has no digest");
+      out << DigestText(*loaded.record, file) << "  " << file << "\n";
+    } catch (const ToolError& e) {
+      PrintError(e.where().empty() ? file : e.where(), e.reason(), err);
+      worst = std::max(worst, e.exitCode());
+    }
+  }
+  return worst;
 }
 
 int DoGen(const std::string& file, const std::string& size, const std::string& seed) {
@@ -379,37 +450,46 @@ int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   std::string segments;
   bool all = false, text = false, json = false;
   CLI::App* show = app.add_subcommand("show", "print a record for a person");
-  AddInput(show, &showIn);
+  AddInput(show, &showIn, false);
   show->add_option("-n,--segments", segments, "segments to list (default 10)");
   show->add_flag("--all", all, "list every segment");
   show->add_flag("--text", text, "print the record's own text form instead");
   show->add_flag("--json", json, "print the JSON form instead");
 
   InputArgs verifyIn;
-  VerifyOptions verifyOptions;
-  bool verifyQuiet = false;
-  CLI::App* verify = app.add_subcommand("verify", "run every check; exit 0 when the record is sound");
-  AddInput(verify, &verifyIn);
-  verify->add_flag("--no-checksum", verifyOptions.noChecksum,
-                   "the serialized form was written without a checksum");
-  verify->add_flag("-q,--quiet", verifyQuiet, "print nothing when the record is sound");
+  bool verifyQuiet = false, verifyJson = false;
+  CLI::App* verify = app.add_subcommand(
+      "verify", "run every check on each file; exit 0 when every record is sound, else the "
+                "worst status (2 > 1)");
+  AddInput(verify, &verifyIn, true);
+  verify->add_flag("-q,--quiet", verifyQuiet, "print nothing but the error lines");
+  verify->add_flag("--json", verifyJson,
+                   "one JSON object per file and line: {file, form, sound, checks: [{name, "
+                   "verdict, reason}], error}");
 
   InputArgs convertIn;
   ConvertArgs convertArgs;
-  CLI::App* convert = app.add_subcommand("convert", "write a record in another form");
-  AddInput(convert, &convertIn);
+  CLI::App* convert = app.add_subcommand(
+      "convert", "write a record in another form; to stored or serialized only when verify "
+                 "finds it sound, and never from an untrusted checksum");
+  AddInput(convert, &convertIn, false);
   convert->add_option("--to", convertArgs.to, "stored, serialized, text or json")
       ->required()
       ->check(CLI::IsMember({"stored", "serialized", "text", "json"}));
   convert->add_option("-o,--output", convertArgs.output, "where to write (default: stdout)");
+  convert->add_option("--time", convertIn.time,
+                      "ctime and mtime of a record read from a serialized form, which carries "
+                      "none (default 0)");
   convert->add_flag("--network-order", convertArgs.networkOrder, "stored form in network order");
   convert->add_flag("--host-order", convertArgs.hostOrder, "stored form in host order");
-  convert->add_flag("--checksum", convertArgs.checksum, "serialized form with checksum");
-  convert->add_flag("--no-checksum", convertArgs.noChecksum, "serialized form without checksum");
+  convert->add_flag("--with-checksum", convertArgs.withChecksum,
+                    "write the serialized form with the Adler-32 checksum (default: as the input)");
+  convert->add_flag("--without-checksum", convertArgs.withoutChecksum,
+                    "write the serialized form with the record's CRC in its head instead");
 
   InputArgs digestIn;
-  CLI::App* digest = app.add_subcommand("digest", "print the record's digest");
-  AddInput(digest, &digestIn);
+  CLI::App* digest = app.add_subcommand("digest", "print each record's digest");
+  AddInput(digest, &digestIn, true);
 
   std::string genFile, genSize = "8M", genSeed = "1";
   CLI::App* gen = app.add_subcommand("gen", "write deterministic sample data with repeated regions");
@@ -434,26 +514,28 @@ int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
       return DoBuild(b, out, err);
     }
     if (*show) {
-      file = showIn.file;
+      file = showIn.files.front();
       if (all) showOptions.segments = UINT64_MAX;
       if (!segments.empty()) showOptions.segments = ParseNumber(segments, UINT64_MAX, "--segments");
       if (text && json) Usage("", "--text or --json, not both");
-      return DoShow(showIn, showOptions, text, json, out);
+      return DoShow(showIn, showOptions, text, json, out, err);
     }
     if (*verify) {
-      file = verifyIn.file;
-      return DoVerify(verifyIn, verifyOptions, verifyQuiet, out);
+      file = verifyIn.files.front();
+      return DoVerify(verifyIn, verifyQuiet, verifyJson, out, err);
     }
     if (*convert) {
-      file = convertIn.file;
+      file = convertIn.files.front();
       if (convertArgs.networkOrder && convertArgs.hostOrder) {
         Usage("", "--network-order or --host-order, not both");
       }
-      if (convertArgs.checksum && convertArgs.noChecksum) Usage("", "--checksum or --no-checksum, not both");
+      if (convertArgs.withChecksum && convertArgs.withoutChecksum) {
+        Usage("", "--with-checksum or --without-checksum, not both");
+      }
       return DoConvert(convertIn, convertArgs, err);
     }
     if (*digest) {
-      file = digestIn.file;
+      file = digestIn.files.front();
       return DoDigest(digestIn, out, err);
     }
     if (*gen) {

@@ -1,6 +1,7 @@
 // Printing records for people, verifying them, and their digest.
 #include "examine.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -8,6 +9,7 @@
 
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/tref.h>
+#include <nlohmann/json.hpp>
 
 #include "Endian.h"
 #include "util.h"
@@ -196,6 +198,22 @@ std::vector<std::pair<uint64_t, uint64_t>> UniqueEntries(const DORecord& r, uint
   return entries;
 }
 
+// The unique-DCID entries as a serialized Bloom form holds them: opening
+// gathers them in a map, which would hide their order and any repetition.
+// The reader checked the lengths.
+std::vector<std::pair<uint64_t, uint64_t>> SerializedBloomEntries(
+    const std::vector<unsigned char>& s, uint32_t* checksum) {
+  const uint64_t block = 32 + uint64_t{crrecord::LoadBE32(s.data() + 28)};
+  *checksum = crrecord::LoadBE32(s.data() + block);
+  const uint32_t n = crrecord::LoadBE32(s.data() + block + 4);
+  std::vector<std::pair<uint64_t, uint64_t>> entries;
+  for (uint32_t i = 0; i < n; ++i) {
+    const unsigned char* e = s.data() + block + 8 + 16 * uint64_t{i};
+    entries.emplace_back(crrecord::LoadBE64(e), crrecord::LoadBE64(e + 8));
+  }
+  return entries;
+}
+
 void ShowUnique(const DORecord& r, std::ostream& out) {
   uint32_t checksum = 0;
   std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
@@ -294,7 +312,7 @@ void Show(const Loaded& loaded, const ShowOptions& options, std::ostream& out) {
     const uint32_t head = crrecord::LoadBE32(loaded.serialized.data() + 16);
     out << "head checksum " << Hex32(head)
         << (loaded.serializedChecksum ? " (the Adler-32 of the body)"
-                                      : " (not the Adler-32 of the body: the record's CRC)")
+                                      : " (not the Adler-32 of the body)")
         << "\n";
   }
   out << "\n";
@@ -314,112 +332,410 @@ void Show(const Loaded& loaded, const ShowOptions& options, std::ostream& out) {
   }
 }
 
-void Verify(const Loaded& loaded, const VerifyOptions& options, std::ostream& out) {
-  const std::string& name = loaded.name;
-  out << name << ": " << FormLine(loaded) << "\n";
-  for (const std::string& note : loaded.notes) out << "note: " << note << "\n";
-  if (!loaded.IsDO()) {
-    Row(out, "header", "ok (validated on opening)");
-    out << name << ": sound\n";
-    return;
+const char* VerdictKey(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kOk: return "ok";
+    case Verdict::kFailed: return "failed";
+    case Verdict::kNone: return "none";
+    case Verdict::kNote: return "note";
   }
-  const DORecord& r = *loaded.record;
+  return "?";
+}
 
-  if (!loaded.serialized.empty()) {
+namespace {
+
+bool IsSerialized(const Loaded& loaded) {
+  return loaded.form == Form::kSerialized || loaded.form == Form::kSerializedBloom;
+}
+
+// Collects the checks' verdicts in the order they run.
+class Checks {
+ public:
+  void Add(const std::string& name, Verdict verdict, const std::string& reason) {
+    list_.push_back(Check{name, verdict, reason});
+  }
+  void OkOrFailed(const std::string& name, const std::string& problem, const std::string& ok) {
+    Add(name, problem.empty() ? Verdict::kOk : Verdict::kFailed, problem.empty() ? ok : problem);
+  }
+  std::vector<Check> Take() { return std::move(list_); }
+
+ private:
+  std::vector<Check> list_;
+};
+
+std::string Join(const std::vector<std::string>& parts) {
+  std::string s;
+  for (const std::string& p : parts) s += (s.empty() ? "" : "; ") + p;
+  return s;
+}
+
+// Every segment's size that size, ssize and nfp imply for DO types 0 and 1
+// must be positive and fit the 32 bits a segment size has.
+std::string DerivedSizesProblem(uint64_t size, uint64_t ssize, uint32_t nfp) {
+  if (nfp == 0) {
+    return size == 0 ? "" : "size " + std::to_string(size) + " without segments";
+  }
+  if (nfp > 1 && (ssize == 0 || ssize > UINT32_MAX)) {
+    return "ssize " + std::to_string(ssize) + " is no segment size (1 to 4294967295 bytes) for " +
+           Count(nfp - 1, "segment") + " but the last";
+  }
+  // ssize < 2^32 and nfp - 1 < 2^32: the product fits 64 bits.
+  const uint64_t before = nfp > 1 ? uint64_t{nfp - 1} * ssize : 0;
+  if (size <= before) {
+    return "size " + std::to_string(size) + " leaves no bytes to the last of " +
+           Count(nfp, "segment") + " (" + std::to_string(nfp - 1) + " x ssize " +
+           std::to_string(ssize) + " = " + std::to_string(before) + ")";
+  }
+  if (size - before > UINT32_MAX) {
+    return "the last segment would hold " + std::to_string(size - before) +
+           " bytes, more than 32 bits hold";
+  }
+  return "";
+}
+
+// The head's size against what the body implies.
+void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t>>& unique,
+               Checks* checks) {
+  const DORecordHeader* h = r.GetHeader();
+  const uint64_t size = h->size;
+  const std::string sizeText = "size " + std::to_string(size);
+  switch (h->dotype) {
+    case CR_DO_TYPE_ORIGINAL:
+    case CR_DO_TYPE_NO_SIZE:
+      checks->OkOrFailed("size", DerivedSizesProblem(size, h->ssize, h->nfp),
+                         sizeText + " and ssize " + std::to_string(h->ssize) +
+                             ": every segment's size positive and within 32 bits");
+      return;
+    case CR_DO_TYPE_NO_OFFSET:
+    case CR_DO_TYPE_4_BYTE_OFFSET:
+    case CR_DO_TYPE_8_BYTE_OFFSET: {
+      // The library's own check lets DO type 3 end before size; the tool
+      // does not: bytes after the last segment would lie in no container.
+      const bool offsets = h->dotype == CR_DO_TYPE_8_BYTE_OFFSET;
+      uint64_t total = 0;
+      bool wraps = false;
+      for (uint32_t i = 0; i < h->nfp; ++i) {
+        const uint64_t base = offsets ? r.GetSegmentOffset(i) : total;
+        const uint64_t length = r.GetSegmentSize(i);
+        wraps = wraps || base > UINT64_MAX - length;
+        total = base + length;
+      }
+      const std::string what = offsets ? "the last segment ends at " : "the segment sizes sum to ";
+      checks->OkOrFailed("size",
+                         wraps ? "the segments end beyond 2^64 bytes"
+                         : total != size ? sizeText + ", but " + what + std::to_string(total)
+                                         : "",
+                         sizeText + ", " + what + "it");
+      return;
+    }
+    case CR_DO_TYPE_BLOOM_FILTER: {
+      if (unique.empty()) {
+        checks->Add("size", Verdict::kNone, "no unique-DCID list to sum");
+        return;
+      }
+      uint64_t total = 0;
+      bool wraps = false;
+      for (const auto& e : unique) {
+        wraps = wraps || total > UINT64_MAX - e.second;
+        total += e.second;
+      }
+      checks->OkOrFailed("size",
+                         wraps ? "the unique-DCID byte counts sum beyond 2^64"
+                         : total != size ? sizeText + ", but the unique-DCID byte counts sum to " +
+                                               std::to_string(total)
+                                         : "",
+                         sizeText + ", the unique-DCID byte counts sum to it");
+      return;
+    }
+    default:
+      checks->Add("size", Verdict::kNone, "DO type " + std::to_string(h->dotype));
+  }
+}
+
+// Entries of at least 64, strictly ascending (so no container twice). The
+// library stores a list a builder supplies as given; the tool holds every
+// list to the order the library itself writes.
+std::string UniqueOrderProblem(const std::vector<std::pair<uint64_t, uint64_t>>& entries) {
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const uint64_t dcid = entries[i].first;
+    if (dcid < 64) {
+      return "entry " + std::to_string(i) + " names container " + std::to_string(dcid) +
+             ", below 64";
+    }
+    if (i > 0 && dcid == entries[i - 1].first) {
+      return "the list names container " + std::to_string(dcid) + " twice";
+    }
+    if (i > 0 && dcid < entries[i - 1].first) {
+      return "entry " + std::to_string(i) + " (container " + std::to_string(dcid) +
+             ") follows container " + std::to_string(entries[i - 1].first) + ": not ascending";
+    }
+  }
+  return "";
+}
+
+std::string UniqueAgreementProblem(const std::vector<std::pair<uint64_t, uint64_t>>& entries,
+                                   const std::map<uint64_t, uint64_t>& perContainer) {
+  std::map<uint64_t, uint64_t> listed(entries.begin(), entries.end());
+  for (const auto& e : listed) {
+    auto found = perContainer.find(e.first);
+    const uint64_t actual = found == perContainer.end() ? 0 : found->second;
+    if (actual != e.second) {
+      return "the list gives container " + std::to_string(e.first) + " " +
+             std::to_string(e.second) + " bytes, the segment list " + std::to_string(actual);
+    }
+  }
+  for (const auto& e : perContainer) {
+    if (listed.count(e.first) == 0) {
+      return "the list misses container " + std::to_string(e.first) + " of the segment list";
+    }
+  }
+  return "";
+}
+
+void CheckCanonical(const Loaded& loaded, Checks* checks) {
+  const std::string name = "canonical";
+  if (loaded.form == Form::kJson) {
+    checks->Add(name, Verdict::kNone, "rebuilt from JSON by the library's builders");
+  } else if (loaded.form == Form::kStored && loaded.convertedOldLists) {
+    checks->Add(name, Verdict::kNote,
+                "not compared: opening turned the old task-ID and DSID lists into typed "
+                "references");
+  } else if (loaded.form == Form::kStored) {
+    checks->OkOrFailed(name,
+                       loaded.rewritten.empty() ? ""
+                                                : loaded.rewritten + " (not in canonical form)",
+                       "the bytes the library writes back");
+  } else {
+    const bool checksum = loaded.serializedChecksum;
+    checks->OkOrFailed(
+        name,
+        FirstDifference(loaded.serialized,
+                        SerializedBytes(*loaded.record, checksum, loaded.name)),
+        "the bytes the library serializes");
+  }
+}
+
+std::vector<Check> CheckSegmentDb(const Loaded& loaded) {
+  Checks checks;
+  const _SegmentDBRecord* s = loaded.so();
+  checks.Add("header", Verdict::kOk, "validated on opening, " + std::to_string(s->recsize) +
+                                         " bytes");
+  char flags[16];
+  std::snprintf(flags, sizeof flags, "0x%04x", s->flags);
+  checks.OkOrFailed("flags",
+                    s->flags == 0 || s->flags == 2
+                        ? ""
+                        : std::string("flags ") + flags + ", expected 0 or 0x0002",
+                    flags);
+  if (RecordInContainer(s->fileID)) {
+    checks.OkOrFailed("DCID",
+                      s->DCID == 1 || s->DCID >= 64
+                          ? ""
+                          : "DCID " + std::to_string(s->DCID) + ", expected 1 or at least 64",
+                      "container " + std::to_string(s->DCID));
+  } else {
+    checks.Add("DCID", Verdict::kNone,
+               "in a file: file ID " + std::to_string(s->fileID) + ", path ID " +
+                   std::to_string(s->DCID));
+  }
+  const unsigned char* base = reinterpret_cast<const unsigned char*>(s);
+  std::vector<std::string> found;
+  if (s->unused != 0) found.push_back("the unused word is " + std::to_string(s->unused));
+  if (s->reserved1 != 0) found.push_back("reserved1 is " + HexEncode(&s->reserved1, 4));
+  if (s->pad != 0) found.push_back("pad is " + std::to_string(s->pad));
+  if (s->reserved2 != 0) found.push_back("reserved2 is " + HexEncode(&s->reserved2, 2));
+  const unsigned char* trailer = base + loaded.soLength - 8;
+  if (std::any_of(trailer, trailer + 8, [](unsigned char c) { return c != 0; })) {
+    found.push_back("the trailer is " + HexEncode(trailer, 8));
+  }
+  checks.OkOrFailed("reserved", Join(found), "unused, reserved1, pad, reserved2 and trailer zero");
+  return checks.Take();
+}
+
+std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
+  Checks checks;
+  const DORecord& r = *loaded.record;
+  MessageScope scope;
+
+  if (IsSerialized(loaded)) {
     const std::vector<unsigned char>& s = loaded.serialized;
-    const uint32_t head = crrecord::LoadBE32(s.data() + 16);
-    const uint32_t body = DORecordAdler32(s.data() + 28, s.size() - 28);
+    const std::string problem = ChecksumProblem(loaded, options);
     if (loaded.serializedChecksum) {
-      Row(out, "checksum", "ok (Adler-32 " + Hex32(body) + ")");
-    } else if (options.noChecksum && loaded.origin == Form::kSerialized) {
-      Row(out, "checksum", "none (the head holds the CRC " + Hex32(head) + ")");
+      checks.Add("checksum", Verdict::kOk,
+                 "Adler-32 " + Hex32(DORecordAdler32(s.data() + 28, s.size() - 28)));
+    } else if (problem.empty()) {
+      checks.Add("checksum", Verdict::kNone,
+                 "the head holds the CRC " + Hex32(crrecord::LoadBE32(s.data() + 16)));
     } else {
-      Unsound(name, "the head's checksum " + Hex32(head) + " is not the Adler-32 of the body (" +
-                        Hex32(body) + ")" +
-                        (loaded.origin == Form::kSerialized
-                             ? "; if it was written without a checksum, say --no-checksum"
-                             : ""));
+      checks.Add("checksum", Verdict::kFailed, problem);
     }
   }
 
-  MessageScope scope;
   const DORecordHeader* h = r.GetHeader();
-  cr_status_t status = DORecordHeaderValidate(h, h->recsize, 0);
-  if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
-  Row(out, "header", "ok (" + std::to_string(h->recsize) + " bytes)");
+  const cr_status_t status = DORecordHeaderValidate(h, h->recsize, 0);
+  checks.OkOrFailed("header", status == CR_STATUS_SUCCESS ? "" : DescribeStatus(status, scope),
+                    std::to_string(h->recsize) + " bytes");
 
-  if (h->dotype != CR_DO_TYPE_BLOOM_FILTER) {
+  // A stored input is judged by its own header; a rebuilt record's header
+  // is the library's.
+  const DORecordHeader& own = loaded.form == Form::kStored ? loaded.fileHeader : *h;
+  const bool bloom = h->dotype == CR_DO_TYPE_BLOOM_FILTER;
+  std::vector<std::string> found;
+  if (own.reserved != 0) found.push_back("header bytes 8-11 are " + HexEncode(&own.reserved, 4));
+  if (own.reserved2[0] != 0 || own.reserved2[1] != 0) {
+    found.push_back("header bytes 78-79 are " + HexEncode(own.reserved2, 2));
+  }
+  if (bloom) {
+    const unsigned char* zeros = r.GetBloomStart() + 4 + uint64_t{h->bsize};
+    if (std::any_of(zeros, zeros + 16, [](unsigned char c) { return c != 0; })) {
+      found.push_back("the Bloom section's 16 reserved bytes are " + HexEncode(zeros, 16));
+    }
+  }
+  checks.OkOrFailed("reserved", Join(found),
+                    bloom ? "header bytes 8-11 and 78-79 and the Bloom section's 16 bytes zero"
+                          : "header bytes 8-11 and 78-79 zero");
+
+  std::map<uint64_t, uint64_t> perContainer;
+  if (bloom) {
+    checks.Add("segments", Verdict::kNone, "a Bloom record has no segment list");
+  } else {
+    std::string problem;
     try {
       r.checkSegmentList();
     } catch (const Cr_ErrnoException& e) {
-      Unsound(name, Describe(e, scope));
+      problem = Describe(e, scope);
     }
-    std::map<uint64_t, uint64_t> perContainer;
     for (uint32_t i = 0; i < h->nfp; ++i) {
       const uint64_t dcid = r.GetSegmentDCID(i);
-      if (dcid < 64) {
-        Unsound(name, "segment " + std::to_string(i) + " has DCID " + std::to_string(dcid) +
-                          ", below 64");
+      if (dcid < 64 && problem.empty()) {
+        problem = "segment " + std::to_string(i) + " has DCID " + std::to_string(dcid) +
+                  ", below 64";
       }
       perContainer[dcid] += r.GetSegmentSize(i);
     }
-    Row(out, "segments", "ok (" + Count(h->nfp, "segment") + " in " +
-                             Count(perContainer.size(), "container") +
-                             ", every DCID at least 64)");
+    checks.OkOrFailed("segments", problem,
+                      Count(h->nfp, "segment") + " in " + Count(perContainer.size(), "container") +
+                          ", every DCID at least 64");
+  }
 
-    uint32_t checksum = 0;
-    std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
-    if (!entries.empty()) {
-      std::map<uint64_t, uint64_t> listed;
-      for (const auto& e : entries) {
-        if (!listed.emplace(e.first, e.second).second) {
-          Unsound(name, "the unique-DCID list names container " + std::to_string(e.first) +
-                            " twice");
-        }
-      }
-      for (const auto& e : listed) {
-        auto found = perContainer.find(e.first);
-        const uint64_t actual = found == perContainer.end() ? 0 : found->second;
-        if (actual != e.second) {
-          Unsound(name, "the unique-DCID list gives container " + std::to_string(e.first) + " " +
-                            std::to_string(e.second) + " bytes, the segment list " +
-                            std::to_string(actual));
-        }
-      }
-      for (const auto& e : perContainer) {
-        if (listed.count(e.first) == 0) {
-          Unsound(name, "the unique-DCID list misses container " + std::to_string(e.first) +
-                            " of the segment list");
-        }
-      }
-      Row(out, "unique", "ok (" + Count(entries.size(), "container") + ", checksum " +
-                             Hex32(checksum) + ", agrees with the segment list)");
-    } else {
-      Row(out, "unique", "none");
-    }
+  uint32_t checksum = 0;
+  const std::vector<std::pair<uint64_t, uint64_t>> entries =
+      loaded.form == Form::kSerializedBloom ? SerializedBloomEntries(loaded.serialized, &checksum)
+                                            : UniqueEntries(r, &checksum);
+  CheckSize(r, entries, &checks);
+  if (entries.empty()) {
+    checks.Add("unique", Verdict::kNone, "no unique-DCID list");
   } else {
-    uint32_t checksum = 0;
-    std::vector<std::pair<uint64_t, uint64_t>> entries = UniqueEntries(r, &checksum);
-    Row(out, "bloom", "ok (" + std::to_string(h->bsize) + " bytes of bitmap)");
-    Row(out, "unique", entries.empty() ? std::string("none")
-                                       : "ok (" + Count(entries.size(), "container") +
-                                             ", checksum " + Hex32(checksum) + ")");
+    std::string problem = UniqueOrderProblem(entries);
+    if (problem.empty() && !bloom) problem = UniqueAgreementProblem(entries, perContainer);
+    checks.OkOrFailed("unique", problem,
+                      Count(entries.size(), "container") + ", checksum " + Hex32(checksum) +
+                          ", ascending" + (bloom ? "" : ", agrees with the segment list"));
   }
 
   uint64_t trefs = 0;
   for (unsigned kind = CR_TREF_TYPE_NONE; kind < CR_TREF_TYPE_END; ++kind) {
     trefs += r.GetNTRefs(static_cast<cr_reftype_t>(kind));
   }
-  Row(out, "references", "ok (" + std::to_string(trefs) + ", " + std::to_string(h->trefsize) +
-                             " bytes)");
-  std::string digest;
-  try {
-    digest = DigestText(r, name);
-  } catch (const ToolError& e) {
-    digest = "none (" + e.reason() + ")";
+  const std::string refs = Count(trefs, "typed reference") + ", " +
+                           std::to_string(h->trefsize) + " bytes";
+  if (loaded.convertedOldLists) {
+    checks.Add("references", Verdict::kNote,
+               refs + "; opening turned " + Count(loaded.fileHeader.ntaskid, "old task ID") +
+                   " and " + Count(loaded.fileHeader.nds, "old DSID") + " into them");
+  } else {
+    checks.Add("references", Verdict::kOk, refs);
   }
-  Row(out, "digest", digest);
-  out << name << ": sound\n";
+
+  CheckCanonical(loaded, &checks);
+
+  try {
+    checks.Add("digest", Verdict::kOk, DigestText(r, loaded.name));
+  } catch (const ToolError& e) {
+    checks.Add("digest", Verdict::kNone, e.reason());
+  }
+  return checks.Take();
+}
+
+}  // namespace
+
+std::string ChecksumProblem(const Loaded& loaded, const VerifyOptions& options) {
+  if (!IsSerialized(loaded) || loaded.serializedChecksum) return "";
+  const bool bloom = loaded.form == Form::kSerializedBloom;
+  if (options.noChecksum && !bloom) return "";
+  const std::vector<unsigned char>& s = loaded.serialized;
+  const uint32_t head = crrecord::LoadBE32(s.data() + 16);
+  const uint32_t body = DORecordAdler32(s.data() + 28, s.size() - 28);
+  return "the head's checksum " + Hex32(head) + " is not the Adler-32 of the body (" +
+         Hex32(body) + "): " +
+         (bloom ? "damaged (the Bloom form always carries it)"
+                : "damaged, or written without a checksum (say --no-checksum)");
+}
+
+VerifyReport Verify(const Loaded& loaded, const VerifyOptions& options) {
+  VerifyReport report;
+  report.file = loaded.name;
+  report.form = FormKey(loaded.form);
+  report.description = FormLine(loaded);
+  report.notes = loaded.notes;
+  report.checks = loaded.IsDO() ? CheckDO(loaded, options) : CheckSegmentDb(loaded);
+  for (const Check& c : report.checks) {
+    if (c.verdict == Verdict::kFailed) {
+      report.exitCode = kExitUnsound;
+      report.error = c.name + ": " + c.reason;
+      break;
+    }
+  }
+  return report;
+}
+
+VerifyReport FailedReport(const std::string& file, const ToolError& error) {
+  VerifyReport report;
+  report.file = file;
+  report.exitCode = error.exitCode();
+  report.error = error.reason();
+  return report;
+}
+
+void PrintReport(const VerifyReport& report, std::ostream& out) {
+  if (report.form.empty()) return;  // nothing opened: the error line says why
+  out << report.file << ": " << report.description << "\n";
+  for (const std::string& note : report.notes) out << "note: " << note << "\n";
+  for (const Check& c : report.checks) {
+    std::string text = VerdictKey(c.verdict);
+    if (c.verdict == Verdict::kFailed) text = "FAILED";
+    if (!c.reason.empty()) {
+      text += c.verdict == Verdict::kOk || c.verdict == Verdict::kNone ? " (" + c.reason + ")"
+                                                                         : ": " + c.reason;
+    }
+    Row(out, c.name.c_str(), text);
+  }
+  if (report.sound()) out << report.file << ": sound\n";
+}
+
+std::string ReportJson(const VerifyReport& report) {
+  nlohmann::ordered_json j;
+  j["file"] = report.file;
+  j["form"] = report.form.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(report.form);
+  j["sound"] = report.sound();
+  nlohmann::ordered_json checks = nlohmann::ordered_json::array();
+  // What recognition assumed is a note like any other.
+  for (const std::string& note : report.notes) {
+    checks.push_back({{"name", "form"}, {"verdict", "note"}, {"reason", note}});
+  }
+  for (const Check& c : report.checks) {
+    checks.push_back({{"name", c.name}, {"verdict", VerdictKey(c.verdict)}, {"reason", c.reason}});
+  }
+  j["checks"] = std::move(checks);
+  j["error"] = report.error.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(report.error);
+  // Input bytes in file names and reasons are not always UTF-8.
+  return j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+void Verify(const Loaded& loaded, const VerifyOptions& options, std::ostream& out) {
+  const VerifyReport report = Verify(loaded, options);
+  PrintReport(report, out);
+  if (!report.sound()) Unsound(report.file, report.error);
 }
 
 }  // namespace crrec

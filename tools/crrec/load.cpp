@@ -2,6 +2,7 @@
 #include "load.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -251,9 +252,19 @@ Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, co
   loaded.networkOrder = r.networkOrder;
   loaded.notes = r.notes;
   switch (r.form) {
-    case Form::kStored:
+    case Form::kStored: {
       loaded.record = OpenStored(name, data, length, r.networkOrder, &loaded.fileHeader);
+      DORecordHeader* h = loaded.record->GetHeader();
+      loaded.convertedOldLists = loaded.fileHeader.ntaskid != 0 || loaded.fileHeader.nds != 0;
+      // Turning old lists into references stamps mtime with the clock; the
+      // input's times stand, so that a conversion is the same every time.
+      h->ctime = loaded.fileHeader.ctime;
+      h->mtime = loaded.fileHeader.mtime;
+      if (!loaded.convertedOldLists) {
+        loaded.rewritten = FirstDifference(bytes, StoredBytes(*loaded.record, r.networkOrder));
+      }
       break;
+    }
     case Form::kSerialized:
     case Form::kSerializedBloom: {
       loaded.serialized = bytes;
@@ -271,6 +282,10 @@ Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, co
         cr_status_t status = loaded.record->AppendBloomAndUniqueDCIDList();
         if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
       }
+      // The reader stamps the clock; the form carries no times.
+      DORecordHeader* h = loaded.record->GetHeader();
+      h->ctime = hints.time;
+      h->mtime = hints.time;
       break;
     }
     case Form::kSegmentDb: {
@@ -294,6 +309,26 @@ Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, co
 
 Loaded LoadFile(const std::string& path, const Hints& hints) {
   return Load(path, ReadFile(path, kMaxInput), hints);
+}
+
+std::string FirstDifference(const std::vector<unsigned char>& input,
+                            const std::vector<unsigned char>& written) {
+  const size_t n = std::min(input.size(), written.size());
+  const auto at = static_cast<size_t>(
+      std::mismatch(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(n), written.begin())
+          .first -
+      input.begin());
+  if (at < n) {
+    char text[96];
+    std::snprintf(text, sizeof text, "byte %zu is 0x%02x, the library writes 0x%02x", at,
+                  unsigned{input[at]}, unsigned{written[at]});
+    return text;
+  }
+  if (input.size() != written.size()) {
+    return std::to_string(input.size()) + " bytes, the library writes " +
+           std::to_string(written.size());
+  }
+  return "";
 }
 
 std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder) {

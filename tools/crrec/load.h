@@ -44,6 +44,11 @@ struct Hints {
   // Header fields the serialized forms do not carry.
   uint64_t cid = 0;
   unsigned short flags = CR_DO_FLAGS_NEW;
+  // ctime and mtime of a record rebuilt from a serialized form, which
+  // carries no times: a fixed value (not the clock, which the library's
+  // reader stamps), so that converting the same input twice gives the same
+  // bytes.
+  uint32_t time = 0;
 };
 
 // The DO types and fingerprint types a serialized form is read with.
@@ -74,6 +79,13 @@ struct Loaded {
   // Stored form: the header as the file has it (host values), before old
   // task-ID and DSID lists were turned into typed references.
   DORecordHeader fileHeader{};
+  // Stored form: opening turned old task-ID and DSID lists into typed
+  // references, so the record no longer has the input's bytes.
+  bool convertedOldLists = false;
+  // Stored form without old lists: where the input differs from what the
+  // library writes back for the opened record ("byte 212 is 0x05, the
+  // library writes 0x02"); empty when they agree.
+  std::string rewritten;
   // Serialized forms: the input bytes, and whether their head holds the
   // Adler-32 of the body (the form written with a checksum).
   std::vector<unsigned char> serialized;
@@ -104,6 +116,11 @@ Loaded LoadFile(const std::string& path, const Hints& hints);
 // the stored-record constructor over a copy. Throws ToolError (unsound).
 std::unique_ptr<DORecord> OpenStored(const std::string& name, const unsigned char* data,
                                      size_t length, bool networkOrder, DORecordHeader* header);
+
+// Where `input` first differs from `written`, for people; empty when they
+// are the same bytes.
+std::string FirstDifference(const std::vector<unsigned char>& input,
+                            const std::vector<unsigned char>& written);
 
 // The record's bytes as stored, in host or network order.
 std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder);
