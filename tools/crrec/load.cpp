@@ -133,8 +133,12 @@ bool FitsBloom(const unsigned char* data, size_t length) {
   return length == kBloomFixed + bsize + 16 * nudcid;
 }
 
+// A UTF-8 byte-order mark may open the text: editors write one, and the
+// JSON reader skips it.
 bool LooksLikeJson(const unsigned char* data, size_t length) {
-  for (size_t i = 0; i < length; ++i) {
+  static const unsigned char kByteOrderMark[] = {0xEF, 0xBB, 0xBF};
+  const bool mark = length >= 3 && std::memcmp(data, kByteOrderMark, 3) == 0;
+  for (size_t i = mark ? 3 : 0; i < length; ++i) {
     unsigned char c = data[i];
     if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
     return c == '{';
