@@ -110,6 +110,8 @@ TEST_F(CrrecCli, UsageErrorsExitTwoWithOneLineThatIsPrintableAndBounded) {
        "--dotype: At Most 1 required but received 2 (see crrec --help)"},
       {{"build", input, "--dotype", "4", "--bloom-bytes", "0"},
        input + ": --bloom-bytes: 0 is less than 1"},
+      {{"build", input, "--time", "0x0"},
+       input + ": --time: 0 stands for the current time: give 1 or more, or leave --time out"},
       {{"gen", missing, "--size", "0x10"}, missing + ": --size: \"0x10\" has an unknown unit"},
       {{"show", stored, "-n", "-1"}, stored + ": --segments: \"-1\" is not a number"},
       // An empty value is not an absent one.
@@ -117,7 +119,8 @@ TEST_F(CrrecCli, UsageErrorsExitTwoWithOneLineThatIsPrintableAndBounded) {
       {{"build", input, "-o", ""}, input + ": --stored: an empty value"},
       {{"build", input, "-o", "-", "-j", "-"}, input + ": -o and -j name the same file"},
       // The outputs are refused before the input is read.
-      {{"build", missing, "-o", Path("no/x")}, Path("no/x") + ": cannot create: No such file or directory"},
+      {{"build", missing, "-o", Path("no/x")},
+       Path("no/x") + ": cannot create: No such file or directory"},
       {{"convert", missing, "--to", "json", "-o", dir_}, dir_ + ": is a directory"},
       // Control characters, bytes that are not UTF-8 and long values are
       // escaped and cut, wherever they come from.
@@ -191,12 +194,14 @@ TEST_F(CrrecCli, WriteFailuresExitOneAndLeaveNoOutputBehind) {
   };
   const Case cases[] = {
       {{"build", input, "-q", "-o", "/dev/full"}, 1, "/dev/full: cannot write: " + full},
-      {{"convert", stored, "--to", "json", "-o", "/dev/full"}, 1, "/dev/full: cannot write: " + full},
+      {{"convert", stored, "--to", "json", "-o", "/dev/full"}, 1,
+       "/dev/full: cannot write: " + full},
       // Nothing is written when one output cannot be created, and an output
       // that exists keeps its content when the job fails.
       {{"build", input, "-q", "-o", Path("new"), "-s", Path("no/x")}, 2,
        Path("no/x") + ": cannot create: No such file or directory"},
-      {{"build", input, "-q", "-o", kept, "-s", "/dev/full"}, 1, "/dev/full: cannot write: " + full},
+      {{"build", input, "-q", "-o", kept, "-s", "/dev/full"}, 1,
+       "/dev/full: cannot write: " + full},
       {{"build", Path("missing"), "-q", "-o", kept}, 2,
        Path("missing") + ": cannot open: No such file or directory"},
       {{"build", Path("empty"), "-q", "-o", Path("new")}, 1,
@@ -207,8 +212,8 @@ TEST_F(CrrecCli, WriteFailuresExitOneAndLeaveNoOutputBehind) {
     EXPECT_EQ(r.err, "crrec: " + c.line + "\n");
   }
   EXPECT_EQ(Read("kept"), "old");
-  EXPECT_EQ(std::system(("ls -A " + dir_ + " | grep -vqx 'in.bin\\|r.stored\\|kept\\|empty'").c_str()), 256)
-      << "a file was left behind";
+  const std::string others = "ls -A " + dir_ + " | grep -vqx 'in.bin\\|r.stored\\|kept\\|empty'";
+  EXPECT_EQ(std::system(others.c_str()), 256) << "a file was left behind";
 }
 
 TEST(CrrecManual, DocumentsEveryOptionOfEveryCommand) {

@@ -66,15 +66,20 @@ uint64_t ParseNumber(const std::string& text, uint64_t max, const std::string& o
 namespace {
 
 // A size option; `min` is the least value that means anything.
-uint64_t SizeOption(const std::string& text, uint64_t min, uint64_t max, const std::string& option) {
+uint64_t SizeOption(const std::string& text, uint64_t min, uint64_t max,
+                    const std::string& option) {
   uint64_t value = 0;
   try {
     value = ParseSize(text);
   } catch (const std::invalid_argument& e) {
     Usage("", option + ": " + e.what());
   }
-  if (value > max) Usage("", option + ": " + Printable(text) + " is larger than " + std::to_string(max));
-  if (value < min) Usage("", option + ": " + Printable(text) + " is less than " + std::to_string(min));
+  if (value > max) {
+    Usage("", option + ": " + Printable(text) + " is larger than " + std::to_string(max));
+  }
+  if (value < min) {
+    Usage("", option + ": " + Printable(text) + " is less than " + std::to_string(min));
+  }
   return value;
 }
 
@@ -116,7 +121,8 @@ void PrintNotes(const Loaded& loaded, std::ostream& err) {
 class Progress {
  public:
   Progress(const std::string& name, bool enabled)
-      : name_(Printable(name, 40)), enabled_(enabled && ::isatty(2) == 1) {}
+      // 78 columns at most: "crrec: NAME [25 marks] 100% 1023.9 MiB".
+      : name_(Printable(name, 24)), enabled_(enabled && ::isatty(2) == 1) {}
   ~Progress() {
     if (shown_) std::cerr << "\r" << std::string(78, ' ') << "\r" << std::flush;
   }
@@ -195,7 +201,8 @@ int DoBuild(const BuildArgs& a, std::ostream& out, std::ostream& err) {
     if (!a.avgSize.empty()) c.avgSize = static_cast<uint32_t>(
         SizeOption(a.avgSize, 0, kMaxSegmentSize, "--avg"));
     c.minSize = a.minSize.empty() ? c.avgSize / 4
-                                  : static_cast<uint32_t>(SizeOption(a.minSize, 0, kMaxSegmentSize, "--min"));
+                                  : static_cast<uint32_t>(
+                                        SizeOption(a.minSize, 0, kMaxSegmentSize, "--min"));
     c.maxSize = a.maxSize.empty()
                     ? static_cast<uint32_t>(std::min<uint64_t>(uint64_t{c.avgSize} * 8, kMaxSegmentSize))
                     : static_cast<uint32_t>(SizeOption(a.maxSize, 0, kMaxSegmentSize, "--max"));
@@ -207,10 +214,17 @@ int DoBuild(const BuildArgs& a, std::ostream& out, std::ostream& err) {
     o.crcGiven = true;
     o.crc = static_cast<uint32_t>(ParseNumber(a.crc, UINT32_MAX, "--crc"));
   }
-  if (!a.time.empty()) o.time = static_cast<uint32_t>(ParseNumber(a.time, UINT32_MAX, "--time"));
+  if (!a.time.empty()) {
+    o.time = static_cast<uint32_t>(ParseNumber(a.time, UINT32_MAX, "--time"));
+    // The builder takes 0 for "now": a 0 given here would not be kept.
+    if (o.time == 0) {
+      Usage("", "--time: 0 stands for the current time: give 1 or more, or leave --time out");
+    }
+  }
   o.uniqueDcidList = !a.noUnique;
   if (!a.bloomBytes.empty()) {
-    o.bloomBytes = static_cast<uint32_t>(SizeOption(a.bloomBytes, 1, UINT32_MAX / 2, "--bloom-bytes"));
+    o.bloomBytes =
+        static_cast<uint32_t>(SizeOption(a.bloomBytes, 1, UINT32_MAX / 2, "--bloom-bytes"));
   }
   for (const std::string& id : a.taskIds) o.taskIds.push_back(ParseNumber(id, UINT64_MAX, "--taskid"));
   for (const std::string& id : a.dsids) {
@@ -365,7 +379,8 @@ int DoDigest(const InputArgs& in, std::ostream& out, std::ostream& err) {
 }
 
 int DoGen(const std::string& file, const std::string& size, const std::string& seed) {
-  SampleSource source(ParseNumber(seed, UINT64_MAX, "--seed"), SizeOption(size, 0, UINT64_MAX, "--size"));
+  SampleSource source(ParseNumber(seed, UINT64_MAX, "--seed"),
+                      SizeOption(size, 0, UINT64_MAX, "--size"));
   // Written block by block: a sample of any size takes a fixed amount of memory.
   std::vector<unsigned char> block(1 << 20);
   OutputFile output(file);
@@ -526,7 +541,8 @@ int RunCommand(const std::vector<std::string>& args, std::ostream& out, std::ost
     err << ToolError(kExitUnsound, file, "out of memory").Line() << "\n";
     return kExitUnsound;
   } catch (const Cr_ErrnoException& e) {
-    const std::string reason = std::string(e.what()) + " (status " + std::to_string(e.GetStatus()) + ")";
+    const std::string reason =
+        std::string(e.what()) + " (status " + std::to_string(e.GetStatus()) + ")";
     err << ToolError(kExitUnsound, file, reason).Line() << "\n";
     return kExitUnsound;
   } catch (const std::exception& e) {
