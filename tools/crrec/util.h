@@ -78,9 +78,10 @@ std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit);
 // A regular file (or a new one) is written under a temporary name in its
 // directory and renamed over `path` by Close: a job that fails, or is
 // interrupted by an exception, leaves no half-written or empty output, and
-// an existing file keeps its content until then. Standard output and targets
-// that are not regular files (a device such as /dev/null, a FIFO, a symbolic
-// link) are written in place.
+// an existing file keeps its content until then (and its mode; other hard
+// links to it keep the old content). Standard output and targets that are
+// not regular files (a device such as /dev/null, a FIFO, a symbolic link)
+// are written in place.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
