@@ -101,7 +101,7 @@ std::string Printable(const std::string& text, size_t limit) {
     } else {
       piece = {'\\', 'x', kDigits[p[i] >> 4], kDigits[p[i] & 15]};
     }
-    // The limit counts what is printed, so an escaped text is no longer.
+    // The limit counts printed bytes: escaping cannot make a line longer.
     if (s.size() + piece.size() > limit) return s + "...";
     s += piece;
     i += len > 0 ? len : 1;
