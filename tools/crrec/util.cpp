@@ -276,6 +276,10 @@ OutputFile::OutputFile(const std::string& path) : path_(path), fd_(-1) {
     fd_ = CreateTemporary(path, exists ? st.st_mode & 07777 : 0666, &temp_);
     if (fd_ >= 0 && exists) ::fchmod(fd_, st.st_mode & 07777);
     if (fd_ < 0) temp_.clear();
+    if (fd_ < 0 && exists && errno == EACCES) {
+      // A writable file in a directory that is not: only in place.
+      fd_ = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    }
   }
   if (fd_ < 0) Usage(path, "cannot create: " + ErrnoText(errno));
 }

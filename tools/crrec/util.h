@@ -80,8 +80,8 @@ std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit);
 // interrupted by an exception, leaves no half-written or empty output, and
 // an existing file keeps its content until then (and its mode; other hard
 // links to it keep the old content). Standard output and targets that are
-// not regular files (a device such as /dev/null, a FIFO, a symbolic link)
-// are written in place.
+// not regular files (a device such as /dev/null, a FIFO, a symbolic link),
+// and a writable file in a directory that is not, are written in place.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
