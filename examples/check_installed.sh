@@ -3,13 +3,14 @@
 # runs the examples against that install, the way a user of the packages
 # would: once through find_package(crrecord) and once through pkg-config.
 # Every example's output must equal examples/expected/<name>.txt, and the
-# packaged crrec must run.
+# packaged crrec must run and say its version, and its manual page and bash
+# completion must work.
 #
 #   examples/check_installed.sh BUILD_DIR
 #
 # BUILD_DIR is a configured, built tree (configure it with
 # -DCMAKE_INSTALL_PREFIX=/usr for the multiarch library directory Debian
-# uses). Needs dpkg-dev (dpkg-shlibdeps), file, cmake, pkg-config and g++.
+# uses). Needs dpkg-dev (dpkg-shlibdeps), file, cmake, pkg-config, g++ and man.
 set -euo pipefail
 
 if [ $# -ne 1 ]; then
@@ -85,7 +86,24 @@ run_examples "$scratch/pc-build"
 
 if [ -x "$root/usr/bin/crrec" ]; then
   echo "== the packaged crrec"
-  LD_LIBRARY_PATH="$libdir" "$root/usr/bin/crrec" --help >/dev/null
-  echo "crrec runs"
+  version=$(LD_LIBRARY_PATH="$libdir" "$root/usr/bin/crrec" --version)
+  if [ "$version" != "crrec $(dpkg-deb -f "$scratch"/packages/crrec_*.deb Version)" ]; then
+    echo "crrec --version says '$version', not the package's version" >&2
+    exit 1
+  fi
+  # The manual page renders without a warning.
+  warnings=$(man --warnings -l "$root/usr/share/man/man1/crrec.1"* 2>&1 >/dev/null)
+  if [ -n "$warnings" ]; then
+    echo "crrec.1: $warnings" >&2
+    exit 1
+  fi
+  # The completion completes a command.
+  completed=$(bash -c 'source "$1"; COMP_WORDS=(crrec ve); COMP_CWORD=1; _crrec
+                       echo "${COMPREPLY[*]}"' _ "$root/usr/share/bash-completion/completions/crrec")
+  if [ "$completed" != verify ]; then
+    echo "the completion of 'crrec ve' is '$completed', not 'verify'" >&2
+    exit 1
+  fi
+  echo "$version runs; its manual page and completion work"
 fi
 echo "installed packages: all checks passed"

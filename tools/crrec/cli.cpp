@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <new>
 #include <sstream>
 
@@ -24,10 +25,22 @@
 
 namespace crrec {
 
+namespace {
+
+// Options whose values are codes from a short list; every command that takes
+// one refuses the same values, before any file is read.
+struct CodeRange {
+  const char* option;
+  uint64_t min, max;
+};
+constexpr CodeRange kCodeRanges[] = {{"--dotype", 0, 5}, {"--fptype", 1, 3}};
+
+}  // namespace
+
 uint64_t ParseNumber(const std::string& text, uint64_t max, const std::string& option) {
   const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
   const size_t start = hex ? 2 : 0;
-  if (text.size() == start) Usage("", option + ": \"" + text + "\" is not a number");
+  if (text.size() == start) Usage("", option + ": " + Quoted(text) + " is not a number");
   uint64_t value = 0;
   for (size_t i = start; i < text.size(); ++i) {
     const char c = text[i];
@@ -35,26 +48,39 @@ uint64_t ParseNumber(const std::string& text, uint64_t max, const std::string& o
                 : hex && c >= 'a' && c <= 'f'    ? c - 'a' + 10
                 : hex && c >= 'A' && c <= 'F'    ? c - 'A' + 10
                                                  : -1;
-    if (digit < 0) Usage("", option + ": \"" + text + "\" is not a number");
+    if (digit < 0) Usage("", option + ": " + Quoted(text) + " is not a number");
     const uint64_t base = hex ? 16 : 10;
     if (value > (max - static_cast<uint64_t>(digit)) / base) {
-      Usage("", option + ": " + text + " is larger than " + std::to_string(max));
+      Usage("", option + ": " + Printable(text) + " is larger than " + std::to_string(max));
     }
     value = value * base + static_cast<uint64_t>(digit);
+  }
+  for (const CodeRange& range : kCodeRanges) {
+    if (option == range.option && (value < range.min || value > range.max)) {
+      Usage("", option + ": " + Printable(text) + " is not in " + std::to_string(range.min) +
+                    " to " + std::to_string(range.max));
+    }
   }
   return value;
 }
 
 namespace {
 
-uint64_t SizeOption(const std::string& text, uint64_t max, const std::string& option) {
+// A size option; `min` is the least value that means anything.
+uint64_t SizeOption(const std::string& text, uint64_t min, uint64_t max,
+                    const std::string& option) {
   uint64_t value = 0;
   try {
     value = ParseSize(text);
   } catch (const std::invalid_argument& e) {
     Usage("", option + ": " + e.what());
   }
-  if (value > max) Usage("", option + ": " + text + " is larger than " + std::to_string(max));
+  if (value > max) {
+    Usage("", option + ": " + Printable(text) + " is larger than " + std::to_string(max));
+  }
+  if (value < min) {
+    Usage("", option + ": " + Printable(text) + " is less than " + std::to_string(min));
+  }
   return value;
 }
 
@@ -108,13 +134,15 @@ void PrintNotes(const Loaded& loaded, std::ostream& err) {
   }
 }
 
-// A progress bar on stderr, when stderr is a terminal; cleared when done.
+// A progress bar on the terminal that stderr is, cleared when done. It
+// writes to std::cerr itself, since its carriage returns are not lines.
 class Progress {
  public:
-  Progress(const std::string& name, std::ostream& err, bool enabled)
-      : name_(name), err_(err), enabled_(enabled && &err == &std::cerr && ::isatty(2) == 1) {}
+  Progress(const std::string& name, bool enabled)
+      // 78 columns at most: "crrec: NAME [25 marks] 100% 1023.9 MiB".
+      : name_(Printable(name, 24)), enabled_(enabled && ::isatty(2) == 1) {}
   ~Progress() {
-    if (shown_) err_ << "\r" << std::string(78, ' ') << "\r" << std::flush;
+    if (shown_) std::cerr << "\r" << std::string(78, ' ') << "\r" << std::flush;
   }
   ProgressFn Fn() {
     if (!enabled_) return ProgressFn();
@@ -126,24 +154,34 @@ class Progress {
                 std::to_string(pct) + "% ";
       }
       line += HumanBytes(done);
-      if (line.size() > 78) line = line.substr(line.size() - 78);
-      err_ << "\r" << line << std::string(78 - line.size(), ' ') << std::flush;
+      std::cerr << "\r" << line << std::string(line.size() < 78 ? 78 - line.size() : 0, ' ')
+                << std::flush;
       shown_ = true;
     };
   }
 
  private:
   std::string name_;
-  std::ostream& err_;
   bool enabled_;
   bool shown_ = false;
 };
 
-void WriteOutput(const std::string& path, const std::vector<unsigned char>& bytes, bool binary) {
+// An output named on the command line, opened before the input is read.
+// Binary records are not for a terminal.
+void OpenOutput(std::optional<OutputFile>* output, const std::string& path, bool binary) {
   if (path == "-" && binary && ::isatty(1) == 1) {
     Usage("", "will not write a binary record to a terminal: say -o FILE");
   }
-  WriteFile(path, bytes.data(), bytes.size());
+  output->emplace(path);
+}
+
+void WriteOutput(OutputFile& output, const std::vector<unsigned char>& bytes) {
+  output.Write(bytes.data(), bytes.size());
+  output.Close();
+}
+
+void Write(std::optional<OutputFile>& output, const std::vector<unsigned char>& bytes) {
+  if (output) output->Write(bytes.data(), bytes.size());
 }
 
 std::vector<unsigned char> TextBytes(const std::string& text) {
@@ -175,28 +213,36 @@ int DoBuild(const BuildArgs& a, std::ostream& out, std::ostream& err) {
       Usage("", "--min, --avg and --max are for --chunker cdc");
     }
     if (!a.segmentSize.empty()) c.fixedSize = static_cast<uint32_t>(
-        SizeOption(a.segmentSize, kMaxSegmentSize, "--segment-size"));
+        SizeOption(a.segmentSize, 0, kMaxSegmentSize, "--segment-size"));
   } else {
     if (!a.segmentSize.empty()) Usage("", "--segment-size is for --chunker fixed");
     if (!a.avgSize.empty()) c.avgSize = static_cast<uint32_t>(
-        SizeOption(a.avgSize, kMaxSegmentSize, "--avg"));
+        SizeOption(a.avgSize, 0, kMaxSegmentSize, "--avg"));
     c.minSize = a.minSize.empty() ? c.avgSize / 4
-                                  : static_cast<uint32_t>(SizeOption(a.minSize, kMaxSegmentSize, "--min"));
+                                  : static_cast<uint32_t>(
+                                        SizeOption(a.minSize, 0, kMaxSegmentSize, "--min"));
     c.maxSize = a.maxSize.empty()
                     ? static_cast<uint32_t>(std::min<uint64_t>(uint64_t{c.avgSize} * 8, kMaxSegmentSize))
-                    : static_cast<uint32_t>(SizeOption(a.maxSize, kMaxSegmentSize, "--max"));
+                    : static_cast<uint32_t>(SizeOption(a.maxSize, 0, kMaxSegmentSize, "--max"));
   }
-  o.containerSize = SizeOption(a.containerSize, UINT64_MAX, "--container-size");
+  o.containerSize = SizeOption(a.containerSize, 1, UINT64_MAX, "--container-size");
   o.firstDcid = ParseNumber(a.firstDcid, UINT64_MAX, "--first-dcid");
   o.cid = a.cid.empty() ? o.firstDcid : ParseNumber(a.cid, UINT64_MAX, "--cid");
   if (!a.crc.empty()) {
     o.crcGiven = true;
     o.crc = static_cast<uint32_t>(ParseNumber(a.crc, UINT32_MAX, "--crc"));
   }
-  if (!a.time.empty()) o.time = static_cast<uint32_t>(ParseNumber(a.time, UINT32_MAX, "--time"));
+  if (!a.time.empty()) {
+    o.time = static_cast<uint32_t>(ParseNumber(a.time, UINT32_MAX, "--time"));
+    // The builder takes 0 for "now": a 0 given here would not be kept.
+    if (o.time == 0) {
+      Usage("", "--time: 0 stands for the current time: give 1 or more, or leave --time out");
+    }
+  }
   o.uniqueDcidList = !a.noUnique;
   if (!a.bloomBytes.empty()) {
-    o.bloomBytes = static_cast<uint32_t>(SizeOption(a.bloomBytes, UINT32_MAX / 2, "--bloom-bytes"));
+    o.bloomBytes =
+        static_cast<uint32_t>(SizeOption(a.bloomBytes, 1, UINT32_MAX / 2, "--bloom-bytes"));
   }
   for (const std::string& id : a.taskIds) o.taskIds.push_back(ParseNumber(id, UINT64_MAX, "--taskid"));
   for (const std::string& id : a.dsids) {
@@ -205,27 +251,43 @@ int DoBuild(const BuildArgs& a, std::ostream& out, std::ostream& err) {
   const std::string problem = CheckBuildOptions(o);
   if (!problem.empty()) Usage("", problem);
 
+  // The outputs exist before the input is read, so that a file that cannot
+  // be created is refused at once, not after cutting a large input.
+  const std::pair<const char*, const std::string*> named[] = {
+      {"-o", &a.stored}, {"-s", &a.serialized}, {"-j", &a.json}};
+  for (size_t i = 0; i < 3; ++i) {
+    for (size_t j = i + 1; j < 3; ++j) {
+      if (!named[i].second->empty() && *named[i].second == *named[j].second) {
+        Usage("", std::string(named[i].first) + " and " + named[j].first + " name the same file");
+      }
+    }
+  }
+  std::optional<OutputFile> stored, serialized, json;
+  if (!a.stored.empty()) OpenOutput(&stored, a.stored, true);
+  if (!a.serialized.empty()) OpenOutput(&serialized, a.serialized, true);
+  if (!a.json.empty()) OpenOutput(&json, a.json, false);
+
   FileSource source(a.file);
   Built built;
   {
-    Progress progress(a.file, err, !a.quiet && !a.noProgress);
+    Progress progress(a.file, !a.quiet && !a.noProgress);
     built = BuildRecord(source, a.file, o, progress.Fn());
   }
   const bool toStdout = a.stored == "-" || a.serialized == "-" || a.json == "-";
   if (!a.quiet) PrintBuildSummary(a.file, built, o, toStdout ? err : out);
 
-  if (!a.stored.empty()) {
-    WriteOutput(a.stored, StoredBytes(*built.record, a.networkOrder), true);
-  }
-  if (!a.serialized.empty()) {
-    WriteOutput(a.serialized, SerializedBytes(*built.record, !a.noChecksum, a.file), true);
-  }
-  if (!a.json.empty()) {
+  if (stored) Write(stored, StoredBytes(*built.record, a.networkOrder));
+  if (serialized) Write(serialized, SerializedBytes(*built.record, !a.noChecksum, a.file));
+  if (json) {
     Loaded loaded;
     loaded.name = a.file;
     loaded.networkOrder = a.networkOrder;
     loaded.record = std::move(built.record);
-    WriteOutput(a.json, TextBytes(ToJson(loaded).dump(2) + "\n"), false);
+    Write(json, TextBytes(ToJson(loaded).dump(2) + "\n"));
+  }
+  // Named only when all of them are written: a failure leaves none behind.
+  for (std::optional<OutputFile>* output : {&stored, &serialized, &json}) {
+    if (*output) (*output)->Close();
   }
   return kExitOk;
 }
@@ -303,6 +365,8 @@ struct ConvertArgs {
 // untrusted checksum.
 int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
   const std::string& file = in.files.front();
+  std::optional<OutputFile> output;
+  OpenOutput(&output, a.output, a.to == "stored" || a.to == "serialized");
   Loaded loaded = LoadFile(file, MakeHints(in));
   PrintNotes(loaded, err);
   const VerifyOptions options = MakeVerifyOptions(in);
@@ -313,7 +377,7 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
     if (!report.sound()) Unsound(file, report.error);
   }
   if (a.to == "json") {
-    WriteOutput(a.output, TextBytes(ToJson(loaded).dump(2) + "\n"), false);
+    WriteOutput(*output, TextBytes(ToJson(loaded).dump(2) + "\n"));
     return kExitOk;
   }
   if (a.to == "text") {
@@ -329,7 +393,7 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
       Unsound(file, Describe(e, scope));
     }
     text << "\n";
-    WriteOutput(a.output, TextBytes(text.str()), false);
+    WriteOutput(*output, TextBytes(text.str()));
     return kExitOk;
   }
   if (a.to == "stored") {
@@ -337,13 +401,13 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
     const bool keep = loaded.origin == Form::kStored || loaded.origin == Form::kSegmentDb;
     const bool network = a.networkOrder || (!a.hostOrder && keep && loaded.networkOrder);
     if (loaded.IsDO()) {
-      WriteOutput(a.output, StoredBytes(*loaded.record, network), true);
+      WriteOutput(*output, StoredBytes(*loaded.record, network));
     } else {
       std::vector<uint64_t> copy(loaded.soStorage);
       _SegmentDBRecord* s = reinterpret_cast<_SegmentDBRecord*>(copy.data());
       if (network) SegmentRecordHton(s, s, 0);
       const unsigned char* p = reinterpret_cast<const unsigned char*>(copy.data());
-      WriteOutput(a.output, std::vector<unsigned char>(p, p + loaded.soLength), true);
+      WriteOutput(*output, std::vector<unsigned char>(p, p + loaded.soLength));
     }
     return kExitOk;
   }
@@ -353,7 +417,7 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
   const bool checksum =
       a.withChecksum || (!a.withoutChecksum && (!serializedOrigin || loaded.serializedChecksum));
   if (loaded.IsDO()) {
-    WriteOutput(a.output, SerializedBytes(*loaded.record, checksum, file), true);
+    WriteOutput(*output, SerializedBytes(*loaded.record, checksum, file));
   } else {
     MessageScope scope;
     void* out = nullptr;
@@ -363,7 +427,7 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
     std::vector<unsigned char> bytes(static_cast<unsigned char*>(out),
                                      static_cast<unsigned char*>(out) + size);
     std::free(out);
-    WriteOutput(a.output, bytes, true);
+    WriteOutput(*output, bytes);
   }
   return kExitOk;
 }
@@ -389,7 +453,8 @@ int DoDigest(const InputArgs& in, std::ostream& out, std::ostream& err) {
 }
 
 int DoGen(const std::string& file, const std::string& size, const std::string& seed) {
-  SampleSource source(ParseNumber(seed, UINT64_MAX, "--seed"), SizeOption(size, UINT64_MAX, "--size"));
+  SampleSource source(ParseNumber(seed, UINT64_MAX, "--seed"),
+                      SizeOption(size, 0, UINT64_MAX, "--size"));
   // Written block by block: a sample of any size takes a fixed amount of memory.
   std::vector<unsigned char> block(1 << 20);
   OutputFile output(file);
@@ -406,13 +471,30 @@ std::string OneLine(std::string s) {
   return s;
 }
 
-}  // namespace
+// An option given with an empty value ("-o ''", "--dotype=") is refused
+// like any other value that means nothing, rather than taken as not given.
+void RefuseEmptyValues(const CLI::App& command) {
+  for (const CLI::Option* option : command.get_options()) {
+    if (option->get_type_size() == 0) continue;  // a flag
+    for (const std::string& value : option->results()) {
+      if (value.empty()) Usage("", option->get_name() + ": an empty value");
+    }
+  }
+}
 
-int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+// Parses the command line and runs the command; every failure becomes one
+// line on `err` and the exit code. `errIsStderr`: a progress bar may go to
+// the terminal.
+// The file an error names when it names none itself.
+std::string First(const InputArgs& in) { return in.files.empty() ? "" : in.files.front(); }
+
+int RunCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,
+               bool errIsStderr) {
   CLI::App app{"crrec: builds DO records from files, and shows, verifies and converts records.\n"
                "Without a command it runs the demo job.",
                "crrec"};
   app.require_subcommand(0, 1);
+  app.set_version_flag("--version", "crrec " CRREC_VERSION, "print crrec's version and exit");
 
   CLI::App* demo = app.add_subcommand("demo", "build, serialize, rebuild, verify and show a sample");
 
@@ -503,29 +585,30 @@ int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     app.parse(static_cast<int>(argv.size()), argv.data());
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e, out, err);
-    err << "crrec: " << OneLine(e.what()) << " (see crrec --help)\n";
+    err << "crrec: " << Printable(OneLine(e.what()), 2 * kQuoteLimit) << " (see crrec --help)\n";
     return kExitUsage;
   }
+  if (!errIsStderr) b.noProgress = true;
 
-  std::string file;
+  // The file that errors name when they name no other.
+  const std::string file = *build     ? b.file
+                           : *show    ? First(showIn)
+                           : *verify  ? First(verifyIn)
+                           : *convert ? First(convertIn)
+                           : *digest  ? First(digestIn)
+                           : *gen     ? genFile
+                                      : "demo";
   try {
-    if (*build) {
-      file = b.file;
-      return DoBuild(b, out, err);
-    }
+    for (const CLI::App* command : app.get_subcommands()) RefuseEmptyValues(*command);
+    if (*build) return DoBuild(b, out, err);
     if (*show) {
-      file = showIn.files.front();
       if (all) showOptions.segments = UINT64_MAX;
       if (!segments.empty()) showOptions.segments = ParseNumber(segments, UINT64_MAX, "--segments");
       if (text && json) Usage("", "--text or --json, not both");
       return DoShow(showIn, showOptions, text, json, out, err);
     }
-    if (*verify) {
-      file = verifyIn.files.front();
-      return DoVerify(verifyIn, verifyQuiet, verifyJson, out, err);
-    }
+    if (*verify) return DoVerify(verifyIn, verifyQuiet, verifyJson, out, err);
     if (*convert) {
-      file = convertIn.files.front();
       if (convertArgs.networkOrder && convertArgs.hostOrder) {
         Usage("", "--network-order or --host-order, not both");
       }
@@ -534,31 +617,43 @@ int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
       }
       return DoConvert(convertIn, convertArgs, err);
     }
-    if (*digest) {
-      file = digestIn.files.front();
-      return DoDigest(digestIn, out, err);
-    }
-    if (*gen) {
-      file = genFile;
-      return DoGen(genFile, genSize, genSeed);
-    }
+    if (*digest) return DoDigest(digestIn, out, err);
+    if (*gen) return DoGen(genFile, genSize, genSeed);
     (void)demo;
-    file = "demo";
     return RunDemo(out);
   } catch (const ToolError& e) {
     ToolError named(e.exitCode(), e.where().empty() ? file : e.where(), e.reason());
-    err << OneLine(named.Line()) << "\n";
+    err << named.Line() << "\n";
     return named.exitCode();
   } catch (const std::bad_alloc&) {
-    err << "crrec: " << file << ": out of memory\n";
+    err << ToolError(kExitUnsound, file, "out of memory").Line() << "\n";
     return kExitUnsound;
   } catch (const Cr_ErrnoException& e) {
-    err << "crrec: " << file << ": " << OneLine(e.what()) << " (status " << e.GetStatus() << ")\n";
+    const std::string reason =
+        std::string(e.what()) + " (status " + std::to_string(e.GetStatus()) + ")";
+    err << ToolError(kExitUnsound, file, reason).Line() << "\n";
     return kExitUnsound;
   } catch (const std::exception& e) {
-    err << "crrec: " << file << ": " << OneLine(e.what()) << "\n";
+    err << ToolError(kExitUnsound, file, e.what()).Line() << "\n";
     return kExitUnsound;
   }
+}
+
+}  // namespace
+
+int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& rawErr) {
+  // Every line on stderr, whoever writes it, goes through one filter.
+  PrintableLines errLines(rawErr);
+  std::ostream err(&errLines);
+  int code = RunCommand(args, out, err, &rawErr == &std::cerr);
+  // What was written to `out` reaches it now; a failure to write it fails
+  // the command, whatever it was.
+  if (!out.flush()) {
+    err << "crrec: standard output: " << OutputFailure(out) << "\n";
+    if (code == kExitOk) code = kExitUnsound;
+  }
+  err.flush();
+  return code;
 }
 
 }  // namespace crrec

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,7 +20,10 @@ ToolError::ToolError(int exitCode, std::string where, std::string reason)
       reason_(std::move(reason)) {}
 
 std::string ToolError::Line() const {
-  return where_.empty() ? "crrec: " + reason_ : "crrec: " + where_ + ": " + reason_;
+  // The reason may quote a piece of the input itself; twice the room of a
+  // quote leaves room for the words around it.
+  const std::string reason = Printable(reason_, 2 * kQuoteLimit);
+  return where_.empty() ? "crrec: " + reason : "crrec: " + Printable(where_) + ": " + reason;
 }
 
 void Unsound(const std::string& where, const std::string& reason) {
@@ -40,6 +44,72 @@ std::string HexEncode(const void* data, size_t n) {
   }
   return s;
 }
+
+namespace {
+
+// The length of the UTF-8 sequence of a printable character at p (n bytes
+// left), or 0 for a byte to escape: a control character (C0, DEL, C1), a
+// character that reorders the text around it (the bidirectional embeddings,
+// overrides and isolates), or a byte that does not start well-formed UTF-8.
+size_t PrintableLength(const unsigned char* p, size_t n) {
+  const unsigned char c = p[0];
+  if (c < 0x20 || c == 0x7f) return 0;
+  if (c < 0x80) return 1;
+  size_t len = 0;
+  unsigned char lo = 0x80, hi = 0xbf;  // the second byte's range
+  if (c >= 0xc2 && c <= 0xdf) {
+    len = 2;
+    if (c == 0xc2) lo = 0xa0;  // U+0080 to U+009F are the C1 controls
+  } else if (c >= 0xe0 && c <= 0xef) {
+    len = 3;
+    if (c == 0xe0) lo = 0xa0;  // no overlong forms
+    if (c == 0xed) hi = 0x9f;  // no surrogates
+  } else if (c >= 0xf0 && c <= 0xf4) {
+    len = 4;
+    if (c == 0xf0) lo = 0x90;
+    if (c == 0xf4) hi = 0x8f;  // nothing above U+10FFFF
+  } else {
+    return 0;
+  }
+  if (n < len || p[1] < lo || p[1] > hi) return 0;
+  for (size_t i = 2; i < len; ++i) {
+    if (p[i] < 0x80 || p[i] > 0xbf) return 0;
+  }
+  // U+202A to U+202E and U+2066 to U+2069.
+  if (c == 0xe2 && ((p[1] == 0x80 && p[2] >= 0xaa && p[2] <= 0xae) ||
+                    (p[1] == 0x81 && p[2] >= 0xa6 && p[2] <= 0xa9))) {
+    return 0;
+  }
+  return len;
+}
+
+}  // namespace
+
+std::string Printable(const std::string& text, size_t limit) {
+  static const char kDigits[] = "0123456789abcdef";
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
+  const size_t n = text.size();
+  std::string s;
+  s.reserve(std::min(n, limit) + 3);
+  for (size_t i = 0; i < n;) {
+    std::string piece;
+    const size_t len = PrintableLength(p + i, n - i);
+    if (len > 0) {
+      piece.assign(text, i, len);
+    } else if (p[i] == '\n' || p[i] == '\t' || p[i] == '\r') {
+      piece = p[i] == '\n' ? "\\n" : p[i] == '\t' ? "\\t" : "\\r";
+    } else {
+      piece = {'\\', 'x', kDigits[p[i] >> 4], kDigits[p[i] & 15]};
+    }
+    // The limit counts printed bytes: escaping cannot make a line longer.
+    if (s.size() + piece.size() > limit) return s + "...";
+    s += piece;
+    i += len > 0 ? len : 1;
+  }
+  return s;
+}
+
+std::string Quoted(const std::string& text) { return "\"" + Printable(text) + "\""; }
 
 namespace {
 
@@ -67,7 +137,7 @@ bool HexDecode(const std::string& text, std::vector<unsigned char>* out) {
 uint64_t ParseSize(const std::string& text) {
   size_t digits = 0;
   while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') ++digits;
-  if (digits == 0) throw std::invalid_argument("\"" + text + "\" is not a size");
+  if (digits == 0) throw std::invalid_argument(Quoted(text) + " is not a size");
   std::string unit = text.substr(digits);
   uint64_t scale = 1;
   if (!unit.empty()) {
@@ -76,20 +146,20 @@ uint64_t ParseSize(const std::string& text) {
       case 'm': case 'M': scale = uint64_t{1} << 20; break;
       case 'g': case 'G': scale = uint64_t{1} << 30; break;
       case 'b': case 'B': scale = 1; break;
-      default: throw std::invalid_argument("\"" + text + "\" has an unknown unit");
+      default: throw std::invalid_argument(Quoted(text) + " has an unknown unit");
     }
     std::string rest = unit.substr(1);
     bool ok = rest.empty() || rest == "iB" || rest == "B" || rest == "b" || rest == "ib";
     if (unit[0] == 'b' || unit[0] == 'B') ok = rest.empty();
-    if (!ok) throw std::invalid_argument("\"" + text + "\" has an unknown unit");
+    if (!ok) throw std::invalid_argument(Quoted(text) + " has an unknown unit");
   }
   uint64_t value = 0;
   for (size_t i = 0; i < digits; ++i) {
     uint64_t d = static_cast<uint64_t>(text[i] - '0');
-    if (value > (UINT64_MAX - d) / 10) throw std::invalid_argument("\"" + text + "\" is too large");
+    if (value > (UINT64_MAX - d) / 10) throw std::invalid_argument(Quoted(text) + " is too large");
     value = value * 10 + d;
   }
-  if (value > UINT64_MAX / scale) throw std::invalid_argument("\"" + text + "\" is too large");
+  if (value > UINT64_MAX / scale) throw std::invalid_argument(Quoted(text) + " is too large");
   return value * scale;
 }
 
@@ -167,14 +237,56 @@ std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit) {
   return data;
 }
 
-OutputFile::OutputFile(const std::string& path)
-    : path_(path),
-      fd_(path == "-" ? 1 : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
-  if (fd_ < 0) Unsound(path, "cannot create: " + ErrnoText(errno));
+namespace {
+
+// "dir/.name.crrec-PID-N", created exclusively next to `path`, so that the
+// rename that gives it its name stays within one file system.
+int CreateTemporary(const std::string& path, mode_t mode, std::string* temp) {
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  static unsigned serial = 0;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    *temp = dir + "." + base + ".crrec-" + std::to_string(::getpid()) + "-" +
+            std::to_string(serial++);
+    const int fd = ::open(temp->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return -1;
+}
+
+}  // namespace
+
+OutputFile::OutputFile(const std::string& path) : path_(path), fd_(-1) {
+  if (path == "-") {
+    fd_ = 1;
+    return;
+  }
+  if (path.empty()) Usage("", "an empty output file name");
+  struct stat st {};
+  const bool exists = ::lstat(path.c_str(), &st) == 0;
+  if (exists && !S_ISREG(st.st_mode)) {
+    if (S_ISDIR(st.st_mode)) Usage(path, "is a directory");
+    fd_ = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+  } else if (exists && ::access(path.c_str(), W_OK) != 0) {
+    // Renaming over a file that may not be written would bypass its mode.
+    fd_ = -1;
+  } else {
+    // A new file gets the mode the umask leaves; a replaced one keeps its own.
+    fd_ = CreateTemporary(path, exists ? st.st_mode & 07777 : 0666, &temp_);
+    if (fd_ >= 0 && exists) ::fchmod(fd_, st.st_mode & 07777);
+    if (fd_ < 0) temp_.clear();
+    if (fd_ < 0 && exists && errno == EACCES) {
+      // A writable file in a directory that is not: only in place.
+      fd_ = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    }
+  }
+  if (fd_ < 0) Usage(path, "cannot create: " + ErrnoText(errno));
 }
 
 OutputFile::~OutputFile() {
   if (fd_ > 1) ::close(fd_);
+  if (!temp_.empty()) ::unlink(temp_.c_str());
 }
 
 void OutputFile::Write(const void* data, size_t n) {
@@ -195,12 +307,84 @@ void OutputFile::Close() {
   const int fd = fd_;
   fd_ = -1;
   if (::close(fd) != 0) Unsound(path_, "cannot write: " + ErrnoText(errno));
+  if (!temp_.empty()) {
+    if (::rename(temp_.c_str(), path_.c_str()) != 0) {
+      Unsound(path_, "cannot write: " + ErrnoText(errno));
+    }
+    temp_.clear();
+  }
 }
 
 void WriteFile(const std::string& path, const void* data, size_t n) {
   OutputFile out(path);
   out.Write(data, n);
   out.Close();
+}
+
+FdOutput::FdOutput(int fd) : fd_(fd) { setp(buffer_, buffer_ + sizeof buffer_); }
+
+FdOutput::~FdOutput() { Drain(); }
+
+bool FdOutput::Drain() {
+  const char* p = pbase();
+  size_t n = static_cast<size_t>(pptr() - pbase());
+  setp(buffer_, buffer_ + sizeof buffer_);
+  // After a failure the rest is dropped: the output is incomplete anyway.
+  while (n > 0 && error_ == 0) {
+    const ssize_t put = ::write(fd_, p, n);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) {
+      error_ = put < 0 ? errno : EIO;
+      break;
+    }
+    p += put;
+    n -= static_cast<size_t>(put);
+  }
+  return error_ == 0;
+}
+
+FdOutput::int_type FdOutput::overflow(int_type c) {
+  if (!Drain()) return traits_type::eof();
+  if (!traits_type::eq_int_type(c, traits_type::eof())) {
+    *pptr() = traits_type::to_char_type(c);
+    pbump(1);
+  }
+  return traits_type::not_eof(c);
+}
+
+int FdOutput::sync() { return Drain() ? 0 : -1; }
+
+std::string OutputFailure(const std::ostream& out) {
+  const FdOutput* fd = dynamic_cast<const FdOutput*>(out.rdbuf());
+  return fd != nullptr && fd->error() != 0 ? ErrnoText(fd->error()) : "write error";
+}
+
+PrintableLines::~PrintableLines() {
+  if (!line_.empty()) Emit(false);
+}
+
+PrintableLines::int_type PrintableLines::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  const char ch = traits_type::to_char_type(c);
+  if (ch == '\n') {
+    Emit(true);
+  } else if (line_.size() <= kLineLimit) {
+    // What lies beyond the limit is cut anyway: a huge line costs no memory.
+    line_ += ch;
+  }
+  return c;
+}
+
+int PrintableLines::sync() {
+  if (!line_.empty()) Emit(false);
+  to_.flush();
+  return to_ ? 0 : -1;
+}
+
+void PrintableLines::Emit(bool lineEnd) {
+  to_ << Printable(line_, kLineLimit);
+  if (lineEnd) to_ << '\n';
+  line_.clear();
 }
 
 namespace {

@@ -6,7 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <stdexcept>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -14,9 +16,21 @@ class Cr_ErrnoException;
 
 namespace crrec {
 
-// Exit codes: 0 success; 1 an invalid or unsound record (or a job that
-// failed on its data); 2 a usage error (bad arguments, a missing input).
+// Exit codes: 0 success; 1 an invalid or unsound record, a job that failed
+// on its data, or a failure to write standard output or a file; 2 a usage
+// error (bad arguments, a missing input, an output that cannot be created).
 enum ExitCode : int { kExitOk = 0, kExitUnsound = 1, kExitUsage = 2 };
+
+// How much of a text from outside (a file name, an option value, a quoted
+// piece of input) an error line repeats.
+constexpr size_t kQuoteLimit = 200;
+
+// `text` fit for a terminal line: control characters escaped (\n, \t,
+// \x1b, ...; bytes that are not UTF-8 as \xNN), and cut after `limit` bytes
+// of the text with "..." appended.
+std::string Printable(const std::string& text, size_t limit = kQuoteLimit);
+// Printable(text) in double quotes.
+std::string Quoted(const std::string& text);
 
 // A failure that ends a command, printed as one line "crrec: WHERE: reason".
 class ToolError : public std::runtime_error {
@@ -25,7 +39,8 @@ class ToolError : public std::runtime_error {
   int exitCode() const { return exitCode_; }
   const std::string& where() const { return where_; }
   const std::string& reason() const { return reason_; }
-  // The line to print, without a line end.
+  // The line to print, without a line end: printable, and bounded in length
+  // whatever the place and the reason hold.
   std::string Line() const;
 
  private:
@@ -56,23 +71,80 @@ std::string UtcTime(uint32_t seconds);
 // a usage error (the command line named it); one over `limit` bytes is
 // refused as unsound with the reason "larger than ...".
 std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit);
-// A file being written ("-": standard output); failures exit 1.
+// A file being written ("-": standard output). It is opened when
+// constructed, so that an output that cannot be created is refused (usage,
+// exit 2) before any long work; writing fails with exit 1.
+//
+// A regular file (or a new one) is written under a temporary name in its
+// directory and renamed over `path` by Close: a job that fails, or is
+// interrupted by an exception, leaves no half-written or empty output, and
+// an existing file keeps its content until then (and its mode; other hard
+// links to it keep the old content). Standard output and targets that are
+// not regular files (a device such as /dev/null, a FIFO, a symbolic link),
+// and a writable file in a directory that is not, are written in place.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
-  ~OutputFile();  // closes without reporting; call Close to learn of failures
+  ~OutputFile();  // removes the temporary file unless Close succeeded
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
+  const std::string& path() const { return path_; }
   void Write(const void* data, size_t n);
+  // Closes the file and gives it its name.
   void Close();
 
  private:
   std::string path_;
+  std::string temp_;  // empty when writing in place
   int fd_;
 };
 
 // Writes the bytes to path ("-": standard output); failures exit 1.
 void WriteFile(const std::string& path, const void* data, size_t n);
+
+// A buffered stream buffer over a descriptor (crrec's standard output) that
+// keeps the reason of its first failed write, for the one line that says
+// why the output is incomplete.
+class FdOutput : public std::streambuf {
+ public:
+  explicit FdOutput(int fd);
+  ~FdOutput() override;  // writes what is buffered, if it can
+  // The errno of the first failed write; 0 while every write succeeded.
+  int error() const { return error_; }
+
+ protected:
+  int_type overflow(int_type c) override;
+  int sync() override;
+
+ private:
+  bool Drain();
+  int fd_;
+  int error_ = 0;
+  char buffer_[1 << 16];
+};
+
+// Why writing `out` failed: the saved errno of an FdOutput, else "write error".
+std::string OutputFailure(const std::ostream& out);
+
+// The stream buffer every line of crrec's stderr passes through: it makes
+// each line printable (Printable, kLineLimit bytes at most) before passing it
+// on, so that no note, warning or error line, whoever wrote it, can carry a
+// raw control character or an unbounded piece of the input to a terminal.
+class PrintableLines : public std::streambuf {
+ public:
+  static constexpr size_t kLineLimit = 1024;
+  explicit PrintableLines(std::ostream& to) : to_(to) {}
+  ~PrintableLines() override;
+
+ protected:
+  int_type overflow(int_type c) override;
+  int sync() override;
+
+ private:
+  void Emit(bool lineEnd);
+  std::ostream& to_;
+  std::string line_;
+};
 
 // Collects the library's log and trace lines (tracing on) while at least
 // one scope lives, instead of letting them reach stderr, so that a refusal
