@@ -401,7 +401,7 @@ int DoConvert(const InputArgs& in, const ConvertArgs& a, std::ostream& err) {
     const bool keep = loaded.origin == Form::kStored || loaded.origin == Form::kSegmentDb;
     const bool network = a.networkOrder || (!a.hostOrder && keep && loaded.networkOrder);
     if (loaded.IsDO()) {
-      WriteOutput(*output, StoredBytes(*loaded.record, network));
+      WriteOutput(*output, StoredBytes(loaded, network));
     } else {
       std::vector<uint64_t> copy(loaded.soStorage);
       _SegmentDBRecord* s = reinterpret_cast<_SegmentDBRecord*>(copy.data());

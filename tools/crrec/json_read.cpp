@@ -525,7 +525,8 @@ void AddOldLists(const Reader& in, const Document& d, uint32_t mtime, Loaded* lo
   unsigned char* body = DORecordHeaderIndexOfDataSelection(h, h->nds);
   std::memcpy(body, flat.data() + head, flat.size() - head);
   loaded->record =
-      OpenStored(in.name(), base, static_cast<size_t>(total), false, &loaded->fileHeader);
+      OpenStored(in.name(), base, static_cast<size_t>(total), false, &loaded->fileHeader,
+                 &loaded->oldListBytes);
   // Turning the lists into references stamped the time.
   loaded->record->GetHeader()->mtime = mtime;
 }

@@ -41,14 +41,6 @@ bool BloomListBigEndian(const DORecordHeader* h) {
   return count != h->nudcid && crrecord::ByteSwap(count) == h->nudcid;
 }
 
-// A DSID reference's value: its mode-1 form is the kind, the length 4 and
-// the DSID big-endian.
-uint32_t DSIDOf(const _cr_tref_t* ref) {
-  unsigned char bytes[6] = {};
-  CRTRefSerialize(bytes, sizeof bytes, ref, CR_TREF_MODE_BINARY);
-  return crrecord::LoadBE32(bytes + 2);
-}
-
 Json DOToJson(const Loaded& loaded) {
   const DORecord& r = *loaded.record;
   const DORecordHeader* h = r.GetHeader();  // also writes the reference section
@@ -58,8 +50,7 @@ Json DOToJson(const Loaded& loaded) {
   const Form form = loaded.origin == Form::kJson ? Form::kStored : loaded.origin;
   // Opening turned the file's old lists into references (and stamped mtime):
   // the header is told as the file had it, and those references as the lists.
-  const bool oldLists =
-      form == Form::kStored && (loaded.fileHeader.ntaskid > 0 || loaded.fileHeader.nds > 0);
+  const bool oldLists = form == Form::kStored && !loaded.oldListBytes.empty();
   const DORecordHeader& told = oldLists ? loaded.fileHeader : *h;
 
   Json j;
@@ -89,14 +80,15 @@ Json DOToJson(const Loaded& loaded) {
   hj["dotype"] = dotype;
 
   if (oldLists) {
+    // In the file's order, repeats included: the bytes as the file holds them.
+    const DORecordHeader* file =
+        reinterpret_cast<const DORecordHeader*>(loaded.oldListBytes.data());
     Json taskids = Json::array(), dsids = Json::array();
-    for (auto it = r.GetTRefTypeBegin(CR_TREF_TYPE_TASKID);
-         it != r.GetTRefTypeEnd(CR_TREF_TYPE_TASKID); ++it) {
-      taskids.push_back(CRTRefGetTaskID((*it)->Get()));
+    for (unsigned int i = 0; i < file->ntaskid; ++i) {
+      taskids.push_back(crrecord::Load<uint64_t>(DORecordHeaderIndexOfTaskId(file, i)));
     }
-    for (auto it = r.GetTRefTypeBegin(CR_TREF_TYPE_DSID); it != r.GetTRefTypeEnd(CR_TREF_TYPE_DSID);
-         ++it) {
-      dsids.push_back(DSIDOf((*it)->Get()));
+    for (unsigned int i = 0; i < file->nds; ++i) {
+      dsids.push_back(crrecord::Load<uint32_t>(DORecordHeaderIndexOfDataSelection(file, i)));
     }
     j["old_taskids"] = std::move(taskids);
     j["old_dsids"] = std::move(dsids);

@@ -220,7 +220,8 @@ Recognition Recognise(const unsigned char* data, size_t length, const Hints& hin
 }
 
 std::unique_ptr<DORecord> OpenStored(const std::string& name, const unsigned char* data,
-                                     size_t length, bool networkOrder, DORecordHeader* header) {
+                                     size_t length, bool networkOrder, DORecordHeader* header,
+                                     std::vector<unsigned char>* oldListBytes) {
   if (length > kMaxInput) Unsound(name, "larger than any DO record");
   MessageScope scope;
   // The library reads the header as a struct: a malloc'ed copy is aligned,
@@ -234,6 +235,10 @@ std::unique_ptr<DORecord> OpenStored(const std::string& name, const unsigned cha
   if (status != CR_STATUS_SUCCESS) Unsound(name, DescribeStatus(status, scope));
   if (networkOrder) DORecordHeaderNtoh(h);
   if (header != nullptr) *header = *h;
+  if (oldListBytes != nullptr && (h->ntaskid != 0 || h->nds != 0)) {
+    const unsigned char* host = static_cast<const unsigned char*>(copy.get());
+    oldListBytes->assign(host, host + length);
+  }
   std::unique_ptr<DORecord> record;
   try {
     record.reset(new DORecord(h, length, 2));
@@ -257,7 +262,8 @@ Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, co
   loaded.notes = r.notes;
   switch (r.form) {
     case Form::kStored: {
-      loaded.record = OpenStored(name, data, length, r.networkOrder, &loaded.fileHeader);
+      loaded.record = OpenStored(name, data, length, r.networkOrder, &loaded.fileHeader,
+                                 &loaded.oldListBytes);
       DORecordHeader* h = loaded.record->GetHeader();
       loaded.convertedOldLists = loaded.fileHeader.ntaskid != 0 || loaded.fileHeader.nds != 0;
       // Turning old lists into references stamps mtime with the clock; the
@@ -335,10 +341,9 @@ std::string FirstDifference(const std::vector<unsigned char>& input,
   return "";
 }
 
-std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder) {
-  const DORecordHeader* h = record.GetHeader();
-  std::vector<unsigned char> bytes(reinterpret_cast<const unsigned char*>(h),
-                                   reinterpret_cast<const unsigned char*>(h) + h->recsize);
+namespace {
+
+std::vector<unsigned char> InByteOrder(std::vector<unsigned char> bytes, bool networkOrder) {
   if (networkOrder) {
     // Converted in an aligned copy: the header is accessed as a struct.
     std::vector<uint64_t> aligned((bytes.size() + 7) / 8);
@@ -347,6 +352,21 @@ std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder
     std::memcpy(bytes.data(), aligned.data(), bytes.size());
   }
   return bytes;
+}
+
+}  // namespace
+
+std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder) {
+  const DORecordHeader* h = record.GetHeader();
+  return InByteOrder(std::vector<unsigned char>(reinterpret_cast<const unsigned char*>(h),
+                                                reinterpret_cast<const unsigned char*>(h) +
+                                                    h->recsize),
+                     networkOrder);
+}
+
+std::vector<unsigned char> StoredBytes(const Loaded& loaded, bool networkOrder) {
+  if (loaded.oldListBytes.empty()) return StoredBytes(*loaded.record, networkOrder);
+  return InByteOrder(loaded.oldListBytes, networkOrder);
 }
 
 std::vector<unsigned char> SerializedBytes(const DORecord& record, bool checksum,

@@ -82,6 +82,10 @@ struct Loaded {
   // Stored form: opening turned old task-ID and DSID lists into typed
   // references, so the record no longer has the input's bytes.
   bool convertedOldLists = false;
+  // ...and then the record's bytes as the file holds them, in host order:
+  // what a stored form is written from, and where the JSON form reads the
+  // lists in their order, repeats included.
+  std::vector<unsigned char> oldListBytes;
   // Stored form without old lists: where the input differs from what the
   // library writes back for the opened record ("byte 212 is 0x05, the
   // library writes 0x02"); empty when they agree.
@@ -114,8 +118,11 @@ Loaded LoadFile(const std::string& path, const Hints& hints);
 
 // Opens a host-order stored record of `length` bytes: the header check, then
 // the stored-record constructor over a copy. Throws ToolError (unsound).
+// With `oldListBytes`, a record that has old task-ID or DSID lists leaves
+// its host-order bytes there before opening turns the lists into references.
 std::unique_ptr<DORecord> OpenStored(const std::string& name, const unsigned char* data,
-                                     size_t length, bool networkOrder, DORecordHeader* header);
+                                     size_t length, bool networkOrder, DORecordHeader* header,
+                                     std::vector<unsigned char>* oldListBytes = nullptr);
 
 // Where `input` first differs from `written`, for people; empty when they
 // are the same bytes.
@@ -124,6 +131,9 @@ std::string FirstDifference(const std::vector<unsigned char>& input,
 
 // The record's bytes as stored, in host or network order.
 std::vector<unsigned char> StoredBytes(const DORecord& record, bool networkOrder);
+// The stored form of what was loaded: the old lists kept where the input had
+// them, else StoredBytes of the record.
+std::vector<unsigned char> StoredBytes(const Loaded& loaded, bool networkOrder);
 // The record's serialized form; throws ToolError with the library's status.
 std::vector<unsigned char> SerializedBytes(const DORecord& record, bool checksum,
                                            const std::string& name);
