@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/platform/status.h"
 #include "crrecord/platform/tref.h"
 #include "fuzz_targets.h"

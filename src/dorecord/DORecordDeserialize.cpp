@@ -11,7 +11,7 @@
 #include <ctime>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
 #include "dorecord/SegmentScan.h"

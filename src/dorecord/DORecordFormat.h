@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 
 namespace crrecord {

@@ -17,7 +17,7 @@
 #include <cstring>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"

@@ -8,7 +8,7 @@
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/tref.h>
 
-#include "Endian.h"
+#include <crrecord/common/Endian.h>
 #include "util.h"
 
 namespace crrec {

@@ -7,7 +7,7 @@
 
 #include <crrecord/platform/fingerprint.h>
 
-#include "Endian.h"
+#include <crrecord/common/Endian.h>
 #include "json.h"
 #include "util.h"
 
