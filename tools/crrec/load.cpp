@@ -46,6 +46,12 @@ bool Contains(const std::vector<unsigned>& v, unsigned x) {
 // those that fit its length and the hints.
 void ChooseSerializedTypes(const unsigned char* data, size_t length, const Hints& hints,
                            const std::string& name, Recognition* r) {
+  // DO type 4 has a form of its own; read as this one, the library would
+  // take the Bloom form's layout under the wrong name.
+  if (hints.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    Unsound(name, "a serialized DO record (DO type 0, 1, 2, 3 or 5), not DO type 4 (say --form "
+                  "serialized-bloom)");
+  }
   const uint32_t nfp =
       length >= serialized::kHeadSize ? crrecord::LoadBE32(data + serialized::kNfpAt) : 0;
   std::vector<std::pair<unsigned, unsigned>> fits;
