@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "fuzz_support.h"
 #include "fuzz_targets.h"

@@ -17,3 +17,9 @@ set(CRRECORD_FUZZ_ENTRY_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/platform_targets.cpp
   ${CMAKE_CURRENT_LIST_DIR}/roundtrip_targets.cpp
 )
+
+# The tool's target: its entry function needs the tool's objects
+# (crrec_objects, crrec_deps), and the entry sources then carry
+# CRRECORD_FUZZ_WITH_TOOL.
+set(CRRECORD_FUZZ_TOOL_TARGET_NAMES crrec_load)
+set(CRRECORD_FUZZ_TOOL_ENTRY_SOURCES ${CMAKE_CURRENT_LIST_DIR}/crrec_targets.cpp)

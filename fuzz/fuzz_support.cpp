@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/platform/status.h"
 #include "crrecord/platform/tref.h"
 #include "fuzz_targets.h"
@@ -24,6 +24,9 @@ const Target kTargets[] = {
     {"fp_string_to_digest", FuzzFPStringToDigest},
     {"do_serialize_roundtrip", FuzzSerializeRoundTrip},
     {"byte_order_roundtrip", FuzzByteOrderRoundTrip},
+#ifdef CRRECORD_FUZZ_WITH_TOOL
+    {"crrec_load", FuzzCrrecLoad},
+#endif
 };
 const size_t kTargetCount = sizeof kTargets / sizeof kTargets[0];
 

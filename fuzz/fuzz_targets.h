@@ -38,6 +38,10 @@ Outcome FuzzFPStringToDigest(const uint8_t* data, size_t size);
 Outcome FuzzSerializeRoundTrip(const uint8_t* data, size_t size);
 // Host -> network -> host on DO records, SO records and segment DB records.
 Outcome FuzzByteOrderRoundTrip(const uint8_t* data, size_t size);
+// crrec's form recognition and loaders, then show, verify, digest and every
+// conversion on a record that loads. Only where the tool is built
+// (CRRECORD_FUZZ_WITH_TOOL): it links the tool's objects.
+Outcome FuzzCrrecLoad(const uint8_t* data, size_t size);
 
 struct Target {
   const char* name;  // the directory of its corpus, crashes and dictionary

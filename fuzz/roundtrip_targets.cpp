@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "crrecord/SORecord.h"
 #include "crrecord/SOmarshall.h"

@@ -17,8 +17,9 @@ dir=${1:-build-fuzz}
 options=("$@")
 [ ${#options[@]} -eq 0 ] && options=(-runs=100000 -max_total_time=60)
 
+# The tool is built too: crrec_load fuzzes its readers.
 cmake -S . -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCRRECORD_BUILD_FUZZERS=ON \
-  -DCRRECORD_BUILD_TESTS=OFF -DCRRECORD_BUILD_TOOLS=OFF -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null
+  -DCRRECORD_BUILD_TESTS=OFF -DCRRECORD_BUILD_TOOLS=ON -DCRRECORD_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$dir" -j"$(nproc)"
 
 work=$(mktemp -d)

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/SOmarshall.h"
 #include "fuzz_support.h"
 #include "fuzz_targets.h"

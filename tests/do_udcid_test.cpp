@@ -229,4 +229,59 @@ TEST(BloomUniqueDCIDList, SizesAreReadInTheListsOrder) {
   }
 }
 
+// The list as host values, read through the accessors, whatever order it
+// stands in; the checksums are computed here over the bytes as they stand.
+TEST(UniqueDCIDAccessors, GiveHostValuesInEitherListOrder) {
+  typedef std::vector<std::pair<unsigned long, unsigned long>> Pairs;
+  auto adler = [](const Pairs& entries, bool big) {
+    crtest::Bytes body;
+    if (big) {
+      body.be32(static_cast<uint32_t>(entries.size()));
+      for (const auto& e : entries) body.be64(e.first).be64(e.second);
+    } else {
+      body.le32(static_cast<uint32_t>(entries.size()));
+      for (const auto& e : entries) body.le64(e.first).le64(e.second);
+    }
+    return crtest::SlowAdler32(body.data(), body.size());
+  };
+  const std::vector<UEntry> given = {{900, 7}, {80, 5}};
+  auto normalized = BloomFromSerialized(given);
+  ASSERT_EQ(normalized->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+  auto segments = ThreeSizes();
+  ASSERT_EQ(segments->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+  struct Case {
+    const char* what;
+    std::unique_ptr<DORecord> record;
+    bool big;
+    Pairs entries;
+  };
+  Case cases[] = {
+      {"Bloom, built in host order", crtest::BuildBloom(kBitmap, given), false,
+       {{900, 7}, {80, 5}}},
+      {"Bloom, rebuilt from the serialized form", BloomFromSerialized(given), true,
+       {{900, 7}, {80, 5}}},
+      {"Bloom, rebuilt and normalized", std::move(normalized), false, {{80, 5}, {900, 7}}},
+      {"segment list", std::move(segments), false, {{70, 200}, {500, 400}}},
+      {"no list", ThreeSizes(), false, {}},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const DORecord& r = *c.record;
+    EXPECT_EQ(r.UniqueDCIDListIsBigEndian(), c.big);
+    EXPECT_EQ(r.GetUniqueDCIDChecksum(), c.entries.empty() ? 0u : adler(c.entries, c.big));
+    Pairs read;
+    unsigned long dcid = 1, bytes = 2;
+    for (unsigned int i = 0; r.GetUniqueDCIDEntry(i, &dcid, &bytes) == CR_STATUS_SUCCESS; ++i) {
+      read.emplace_back(dcid, bytes);
+    }
+    EXPECT_EQ(read, c.entries);
+    // Past the end and without outputs: refused, the outputs kept.
+    dcid = bytes = 3;
+    EXPECT_EQ(r.GetUniqueDCIDEntry(static_cast<unsigned int>(c.entries.size()), &dcid, &bytes),
+              CR_STATUS_INVALID);
+    EXPECT_EQ(r.GetUniqueDCIDEntry(0, nullptr, &bytes), CR_STATUS_MISSING_ARGUMENT);
+    EXPECT_EQ(dcid + bytes, 6u);
+  }
+}
+
 }  // namespace

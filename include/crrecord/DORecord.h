@@ -800,6 +800,19 @@ class CRRECORD_API DORecord {
   /// The bytes of the unique-DCID section: 0 without list, else
   /// 8 + 16 * nudcid.
   unsigned int GetUDCIDSize() const;
+  /// Whether the unique-DCID list stands big-endian: only in a Bloom DO
+  /// record rebuilt from the serialized Bloom form and not yet normalized
+  /// (AppendBloomAndUniqueDCIDList); the section's length word tells (see
+  /// the layout notes above). False without a list.
+  bool UniqueDCIDListIsBigEndian() const;
+  /// Entry @p i of the unique-DCID list as host values, in whichever byte
+  /// order the list stands. Returns 0; 65 for a null pointer; 9 when @p i is
+  /// not below nudcid; the outputs are then left as they were.
+  cr_status_t GetUniqueDCIDEntry(unsigned int i, unsigned long* dcid,
+                                 unsigned long* bytes) const;
+  /// The unique-DCID list's checksum word (the Adler-32 of its count and
+  /// entries as they stand) as a host value; 0 without a list.
+  unsigned int GetUniqueDCIDChecksum() const;
   /// The Bloom bitmap inside the buffer (DORecordHeaderGetBloom).
   unsigned char* GetBloom() const;
   /// The Bloom section's length word inside the buffer

@@ -7,6 +7,7 @@
 #include "crrecord/platform/platform.h"
 #include "crrecord/Status.h"
 #include "crrecord/DORecord.h"
+#include "crrecord/DORecordSerialized.h"
 #include "crrecord/SORecord.h"
 #include "crrecord/SOmarshall.h"
 

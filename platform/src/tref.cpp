@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/platform/status.h"
 #include "hex.h"
 

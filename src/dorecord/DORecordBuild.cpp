@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "common/StreamCopy.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"

@@ -2,7 +2,7 @@
 // a host-order record buffer from untrusted bytes, the check of the head's
 // checksum, and the DORecord constructor over a serialized record.
 //
-// The layouts are drawn in DORecordSerialize.cpp. Every length is checked
+// The layouts are drawn in <crrecord/DORecordSerialized.h>. Every length is checked
 // before the bytes it covers are read; counts are multiplied in 64 bits only
 // after they have been found to fit the input, so no product can wrap.
 #include <cstdint>
@@ -11,7 +11,7 @@
 #include <ctime>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
 #include "dorecord/SegmentScan.h"
@@ -21,9 +21,8 @@ using namespace crrecord;
 
 namespace {
 
-constexpr uint64_t kHead = 28;
-constexpr uint64_t kBloomBlockHead = 8;
-constexpr uint64_t kBloomTrailingZeros = 16;
+using namespace crrecord::serialized;
+
 constexpr uint64_t kMaxRecordSize = 0xFFFFFFFFu;  // recsize is 32 bits
 constexpr unsigned int kBufferModeCopy = 1;
 constexpr unsigned int kBufferModeRealloc = 2;
@@ -46,11 +45,10 @@ struct Plan {
 // The checks of a serialized DO record that need no fingerprint conversion.
 cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char dotype,
                          unsigned char fptype, Plan* plan) {
-  const uint32_t nfp = LoadBE32(in + 20);
-  const uint64_t extra = SegmentExtraWidth(dotype);
-  const uint64_t entry = FingerprintTextWidth(fptype) + extra;
-  // nfp < 2^32 and entry + 8 <= 85, so the product cannot wrap 64 bits.
-  const uint64_t expected = kHead + uint64_t{nfp} * (entry + 8) + 1;
+  const uint32_t nfp = LoadBE32(in + kNfpAt);
+  const uint64_t entry = FingerprintTextSize(fptype) + EntryFieldsSize(dotype);
+  // nfp < 2^32 and a segment takes at most 85 bytes, so this cannot wrap.
+  const uint64_t expected = RecordSize(nfp, dotype, fptype);
   if (length < expected) {
     CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u segments need %lu",
               static_cast<unsigned long>(length), nfp, static_cast<unsigned long>(expected));
@@ -59,7 +57,7 @@ cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char
     CR_REFUSE(CR_STATUS_MALFORMED, "%lu bytes, %u segments take exactly %lu",
               static_cast<unsigned long>(length), nfp, static_cast<unsigned long>(expected));
   }
-  const uint64_t zeroAt = kHead + uint64_t{nfp} * entry;
+  const uint64_t zeroAt = kHeadSize + uint64_t{nfp} * entry;
   if (in[zeroAt] != 0) {
     CR_REFUSE(CR_STATUS_MALFORMED, "byte %lu after the segment entries is %u, expected 0",
               static_cast<unsigned long>(zeroAt), unsigned{in[zeroAt]});
@@ -73,23 +71,22 @@ cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char
 
 // The checks of a serialized Bloom DO record; it needs no others.
 cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fptype, Plan* plan) {
-  const uint32_t nfp = LoadBE32(in + 20);
+  const uint32_t nfp = LoadBE32(in + kNfpAt);
   if (nfp != 0) CR_REFUSE(CR_STATUS_MALFORMED, "Bloom form with %u segments, expected 0", nfp);
-  if (length < kHead + 4) {
+  if (length < kBloomBitmapAt) {
     CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, the Bloom form needs at least %lu",
-              static_cast<unsigned long>(length), static_cast<unsigned long>(kHead + 4));
+              static_cast<unsigned long>(length), static_cast<unsigned long>(kBloomBitmapAt));
   }
-  const uint32_t bsize = LoadBE32(in + kHead);
-  const uint64_t block = kHead + 4 + bsize;
-  if (length < block + kBloomBlockHead) {
+  const uint32_t bsize = LoadBE32(in + kBloomLengthAt);
+  const uint64_t block = kBloomBitmapAt + bsize;
+  if (length < block + kBloomListHead) {
     CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, a bitmap of %u bytes needs at least %lu",
               static_cast<unsigned long>(length), bsize,
-              static_cast<unsigned long>(block + kBloomBlockHead + kBloomTrailingZeros));
+              static_cast<unsigned long>(block + kBloomListHead + kBloomTrailingZeros));
   }
   const uint32_t checksum = LoadBE32(in + block);
   const uint32_t nudcid = LoadBE32(in + block + 4);
-  const uint64_t expected =
-      block + kBloomBlockHead + uint64_t{kUDCIDEntry} * nudcid + kBloomTrailingZeros;
+  const uint64_t expected = BloomSize(bsize, nudcid);
   if (length < expected) {
     CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u unique DCIDs need %lu",
               static_cast<unsigned long>(length), nudcid, static_cast<unsigned long>(expected));
@@ -131,7 +128,7 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
   const unsigned int extra = SegmentExtraWidth(dotype);
   const unsigned int inWidth = textWidth + extra;
   const unsigned int entryWidth = width + extra;
-  const unsigned char* src = in + kHead;
+  const unsigned char* src = in + kHeadSize;
   unsigned char* entries = DORecordHeaderIndexOfSegment(h, 0);
   // A large record is written a piece at a time into a staging area in the
   // cache and streamed out (StreamCopy); a small one in place.
@@ -197,10 +194,10 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
 // order until AppendBloomAndUniqueDCIDList turns both to host order.
 void FillBloom(DORecordHeader* h, const unsigned char* in, const Plan& plan) {
   unsigned char* start = DORecordHeaderGetBloomStart(h);
-  std::memcpy(start, in + kHead, 4 + uint64_t{plan.bsize});
+  std::memcpy(start, in + kBloomLengthAt, 4 + uint64_t{plan.bsize});
   std::memset(start + 4 + plan.bsize, 0, kBloomReservedBytes);
   if (plan.nudcid != 0) {
-    std::memcpy(DORecordHeaderStartUDCID(h), in + kHead + 4 + plan.bsize,
+    std::memcpy(DORecordHeaderStartUDCID(h), in + kBloomBitmapAt + plan.bsize,
                 UDCIDSectionSize(plan.nudcid));
   }
 }
@@ -231,11 +228,11 @@ cr_status_t Deserialize(DORecordHeader** header, unsigned long* allocatedSize, c
   }
 
   const unsigned char* in = static_cast<const unsigned char*>(data);
-  if (length < kHead) {
+  if (length < kHeadSize) {
     CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, shorter than the %lu-byte head", length,
-              static_cast<unsigned long>(kHead));
+              static_cast<unsigned long>(kHeadSize));
   }
-  const uint32_t padding = LoadBE32(in + 24);
+  const uint32_t padding = LoadBE32(in + kZeroAt);
   if (padding != 0) CR_REFUSE(CR_STATUS_MALFORMED, "padding word %u, expected 0", padding);
 
   const bool bloom = dotype == CR_DO_TYPE_BLOOM_FILTER;
@@ -270,11 +267,11 @@ cr_status_t Deserialize(DORecordHeader** header, unsigned long* allocatedSize, c
   // flags stay 0: the form carries none, and the caller supplies them.
   h->ctime = static_cast<uint32_t>(std::time(nullptr));
   h->mtime = h->ctime;
-  h->size = LoadBE64(in + 0);
-  h->ssize = LoadBE64(in + 8);
+  h->size = LoadBE64(in + kSizeAt);
+  h->ssize = LoadBE64(in + kSsizeAt);
   // Stored unverified: the form does not say whether the writer put the CRC
   // or an Adler-32 here (DORecordSerializedHasAdler32 tells the latter).
-  h->CRC = LoadBE32(in + 16);
+  h->CRC = LoadBE32(in + kChecksumAt);
   h->nfp = plan.nfp;
   h->nudcid = plan.nudcid;
   h->bsize = plan.bsize;
@@ -308,9 +305,9 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* al
 }
 
 bool DORecordSerializedHasAdler32(const void* data, unsigned long length) {
-  if (data == nullptr || length < kHead) return false;
+  if (data == nullptr || length < kHeadSize) return false;
   const unsigned char* in = static_cast<const unsigned char*>(data);
-  return LoadBE32(in + 16) == Adler32(in + kHead, length - kHead);
+  return LoadBE32(in + kChecksumAt) == Adler32(in + kHeadSize, length - kHeadSize);
 }
 
 DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid,

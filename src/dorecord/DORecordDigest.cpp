@@ -5,7 +5,7 @@
 #include <cstring>
 #include <memory>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"

@@ -7,8 +7,9 @@
 #include <cstdint>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
+#include "crrecord/DORecordSerialized.h"
 
 namespace crrecord {
 
@@ -38,17 +39,16 @@ inline unsigned int FingerprintWidth(unsigned char fptype) { return fptype == 3 
 // Width of the text field of a fingerprint in the exchange forms and the
 // digest block: two characters per byte and a NUL.
 inline unsigned int FingerprintTextWidth(unsigned char fptype) {
-  return 2 * FingerprintWidth(fptype) + 1;
+  static_assert(serialized::FingerprintTextSize(3) == 2 * 32 + 1 &&
+                    serialized::FingerprintTextSize(1) == 2 * 16 + 1,
+                "two characters per fingerprint byte and a NUL");
+  return static_cast<unsigned int>(serialized::FingerprintTextSize(fptype));
 }
 
-// Bytes after the fingerprint in one segment entry.
+// Bytes after the fingerprint in one segment entry: a record holds the
+// same fields (size, u64 offset or u32 object offset) as its serialized form.
 inline unsigned int SegmentExtraWidth(unsigned char dotype) {
-  switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET: return 4;         // size
-    case CR_DO_TYPE_8_BYTE_OFFSET: return 12;    // size, u64 offset
-    case CR_DO_TYPE_4_BYTE_OFFSET: return 8;     // size, u32 object offset
-    default: return 0;
-  }
+  return static_cast<unsigned int>(serialized::EntryFieldsSize(dotype));
 }
 
 inline bool HasStoredSizes(unsigned char dotype) {

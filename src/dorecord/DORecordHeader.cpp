@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"
 

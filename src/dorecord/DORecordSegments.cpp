@@ -8,7 +8,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
 #include "dorecord/SegmentScan.h"

@@ -2,22 +2,15 @@
 // the serialized Bloom DO record) and the in-place byte-order conversion of
 // the record buffer.
 //
-// Serialized DO record (DO types 0, 1, 2, 3, 5), every number big-endian:
-//   | size 8 | ssize 8 | checksum 4 | nfp 4 | zero 4 |
-//   | nfp entries: fingerprint text T, then the DO type's size/offset fields |
-//   | zero byte | nfp DCIDs of 8 bytes |
-// with T = 65 for fingerprint type 3, else 33 (hex text, NUL, zero fill).
-// The checksum is the Adler-32 of bytes 28..end when asked for, else CRC.
-//
-// Serialized Bloom DO record (DO type 4):
-//   | head 28 | bsize 4 | bitmap bsize | Adler-32 of the next 4+16n bytes 4 |
-//   | n 4 | n x (DCID 8, bytes 8) | zero 16 |
-// whose head always holds the Adler-32 of bytes 28..end.
+// Both forms are drawn, with their offsets named, in
+// <crrecord/DORecordSerialized.h>. The checksum is the Adler-32 of bytes
+// 28..end when asked for, else CRC; the Bloom form's head always holds the
+// Adler-32.
 #include <cstdlib>
 #include <cstring>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "common/StreamCopy.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"
@@ -26,18 +19,17 @@ using namespace crrecord;
 
 namespace {
 
-constexpr unsigned int kSerializedHead = 28;
-constexpr unsigned int kBloomBlockHead = 8;  // checksum word, count word
-constexpr unsigned int kBloomTrailingZeros = 16;
+using namespace crrecord::serialized;
+
 constexpr const char* kMallocFailed = "Could not serialize DO: malloc failed for %u bytes (%s)";
 
 // The head shared by both forms; the checksum field gets the CRC here.
 void WriteHead(unsigned char* out, const DORecordHeader* h) {
-  StoreBE64(out + 0, h->size);
-  StoreBE64(out + 8, h->ssize);
-  StoreBE32(out + 16, h->CRC);
-  StoreBE32(out + 20, h->nfp);
-  StoreBE32(out + 24, 0);
+  StoreBE64(out + kSizeAt, h->size);
+  StoreBE64(out + kSsizeAt, h->ssize);
+  StoreBE32(out + kChecksumAt, h->CRC);
+  StoreBE32(out + kNfpAt, h->nfp);
+  StoreBE32(out + kZeroAt, 0);
 }
 
 // Segments per piece: the entries are written, and checksummed, a piece at
@@ -106,7 +98,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   const unsigned int extra = SegmentExtraWidth(dotype);
   const unsigned int entryWidth = width + extra;
   const unsigned int outWidth = textWidth + extra;
-  const uint64_t total = kSerializedHead + uint64_t{nfp} * (outWidth + 8) + 1;
+  const uint64_t total = RecordSize(nfp, dotype, fptype);
 
   // Every byte is written below (text fields with their NUL, the fields, the
   // zero byte), so the buffer needs no zero fill of its own: on a buffer
@@ -126,7 +118,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   const bool streaming = total >= kStreamingThreshold;
   alignas(64) unsigned char staging[kPiece * kMaxOutWidth];
   uint32_t adler = 1;
-  unsigned char* dst = buffer + kSerializedHead;
+  unsigned char* dst = buffer + kHeadSize;
   if (nfp != 0) {
     const unsigned char* entries = DORecordHeaderIndexOfSegment(h, 0);
     for (uint32_t done = 0; done < nfp; done += kPiece) {
@@ -157,7 +149,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
 
   *outSize = total;
   // The Adler-32 of bytes 28..end replaces the CRC written with the head.
-  if (checksum) StoreBE32(buffer + 16, adler);
+  if (checksum) StoreBE32(buffer + kChecksumAt, adler);
   return CR_STATUS_SUCCESS;
 }
 
@@ -169,8 +161,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
   const DORecordHeader* h = header_;
   const uint32_t bsize = h->bsize;
   const uint32_t nudcid = h->nudcid;
-  const uint64_t total = kSerializedHead + 4 + uint64_t{bsize} + kBloomBlockHead +
-                         uint64_t{kUDCIDEntry} * nudcid + kBloomTrailingZeros;
+  const uint64_t total = BloomSize(bsize, nudcid);
 
   unsigned char* buffer = static_cast<unsigned char*>(std::calloc(1, total));
   *out = buffer;
@@ -180,11 +171,11 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
   }
 
   WriteHead(buffer, h);
-  StoreBE32(buffer + kSerializedHead, bsize);
-  if (bsize != 0) std::memcpy(buffer + kSerializedHead + 4, DORecordHeaderGetBloom(h), bsize);
+  StoreBE32(buffer + kBloomLengthAt, bsize);
+  if (bsize != 0) std::memcpy(buffer + kBloomBitmapAt, DORecordHeaderGetBloom(h), bsize);
 
   if (nudcid != 0) {
-    unsigned char* block = buffer + kSerializedHead + 4 + bsize;
+    unsigned char* block = buffer + kBloomBitmapAt + bsize;
     const unsigned char* section = DORecordHeaderStartUDCID(h);
     // A record built from a bitmap holds its list in host order, one rebuilt
     // from this form holds it as it travelled; read it in the order it has,
@@ -192,7 +183,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
     const bool bigEndian = BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderStartBFBitmap(h)),
                                                 bsize, section, nudcid);
     const unsigned char* src = section + kUDCIDHead;
-    unsigned char* dst = block + kBloomBlockHead;
+    unsigned char* dst = block + kBloomListHead;
     const uint64_t entryBytes = uint64_t{kUDCIDEntry} * nudcid;
     if (bigEndian) {
       std::memcpy(dst, src, entryBytes);
@@ -208,7 +199,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
     StoreBE32(block, Adler32(block + 4, 4 + entryBytes));
   }
 
-  StoreBE32(buffer + 16, Adler32(buffer + kSerializedHead, total - kSerializedHead));
+  StoreBE32(buffer + kChecksumAt, Adler32(buffer + kHeadSize, total - kHeadSize));
   *outSize = total;
   return CR_STATUS_SUCCESS;
 }

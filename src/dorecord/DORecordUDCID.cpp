@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "common/Adler32.h"
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"
@@ -554,6 +554,30 @@ cr_status_t DORecord::GetUDCIDSizeList(std::map<unsigned long, unsigned long>& s
 
 unsigned int DORecord::GetUDCIDSize() const {
   return static_cast<unsigned int>(UDCIDSectionSize(GetNudcid()));
+}
+
+bool DORecord::UniqueDCIDListIsBigEndian() const {
+  const uint32_t nudcid = GetNudcid();
+  return nudcid != 0 && ListIsBigEndian(header_, GetBSize(), nudcid);
+}
+
+cr_status_t DORecord::GetUniqueDCIDEntry(unsigned int i, unsigned long* dcid,
+                                         unsigned long* bytes) const {
+  if (dcid == nullptr || bytes == nullptr) return CR_STATUS_MISSING_ARGUMENT;
+  const uint32_t nudcid = GetNudcid();
+  if (i >= nudcid) return CR_STATUS_INVALID;
+  const UDCIDEntry e = ReadEntry(DORecordHeaderStartUDCID(header_), i,
+                                 ListIsBigEndian(header_, GetBSize(), nudcid));
+  *dcid = e.dcid;
+  *bytes = e.bytes;
+  return CR_STATUS_SUCCESS;
+}
+
+unsigned int DORecord::GetUniqueDCIDChecksum() const {
+  const uint32_t nudcid = GetNudcid();
+  if (nudcid == 0) return 0;
+  return InRecordOrder(Load<uint32_t>(DORecordHeaderStartUDCID(header_)),
+                       ListIsBigEndian(header_, GetBSize(), nudcid));
 }
 
 unsigned char* DORecord::GetBloom() const { return DORecordHeaderGetBloom(header_); }

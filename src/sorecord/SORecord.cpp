@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/platform/fingerprint.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"

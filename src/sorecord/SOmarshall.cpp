@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ostream>
 
-#include "common/Endian.h"
+#include "crrecord/common/Endian.h"
 #include "crrecord/platform/fingerprint.h"
 #include "dorecord/DORecordFormat.h"
 #include "status/Report.h"

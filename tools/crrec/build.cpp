@@ -17,7 +17,7 @@
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/status.h>
 
-#include "Endian.h"
+#include <crrecord/common/Endian.h>
 #include "examine.h"
 #include "util.h"
 

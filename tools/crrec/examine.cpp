@@ -11,7 +11,7 @@
 #include <crrecord/platform/tref.h>
 #include <nlohmann/json.hpp>
 
-#include "Endian.h"
+#include <crrecord/common/Endian.h>
 #include "util.h"
 
 namespace crrec {
@@ -173,26 +173,10 @@ void ShowBloom(const DORecord& r, std::ostream& out) {
 
 // The unique-DCID list as the record holds it (host values), or empty.
 std::vector<std::pair<uint64_t, uint64_t>> UniqueEntries(const DORecord& r, uint32_t* checksum) {
-  const DORecordHeader* h = r.GetHeader();
   std::vector<std::pair<uint64_t, uint64_t>> entries;
-  if (h->nudcid == 0) return entries;
-  const unsigned char* section = DORecordHeaderStartUDCID(h);
-  // A Bloom record's list stands big-endian until it is normalized; its
-  // length word, bsize in the list's order, tells.
-  bool big = false;
-  if (h->dotype == CR_DO_TYPE_BLOOM_FILTER) {
-    const uint32_t word = crrecord::Load<uint32_t>(DORecordHeaderGetBloomStart(h));
-    big = word != h->bsize && crrecord::ByteSwap(word) == h->bsize;
-  }
-  *checksum = crrecord::Load<uint32_t>(section);
-  if (big) *checksum = crrecord::ByteSwap(*checksum);
-  for (uint32_t i = 0; i < h->nudcid; ++i) {
-    const unsigned char* e = section + 8 + 16 * uint64_t{i};
-    uint64_t dcid = crrecord::Load<uint64_t>(e), bytes = crrecord::Load<uint64_t>(e + 8);
-    if (big) {
-      dcid = crrecord::ByteSwap(dcid);
-      bytes = crrecord::ByteSwap(bytes);
-    }
+  *checksum = r.GetUniqueDCIDChecksum();
+  unsigned long dcid = 0, bytes = 0;
+  for (unsigned int i = 0; r.GetUniqueDCIDEntry(i, &dcid, &bytes) == CR_STATUS_SUCCESS; ++i) {
     entries.emplace_back(dcid, bytes);
   }
   return entries;

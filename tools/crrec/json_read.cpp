@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include <crrecord/common/Endian.h>
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/tref.h>
 
-#include "Endian.h"
 #include "util.h"
 
 namespace crrec {

@@ -4,10 +4,10 @@
 #include <cstring>
 #include <vector>
 
+#include <crrecord/common/Endian.h>
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/tref.h>
 
-#include "Endian.h"
 #include "util.h"
 
 namespace crrec {
@@ -27,18 +27,6 @@ std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
     return HexEncode(fp, FingerprintWidth(fptype));
   }
   return text;
-}
-
-// Whether a Bloom record's unique-DCID list still stands big-endian, as one
-// rebuilt from the serialized Bloom form holds it until it is normalized.
-// Its length word tells, being bsize in the list's order; when that reads
-// the same both ways, the count word tells.
-bool BloomListBigEndian(const DORecordHeader* h) {
-  const uint32_t word = crrecord::Load<uint32_t>(DORecordHeaderGetBloomStart(h));
-  if (word != crrecord::ByteSwap(word)) return word != h->bsize;
-  if (h->nudcid == 0) return false;
-  const uint32_t count = crrecord::Load<uint32_t>(DORecordHeaderStartUDCID(h) + 4);
-  return count != h->nudcid && crrecord::ByteSwap(count) == h->nudcid;
 }
 
 Json DOToJson(const Loaded& loaded) {
@@ -112,18 +100,12 @@ Json DOToJson(const Loaded& loaded) {
     j["segments"] = std::move(segments);
   }
 
-  const bool big = bloom && BloomListBigEndian(h);
-  if (big) j["unique_dcids_byte_order"] = "big";
+  if (bloom && r.UniqueDCIDListIsBigEndian()) j["unique_dcids_byte_order"] = "big";
   if (h->nudcid > 0) {
-    const unsigned char* section = DORecordHeaderStartUDCID(h);
     Json entries = Json::array();
     for (unsigned int i = 0; i < h->nudcid; ++i) {
-      const unsigned char* e = section + 8 + 16 * uint64_t{i};
-      uint64_t dcid = crrecord::Load<uint64_t>(e), bytes = crrecord::Load<uint64_t>(e + 8);
-      if (big) {
-        dcid = crrecord::ByteSwap(dcid);
-        bytes = crrecord::ByteSwap(bytes);
-      }
+      unsigned long dcid = 0, bytes = 0;
+      r.GetUniqueDCIDEntry(i, &dcid, &bytes);
       entries.push_back(Json{{"dcid", dcid}, {"bytes", bytes}});
     }
     j["unique_dcids"] = std::move(entries);

@@ -6,9 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <crrecord/DORecordSerialized.h>
 #include <crrecord/platform/fingerprint.h>
 
-#include "Endian.h"
+#include <crrecord/common/Endian.h>
 #include "json.h"
 #include "util.h"
 
@@ -16,28 +17,11 @@ namespace crrec {
 
 namespace {
 
-constexpr uint64_t kSerializedHead = 28;
-constexpr uint64_t kBloomFixed = 56;  // head, length word, checksum, count, 16 zeros
+namespace serialized = crrecord::serialized;
 
 struct FreeDeleter {
   void operator()(void* p) const { std::free(p); }
 };
-
-unsigned TextWidth(unsigned fptype) { return fptype == CR_FP_TYPE_SHA256 ? 65 : 33; }
-
-unsigned ExtraWidth(unsigned dotype) {
-  switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET: return 4;
-    case CR_DO_TYPE_8_BYTE_OFFSET: return 12;
-    case CR_DO_TYPE_4_BYTE_OFFSET: return 8;
-    default: return 0;
-  }
-}
-
-// Bytes per segment in the serialized form: text field, fields, DCID.
-unsigned SerializedEntry(unsigned dotype, unsigned fptype) {
-  return TextWidth(fptype) + ExtraWidth(dotype) + 8;
-}
 
 // Preference among pairs that fit the same bytes: DO type 1 over 0 (it has
 // a digest), fingerprint type 2 over 1 (what `crrec build` makes).
@@ -63,13 +47,20 @@ bool Contains(const std::vector<unsigned>& v, unsigned x) {
 // those that fit its length and the hints.
 void ChooseSerializedTypes(const unsigned char* data, size_t length, const Hints& hints,
                            const std::string& name, Recognition* r) {
-  const uint32_t nfp = length >= kSerializedHead ? crrecord::LoadBE32(data + 20) : 0;
+  // DO type 4 has a form of its own; read as this one, the library would
+  // take the Bloom form's layout under the wrong name.
+  if (hints.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    Unsound(name, "a serialized DO record (DO type 0, 1, 2, 3 or 5), not DO type 4 (say --form "
+                  "serialized-bloom)");
+  }
+  const uint32_t nfp =
+      length >= serialized::kHeadSize ? crrecord::LoadBE32(data + serialized::kNfpAt) : 0;
   std::vector<std::pair<unsigned, unsigned>> fits;
   for (unsigned dotype : kDOTypeOrder) {
     if (hints.dotype >= 0 && static_cast<unsigned>(hints.dotype) != dotype) continue;
     for (unsigned fptype : kFPTypeOrder) {
       if (hints.fptype >= 0 && static_cast<unsigned>(hints.fptype) != fptype) continue;
-      if (length == 29 + uint64_t{nfp} * SerializedEntry(dotype, fptype)) {
+      if (length == serialized::RecordSize(nfp, dotype, fptype)) {
         fits.emplace_back(dotype, fptype);
       }
     }
@@ -126,11 +117,14 @@ void ChooseBloomTypes(const Hints& hints, const std::string& name, Recognition* 
 
 // Whether the bytes have the exact length of a serialized Bloom DO record.
 bool FitsBloom(const unsigned char* data, size_t length) {
-  if (length < kBloomFixed || crrecord::LoadBE32(data + 20) != 0) return false;
-  const uint64_t bsize = crrecord::LoadBE32(data + kSerializedHead);
-  if (length < kBloomFixed + bsize) return false;
-  const uint64_t nudcid = crrecord::LoadBE32(data + 36 + bsize);
-  return length == kBloomFixed + bsize + 16 * nudcid;
+  if (length < serialized::kBloomFixedSize ||
+      crrecord::LoadBE32(data + serialized::kNfpAt) != 0) {
+    return false;
+  }
+  const uint32_t bsize = crrecord::LoadBE32(data + serialized::kBloomLengthAt);
+  if (length < serialized::BloomSize(bsize, 0)) return false;
+  const uint32_t nudcid = crrecord::LoadBE32(data + serialized::BloomCountAt(bsize));
+  return length == serialized::BloomSize(bsize, nudcid);
 }
 
 // A UTF-8 byte-order mark may open the text: editors write one, and the
@@ -200,12 +194,12 @@ Recognition Recognise(const unsigned char* data, size_t length, const Hints& hin
     r.form = Form::kJson;
     return r;
   }
-  if (length < 29) {
+  if (length < serialized::RecordSize(0, 0, 0)) {
     Unsound(name, std::to_string(length) +
                       " bytes: too short for any record form (a serialized DO record has at "
                       "least 29)");
   }
-  if (crrecord::LoadBE32(data + 24) != 0) {
+  if (crrecord::LoadBE32(data + serialized::kZeroAt) != 0) {
     Unsound(name, "not a record: no DO or segment DB type word, not JSON, and bytes 24-27 of "
                   "a serialized form would be zero");
   }

@@ -1,9 +1,11 @@
 // Byte order and fixed-width encoding: the one place that swaps bytes.
+// Header-only and below everything else: the platform layer, the library,
+// the tool and the tests include it as <crrecord/common/Endian.h>.
 //
 // Loads and stores go through memcpy, so they are safe on unaligned record
 // bytes and compile to single moves; swaps use the compiler's builtins.
-#ifndef CRRECORD_SRC_COMMON_ENDIAN_H
-#define CRRECORD_SRC_COMMON_ENDIAN_H
+#ifndef CRRECORD_COMMON_ENDIAN_H
+#define CRRECORD_COMMON_ENDIAN_H
 
 #include <cstdint>
 #include <cstring>
@@ -64,4 +66,4 @@ inline void SwapInPlace(void* p) {
 
 }  // namespace crrecord
 
-#endif  // CRRECORD_SRC_COMMON_ENDIAN_H
+#endif  // CRRECORD_COMMON_ENDIAN_H
