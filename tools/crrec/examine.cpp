@@ -11,6 +11,7 @@
 #include <crrecord/platform/tref.h>
 #include <nlohmann/json.hpp>
 
+#include <crrecord/DORecordSerialized.h>
 #include <crrecord/common/Endian.h>
 #include "util.h"
 
@@ -182,17 +183,25 @@ std::vector<std::pair<uint64_t, uint64_t>> UniqueEntries(const DORecord& r, uint
   return entries;
 }
 
+// The Adler-32 of a serialized form's body: what its head's checksum field
+// holds when the writer asked for a checksum.
+uint32_t BodyAdler32(const std::vector<unsigned char>& s) {
+  const uint64_t head = crrecord::serialized::kHeadSize;
+  return DORecordAdler32(s.data() + head, s.size() - head);
+}
+
 // The unique-DCID entries as a serialized Bloom form holds them: opening
 // gathers them in a map, which would hide their order and any repetition.
 // The reader checked the lengths.
 std::vector<std::pair<uint64_t, uint64_t>> SerializedBloomEntries(
     const std::vector<unsigned char>& s, uint32_t* checksum) {
-  const uint64_t block = 32 + uint64_t{crrecord::LoadBE32(s.data() + 28)};
-  *checksum = crrecord::LoadBE32(s.data() + block);
-  const uint32_t n = crrecord::LoadBE32(s.data() + block + 4);
+  namespace form = crrecord::serialized;
+  const uint64_t count = form::BloomCountAt(crrecord::LoadBE32(s.data() + form::kBloomLengthAt));
+  *checksum = crrecord::LoadBE32(s.data() + count - 4);
+  const uint32_t n = crrecord::LoadBE32(s.data() + count);
   std::vector<std::pair<uint64_t, uint64_t>> entries;
   for (uint32_t i = 0; i < n; ++i) {
-    const unsigned char* e = s.data() + block + 8 + 16 * uint64_t{i};
+    const unsigned char* e = s.data() + count + 4 + form::kBloomListEntry * i;
     entries.emplace_back(crrecord::LoadBE64(e), crrecord::LoadBE64(e + 8));
   }
   return entries;
@@ -293,7 +302,7 @@ void Show(const Loaded& loaded, const ShowOptions& options, std::ostream& out) {
   }
   const DORecord& r = *loaded.record;
   if (!loaded.serialized.empty()) {
-    const uint32_t head = crrecord::LoadBE32(loaded.serialized.data() + 16);
+    const uint32_t head = crrecord::LoadBE32(loaded.serialized.data() + crrecord::serialized::kChecksumAt);
     out << "head checksum " << Hex32(head)
         << (loaded.serializedChecksum ? " (the Adler-32 of the body)"
                                       : " (not the Adler-32 of the body)")
@@ -546,10 +555,10 @@ std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
     const std::string problem = ChecksumProblem(loaded, options);
     if (loaded.serializedChecksum) {
       checks.Add("checksum", Verdict::kOk,
-                 "Adler-32 " + Hex32(DORecordAdler32(s.data() + 28, s.size() - 28)));
+                 "Adler-32 " + Hex32(BodyAdler32(s)));
     } else if (problem.empty()) {
       checks.Add("checksum", Verdict::kNone,
-                 "the head holds the CRC " + Hex32(crrecord::LoadBE32(s.data() + 16)));
+                 "the head holds the CRC " + Hex32(crrecord::LoadBE32(s.data() + crrecord::serialized::kChecksumAt)));
     } else {
       checks.Add("checksum", Verdict::kFailed, problem);
     }
@@ -648,8 +657,8 @@ std::string ChecksumProblem(const Loaded& loaded, const VerifyOptions& options) 
   const bool bloom = loaded.form == Form::kSerializedBloom;
   if (options.noChecksum && !bloom) return "";
   const std::vector<unsigned char>& s = loaded.serialized;
-  const uint32_t head = crrecord::LoadBE32(s.data() + 16);
-  const uint32_t body = DORecordAdler32(s.data() + 28, s.size() - 28);
+  const uint32_t head = crrecord::LoadBE32(s.data() + crrecord::serialized::kChecksumAt);
+  const uint32_t body = BodyAdler32(s);
   return "the head's checksum " + Hex32(head) + " is not the Adler-32 of the body (" +
          Hex32(body) + "): " +
          (bloom ? "damaged (the Bloom form always carries it)"

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include <crrecord/DORecordSerialized.h>
 #include <crrecord/common/Endian.h>
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/tref.h>
@@ -467,25 +468,28 @@ std::vector<unsigned char> UniqueBlock(const std::vector<std::pair<uint64_t, uin
 std::unique_ptr<DORecord> FromSerializedForm(
     const DOFields& f, const std::vector<unsigned char>& bitmap,
     const std::vector<std::pair<uint64_t, uint64_t>>& entries, bool bigList) {
-  std::vector<unsigned char> form(28);
-  crrecord::StoreBE64(&form[0], f.size);
-  crrecord::StoreBE64(&form[8], f.ssize);
-  crrecord::StoreBE32(&form[16], f.crc);
+  namespace layout = crrecord::serialized;
+  std::vector<unsigned char> form(layout::kHeadSize);
+  crrecord::StoreBE64(&form[layout::kSizeAt], f.size);
+  crrecord::StoreBE64(&form[layout::kSsizeAt], f.ssize);
+  crrecord::StoreBE32(&form[layout::kChecksumAt], f.crc);
   if (f.dotype != CR_DO_TYPE_BLOOM_FILTER) {
-    form.push_back(0);
+    form.resize(layout::RecordSize(0, f.dotype, f.fptype));
   } else {
-    size_t at = form.size();
-    form.resize(at + 4 + bitmap.size() + 8 + 16 * entries.size() + 16);
-    crrecord::StoreBE32(&form[at], static_cast<uint32_t>(bitmap.size()));
-    if (!bitmap.empty()) std::memcpy(&form[at + 4], bitmap.data(), bitmap.size());
-    unsigned char* block = &form[at + 4 + bitmap.size()];
-    if (!entries.empty()) {
-      crrecord::StoreBE32(block + 4, static_cast<uint32_t>(entries.size()));
-      for (size_t i = 0; i < entries.size(); ++i) {
-        crrecord::StoreBE64(block + 8 + 16 * i, entries[i].first);
-        crrecord::StoreBE64(block + 16 + 16 * i, entries[i].second);
+    const uint32_t bsize = static_cast<uint32_t>(bitmap.size());
+    const uint32_t n = static_cast<uint32_t>(entries.size());
+    form.resize(layout::BloomSize(bsize, n));
+    crrecord::StoreBE32(&form[layout::kBloomLengthAt], bsize);
+    if (bsize > 0) std::memcpy(&form[layout::kBloomBitmapAt], bitmap.data(), bsize);
+    unsigned char* count = &form[layout::BloomCountAt(bsize)];
+    if (n > 0) {
+      crrecord::StoreBE32(count, n);
+      for (uint32_t i = 0; i < n; ++i) {
+        unsigned char* e = count + 4 + layout::kBloomListEntry * i;
+        crrecord::StoreBE64(e, entries[i].first);
+        crrecord::StoreBE64(e + 8, entries[i].second);
       }
-      crrecord::StoreBE32(block, DORecordAdler32(block + 4, 4 + 16 * entries.size()));
+      crrecord::StoreBE32(count - 4, DORecordAdler32(count, 4 + layout::kBloomListEntry * n));
     }
   }
   std::unique_ptr<DORecord> record(new DORecord(f.dotype, f.flags, f.cid, f.fptype, nullptr, 0,
