@@ -205,7 +205,10 @@ TEST_F(CrrecCli, WriteFailuresExitOneAndLeaveNoOutputBehind) {
       {{"build", Path("missing"), "-q", "-o", kept}, 2,
        Path("missing") + ": cannot open: No such file or directory"},
       {{"build", Path("empty"), "-q", "-o", Path("new")}, 1,
-       Path("empty") + ": empty input: a DO record needs at least one segment"}};
+       Path("empty") + ": empty input: a DO record needs at least one segment"},
+      // An endless stream is refused once its first bytes bound it.
+      {{"verify", "/dev/zero"}, 1,
+       "/dev/zero: more bytes than any record that begins with these bytes (56 at most)"}};
   for (const Case& c : cases) {
     Result r = Crrec(c.args);
     EXPECT_EQ(r.code, c.code) << c.line;

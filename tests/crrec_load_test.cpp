@@ -124,6 +124,30 @@ TEST(CrrecRecognise, WhatFitsNoFormIsRefusedWithTheSizesExpected) {
             "2 segments (29 + 2 x 41, 45, 49, 53, 73, 77, 81 or 85 bytes by type)");
 }
 
+// A stream is read no further than its first bytes allow: each row's bound
+// is computed here from the layout, not by the code under test.
+TEST(CrrecRecognise, FirstBytesBoundTheLengthOfAStream) {
+  const uint64_t unknown = crrec::kMaxInput;
+  struct Case {
+    crtest::Bytes bytes;
+    uint64_t most;
+  } cases[] = {
+      {crtest::Bytes().le16(3).le16(2).le32(1004), 1004},           // stored, host order
+      {crtest::Bytes().be16(3).be16(2).be32(1004), 1004},           // stored, network order
+      {crtest::Bytes().le16(2).le16(0).le32(120), 120},             // segment DB record
+      {crtest::Bytes().str(" {\"form\""), crrec::kMaxJsonInput + 3},  // JSON
+      {Head(0, 0, 0, 2), 29 + 2 * 85},                              // widest entry
+      {Head(0, 0, 0, 0).be32(5).zeros(5).be32(0).be32(2), 56 + 5 + 2 * 16},  // Bloom
+      {Head(0, 0, 0, 0).be32(5), unknown},                          // Bloom count unread
+      {crtest::Bytes().be64(0).be64(0).be32(0).be32(0).be32(1), 28},  // no zero word
+      {crtest::Bytes().zeros(7), unknown},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(crrec::LengthBound(c.bytes.data(), c.bytes.size(), Hints()), c.most)
+        << crtest::Hex(c.bytes.data(), c.bytes.size());
+  }
+}
+
 TEST(CrrecLoad, SerializedRecordWrittenByHandOpens) {
   // DO type 2, one segment of 1000 bytes in container 70.
   const std::string fp = "000102030405060708090a0b0c0d0e0f";

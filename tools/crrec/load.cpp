@@ -311,8 +311,45 @@ Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, co
   return loaded;
 }
 
+uint64_t LengthBound(const unsigned char* data, size_t length, const Hints& hints) {
+  namespace layout = crrecord::serialized;
+  if (length < 8) return kMaxInput;
+  const uint16_t typeLE = crrecord::Load<uint16_t>(data), typeBE = crrecord::LoadBE16(data);
+  const bool stored = hints.formGiven ? hints.form == Form::kStored
+                                      : typeLE == 3 || typeBE == 3;
+  const bool segmentDb = hints.formGiven ? hints.form == Form::kSegmentDb
+                                         : typeLE == CR_SO_RECORD_TYPE || typeBE == CR_SO_RECORD_TYPE;
+  if (stored || segmentDb) {
+    // Both records give their size at offset 4, in the order of their type word.
+    const uint16_t type = stored ? 3 : CR_SO_RECORD_TYPE;
+    return typeLE == type ? crrecord::Load<uint32_t>(data + 4) : crrecord::LoadBE32(data + 4);
+  }
+  if ((hints.formGiven && hints.form == Form::kJson) || LooksLikeJson(data, length)) {
+    return kMaxJsonInput + 3;  // and a byte-order mark
+  }
+  if (length < layout::kHeadSize) return kMaxInput;
+  // Nothing else has a head whose last word is not zero.
+  if (crrecord::LoadBE32(data + layout::kZeroAt) != 0) return layout::kHeadSize;
+  const uint32_t nfp = crrecord::LoadBE32(data + layout::kNfpAt);
+  // The widest entry (DO type 3, fingerprint type 3) bounds every type.
+  uint64_t most = layout::RecordSize(nfp, CR_DO_TYPE_8_BYTE_OFFSET, CR_FP_TYPE_SHA256);
+  if (nfp == 0) {
+    if (length < layout::kBloomBitmapAt) return kMaxInput;
+    const uint32_t bsize = crrecord::LoadBE32(data + layout::kBloomLengthAt);
+    const uint64_t count = layout::BloomCountAt(bsize);
+    if (length < count + 4) return kMaxInput;
+    most = std::max(most, layout::BloomSize(bsize, crrecord::LoadBE32(data + count)));
+  }
+  return most;
+}
+
 Loaded LoadFile(const std::string& path, const Hints& hints) {
-  return Load(path, ReadFile(path, kMaxInput), hints);
+  return Load(path,
+              ReadFile(path, kMaxInput,
+                       [&hints](const std::vector<unsigned char>& data) {
+                         return LengthBound(data.data(), data.size(), hints);
+                       }),
+              hints);
 }
 
 std::string FirstDifference(const std::vector<unsigned char>& input,

@@ -113,7 +113,12 @@ constexpr uint64_t kMaxInput = 0xFFFFFFFFull;
 // Recognises and opens the bytes: every check the library makes on opening
 // runs. Throws ToolError (unsound) with the library's reason.
 Loaded Load(const std::string& name, const std::vector<unsigned char>& bytes, const Hints& hints);
-// ReadFile and Load.
+// The most bytes that an input beginning with these bytes can have and still
+// be a record: the length its head gives (a stored or segment DB record's
+// recsize, a serialized form's length from its counts), the JSON limit, or
+// kMaxInput while the bytes do not tell yet.
+uint64_t LengthBound(const unsigned char* data, size_t length, const Hints& hints);
+// ReadFile and Load; a stream is read no further than LengthBound allows.
 Loaded LoadFile(const std::string& path, const Hints& hints);
 
 // Opens a host-order stored record of `length` bytes: the header check, then

@@ -208,7 +208,9 @@ std::string ErrnoText(int err) {
 
 }  // namespace
 
-std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit) {
+std::vector<unsigned char> ReadFile(
+    const std::string& path, uint64_t limit,
+    const std::function<uint64_t(const std::vector<unsigned char>&)>& bound) {
   Fd in{path == "-" ? 0 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC), path != "-"};
   if (in.fd < 0) Usage(path, "cannot open: " + ErrnoText(errno));
   struct stat st {};
@@ -233,6 +235,13 @@ std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit) {
       Unsound(path, "larger than any record (" + std::to_string(limit) + " bytes at most)");
     }
     data.insert(data.end(), block, block + got);
+    if (bound && !S_ISREG(st.st_mode)) {
+      const uint64_t most = bound(data);
+      if (data.size() > most) {
+        Unsound(path, "more bytes than any record that begins with these bytes (" +
+                          std::to_string(most) + " at most)");
+      }
+    }
   }
   return data;
 }

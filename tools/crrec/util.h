@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <stdexcept>
 #include <streambuf>
@@ -70,7 +71,12 @@ std::string UtcTime(uint32_t seconds);
 // The whole file; "-" reads standard input. A file that cannot be opened is
 // a usage error (the command line named it); one over `limit` bytes is
 // refused as unsound with the reason "larger than ...".
-std::vector<unsigned char> ReadFile(const std::string& path, uint64_t limit);
+// A stream (a pipe, a device) has no size to check in advance: `bound`, when
+// given, says after each block how many bytes the input may have in view of
+// what has been read, and more than that is refused before it is kept.
+std::vector<unsigned char> ReadFile(
+    const std::string& path, uint64_t limit,
+    const std::function<uint64_t(const std::vector<unsigned char>&)>& bound = nullptr);
 // A file being written ("-": standard output). It is opened when
 // constructed, so that an output that cannot be created is refused (usage,
 // exit 2) before any long work; writing fails with exit 1.
