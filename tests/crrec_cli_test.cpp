@@ -18,32 +18,15 @@
 
 namespace {
 
-struct Result {
-  int code;
-  std::string out, err;
-};
+using crtest::Crrec;
+using crtest::Result;
 
-Result Crrec(std::vector<std::string> args) {
-  args.insert(args.begin(), "crrec");
-  std::ostringstream out, err;
-  int code = crrec::Run(args, out, err);
-  return Result{code, out.str(), err.str()};
-}
-
-class CrrecCli : public ::testing::Test {
+class CrrecCli : public crtest::ScratchDir {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/crrec_cli_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
   std::string Read(const std::string& name) const {
     std::ifstream f(Path(name), std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
   }
-  std::string dir_;
 };
 
 TEST(CrrecArgs, SizesTakeBinaryUnitsAndNumbersAreDecimalOrHexAndBounded) {

@@ -2,12 +2,17 @@
 // digests computed with OpenSSL, and the one line a refusal prints.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <stdlib.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "util.h"
 
 namespace crtest {
@@ -42,5 +47,31 @@ std::string ToolLine(F call) {
   }
   return "done";
 }
+
+// One run of the command line, in process.
+struct Result {
+  int code;
+  std::string out, err;
+};
+
+inline Result Crrec(std::vector<std::string> args) {
+  args.insert(args.begin(), "crrec");
+  std::ostringstream out, err;
+  const int code = crrec::Run(args, out, err);
+  return Result{code, out.str(), err.str()};
+}
+
+// A test with a scratch directory of its own, removed afterwards.
+class ScratchDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/crrec_test_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string dir_;
+};
 
 }  // namespace crtest

@@ -192,19 +192,11 @@ TEST(CrrecVerify, EachDamageTheLibraryLetsThroughIsNamedByItsCheck) {
   }
 }
 
-class CrrecVerifyCli : public ::testing::Test {
+using crtest::Crrec;
+using crtest::Result;
+
+class CrrecVerifyCli : public crtest::ScratchDir {
  protected:
-  struct Result {
-    int code;
-    std::string out, err;
-  };
-  void SetUp() override {
-    char pattern[] = "/tmp/crrec_verify_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
   std::string Write(const std::string& name, const Image& bytes) const {
     std::ofstream(Path(name), std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -214,13 +206,6 @@ class CrrecVerifyCli : public ::testing::Test {
     std::ifstream f(path, std::ios::binary);
     return Image((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
   }
-  static Result Crrec(std::vector<std::string> args) {
-    args.insert(args.begin(), "crrec");
-    std::ostringstream out, err;
-    const int code = crrec::Run(args, out, err);
-    return Result{code, out.str(), err.str()};
-  }
-  std::string dir_;
 };
 
 TEST_F(CrrecVerifyCli, UntrustedChecksumsAreSaidAndNeverLaundered) {
