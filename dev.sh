@@ -70,7 +70,7 @@ case "$command" in
     ./build-demo/tools/crrec
     ;;
   test)
-    PACKAGES+=(doxygen dpkg-dev file)
+    PACKAGES+=(doxygen dpkg-dev file man-db)
     install_missing
     # Prefix /usr: the packages install into Debian's multiarch libdir.
     # The benchmarks are built here too, not run (bench/report.py runs them).
