@@ -53,9 +53,9 @@ struct InputArgs {
 // `several`: verify and digest take more than one file.
 void AddInput(CLI::App& cmd, InputArgs& in, bool several) {
   cmd.add_option("FILE", in.files,
-                  std::string(several ? "the record files" : "the record file") +
-                      " (- for standard input); JSON input: at most " +
-                      std::to_string(kMaxJsonInput >> 20) + " MiB")
+                 std::string(several ? "the record files" : "the record file") +
+                     " (- for standard input); JSON input: at most " +
+                     std::to_string(kMaxJsonInput >> 20) + " MiB")
       ->required()
       ->expected(1, several ? CLI::detail::expected_max_vector_size : 1);
   cmd.add_option("--form", in.form, "what the file holds, when it cannot be recognised")
@@ -63,10 +63,10 @@ void AddInput(CLI::App& cmd, InputArgs& in, bool several) {
   cmd.add_option("--dotype", in.dotype, "DO type of a serialized form (0-5)");
   cmd.add_option("--fptype", in.fptype, "fingerprint type of a serialized form (1-3)");
   cmd.add_option("--cid", in.cid,
-                  "container ID for a record read from a serialized form (default 0)");
+                 "container ID for a record read from a serialized form (default 0)");
   cmd.add_flag("--no-checksum", in.noChecksum,
-                "the serialized form was written without a checksum: its head holds the "
-                "record's CRC, not the Adler-32 of its body");
+               "the serialized form was written without a checksum: its head holds the "
+               "record's CRC, not the Adler-32 of its body");
 }
 
 // The file that errors name when they name no other.
@@ -156,7 +156,8 @@ std::vector<unsigned char> TextBytes(const std::string& text) {
 // The JSON form as a file holds it.
 std::string JsonText(const Loaded& loaded) { return ToJson(loaded).dump(2) + "\n"; }
 
-// The record's own text form, and a line end.
+// The record's own text form, and a line end. `loaded` is not const because
+// the segment record's text writer takes the record as it is.
 void WriteTextForm(Loaded& loaded, const std::string& file, std::ostream& out) {
   MessageScope scope;
   try {
