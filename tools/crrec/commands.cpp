@@ -156,8 +156,8 @@ std::vector<unsigned char> TextBytes(const std::string& text) {
 // The JSON form as a file holds it.
 std::string JsonText(const Loaded& loaded) { return ToJson(loaded).dump(2) + "\n"; }
 
-// The record's own text form, and a line end. `loaded` is not const because
-// the segment record's text writer takes the record as it is.
+// The record's own text form, and a line end. `loaded` is not const: the
+// library's text writer of a segment record takes a non-const record.
 void WriteTextForm(Loaded& loaded, const std::string& file, std::ostream& out) {
   MessageScope scope;
   try {
