@@ -18,6 +18,9 @@ int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
 // ToolError (usage) naming the option.
 uint64_t ParseNumber(const std::string& text, uint64_t max, const std::string& option);
 
+// `s` on one line: line ends become spaces, and trailing spaces go.
+std::string OneLine(std::string s);
+
 }  // namespace crrec
 
 #endif  // CRREC_CLI_H

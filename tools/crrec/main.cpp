@@ -1,5 +1,6 @@
 // crrec: builds DO records from files and shows, verifies and converts
-// records. The commands live in cli.cpp, where the tests reach them.
+// records. The command line lives in cli.cpp and the commands in
+// commands.cpp, where the tests reach them.
 #include <unistd.h>
 
 #include <cerrno>
