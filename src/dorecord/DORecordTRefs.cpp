@@ -11,7 +11,6 @@ using namespace crrecord;
 
 namespace {
 
-constexpr uint64_t kLargestRecordSize = 0xFFFFFFFFu;
 constexpr size_t kTRefTextSize = 99;
 
 bool HasSet(cr_reftype_t kind) { return kind < CR_TREF_TYPE_END; }
@@ -45,10 +44,12 @@ uint32_t SerializedSize(const boost::intrusive_ptr<Cr_TRef>& ref) {
   char text[kTRefTextSize];
   CRTRefToString(text, sizeof text, ref);
   if (operation == nullptr) {
-    ThrowLogged(CR_STATUS_INVALID, "The type of reference %s is unsupported for a DO", text);
+    ErrorA(CR_STATUS_INVALID, "The type of reference %s is unsupported for a DO", text);
+  } else {
+    ErrorA(CR_STATUS_INVALID, "%s: The type of reference %s is unsupported for a DO", operation,
+           text);
   }
-  ThrowLogged(CR_STATUS_INVALID, "%s: The type of reference %s is unsupported for a DO", operation,
-              text);
+  ThrowLastLogged(CR_STATUS_INVALID);
 }
 
 // Both grow by `size`. A record size beyond 32 bits cannot be stored; it is
@@ -211,12 +212,12 @@ void DORecord::AddSerializedTRefs(const char* data, unsigned int length) {
 
   // The bytes may lie in this record's own buffer (convertToTRefs loads the
   // section in place); growth may move the buffer, so keep their offset.
-  const uintptr_t base = reinterpret_cast<uintptr_t>(header_);
+  const uintptr_t base = reinterpret_cast<uintptr_t>(header_.get());
   const uintptr_t at = reinterpret_cast<uintptr_t>(data);
-  const bool inBuffer = data != nullptr && at >= base && at - base < allocatedSize_;
+  const bool inBuffer = data != nullptr && at >= base && at - base < header_.size();
   expand(static_cast<unsigned int>(needed));
   const unsigned char* start = inBuffer
-                                   ? reinterpret_cast<const unsigned char*>(header_) + (at - base)
+                                   ? header_.bytes() + (at - base)
                                    : reinterpret_cast<const unsigned char*>(data);
 
   size_t offset = 0;
