@@ -23,8 +23,10 @@ namespace {
 
 using namespace crrecord::serialized;
 
-constexpr uint64_t kMaxRecordSize = 0xFFFFFFFFu;  // recsize is 32 bits
-
+// Statuses of our own choosing, a guard for untrusted bytes: 120 for input
+// that ends before what it announces, 121 for input not in the form, 122 for
+// a caller's buffer too small for the record. Each refusal is traced, as a
+// record failing validation is, and returned.
 #define CR_REFUSE(status, ...)                              \
   do {                                                      \
     CR_TRACE("Invalid serialized DO record: " __VA_ARGS__); \
@@ -238,9 +240,9 @@ cr_status_t Deserialize(DORecordHeader** header, unsigned long* allocatedSize, c
   cr_status_t status = bloom ? PlanBloom(in, length, fptype, &plan)
                              : PlanSegments(in, length, dotype, fptype, &plan);
   if (status != CR_STATUS_SUCCESS) return status;
-  if (plan.recsize > kMaxRecordSize) {
+  if (plan.recsize > kLargestRecordSize) {
     CR_REFUSE(CR_STATUS_MALFORMED, "record of %lu bytes exceeds %lu",
-              static_cast<unsigned long>(plan.recsize), static_cast<unsigned long>(kMaxRecordSize));
+              static_cast<unsigned long>(plan.recsize), static_cast<unsigned long>(kLargestRecordSize));
   }
   if (callerBuffer != nullptr && *allocatedSize < plan.recsize) {
     CR_REFUSE(CR_STATUS_NO_ROOM, "caller buffer of %lu bytes, the record needs %lu", *allocatedSize,

@@ -52,13 +52,19 @@ uint32_t SerializedSize(const boost::intrusive_ptr<Cr_TRef>& ref) {
   ThrowLastLogged(CR_STATUS_INVALID);
 }
 
-// Both grow by `size`. A record size beyond 32 bits cannot be stored; it is
-// refused before either field changes.
-void GrowSizes(DORecord& record, uint32_t size) {
-  const uint64_t recsize = uint64_t{record.getRecSize()} + size;
+// The record size once `bytes` more are added. A record size beyond 32 bits
+// cannot be stored; it is refused before anything changes.
+unsigned int GrownRecSize(const DORecord& record, uint64_t bytes) {
+  const uint64_t recsize = uint64_t{record.getRecSize()} + bytes;
   if (recsize > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
+  return static_cast<unsigned int>(recsize);
+}
+
+// Both grow by `size`, or neither.
+void GrowSizes(DORecord& record, uint32_t size) {
+  const unsigned int recsize = GrownRecSize(record, size);
   record.setTRefsSize(record.getTRefsSize() + size);
-  record.setRecSize(static_cast<unsigned int>(recsize));
+  record.setRecSize(recsize);
 }
 
 // The TRef size field shrinks first; setRecSize then refuses a record size
@@ -94,9 +100,7 @@ int DORecord::OwnTRef(boost::intrusive_ptr<Cr_TRef> ref) {
   // buffer that growth copies (mode 1) keeps its old bytes, and a refusal
   // only has the insertion to undo.
   try {
-    const uint64_t recsize = uint64_t{getRecSize()} + size;
-    if (recsize > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
-    expand(static_cast<unsigned int>(recsize));
+    expand(GrownRecSize(*this, size));
   } catch (...) {
     if (added.second) set.erase(added.first);
     throw;
@@ -207,15 +211,14 @@ void DORecord::AddSerializedTRefs(const char* data, unsigned int length) {
   if (data == nullptr && length != 0) {
     ThrowFixed(CR_STATUS_MISSING_ARGUMENT, "Received a buffer with corrupt typed references.");
   }
-  const uint64_t needed = uint64_t{getRecSize()} + length;
-  if (needed > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
+  const unsigned int needed = GrownRecSize(*this, length);
 
   // The bytes may lie in this record's own buffer (convertToTRefs loads the
   // section in place); growth may move the buffer, so keep their offset.
   const uintptr_t base = reinterpret_cast<uintptr_t>(header_.get());
   const uintptr_t at = reinterpret_cast<uintptr_t>(data);
   const bool inBuffer = data != nullptr && at >= base && at - base < header_.size();
-  expand(static_cast<unsigned int>(needed));
+  expand(needed);
   const unsigned char* start = inBuffer
                                    ? header_.bytes() + (at - base)
                                    : reinterpret_cast<const unsigned char*>(data);
