@@ -33,11 +33,14 @@ constexpr uint64_t kLargestRecordSize = 0xFFFFFFFFu;
 template <class Header>
 class RecordBuffer {
  public:
+  /// No buffer.
   RecordBuffer() = default;
   /// A caller's buffer of @p size bytes in @p mode; mode 2 hands it over.
   RecordBuffer(Header* buffer, uint64_t size, unsigned int mode)
       : p_(buffer), size_(size), mode_(mode), owned_(mode == kBufferModeRealloc) {}
+  /// Takes @p other's buffer over; @p other is left empty.
   RecordBuffer(RecordBuffer&& other) noexcept { *this = static_cast<RecordBuffer&&>(other); }
+  /// Lets go of its own buffer, then takes @p other's over.
   RecordBuffer& operator=(RecordBuffer&& other) noexcept {
     if (this != &other) {
       Reset();
@@ -68,12 +71,19 @@ class RecordBuffer {
   /// Gives a block that malloc gave back, as an owner does.
   static void Release(Header* block) { std::free(block); }
 
+  /// The buffer; null when there is none.
   Header* get() const { return p_; }
+  /// The header at the buffer's start.
   Header* operator->() const { return p_; }
-  operator Header*() const { return p_; }  // NOLINT: reads as the header pointer it holds
+  /// The buffer, so that the holder passes it where a header pointer goes.
+  operator Header*() const { return p_; }  // NOLINT(google-explicit-constructor)
+  /// The buffer's bytes.
   unsigned char* bytes() const { return reinterpret_cast<unsigned char*>(p_); }
+  /// The allocated size in bytes.
   uint64_t size() const { return size_; }
+  /// The buffer mode (kBufferModeFixed, kBufferModeCopy, kBufferModeRealloc).
   unsigned int mode() const { return mode_; }
+  /// Whether the holder frees the buffer.
   bool owned() const { return owned_; }
 
   /// Changes the mode; mode 2 takes the buffer over.
