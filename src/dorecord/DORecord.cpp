@@ -2,7 +2,6 @@
 // bookkeeping and the header field accessors.
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 
 #include "common/Adler32.h"

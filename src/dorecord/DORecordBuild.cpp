@@ -3,7 +3,6 @@
 // (initWithBloom). Both check all input before they allocate, build into a
 // zero-filled buffer of exactly the record's size, and leave nothing behind
 // when they fail.
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <sstream>

@@ -2,7 +2,6 @@
 // buffer that GetHeader once handed out, with its typed references and any
 // old task-ID and DSID lists loaded into the reference sets.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
