@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "do_records.h"
+#include "error_format.h"
 
 namespace {
 
@@ -41,10 +42,16 @@ std::string Unsupported(unsigned int kind, const char* prefix = "") {
          ":01 is unsupported for a DO";
 }
 
-// A refusal with status 9 that is also logged once as an error.
-void ExpectRefusal(std::function<void()> f, const std::string& message) {
+constexpr const char* kUnsupportedFormat = "The type of reference %s is unsupported for a DO";
+
+// A refusal with status 9 that is also logged once as an error, through
+// ErrorA with the unsupported-kind format.
+void ExpectRefusal(std::function<void()> f, const std::string& message,
+                   const char* format = kUnsupportedFormat) {
   LogCapture log;
+  ClearErrorFormat();
   EXPECT_EQ(Thrown(f), Failure(9, message));
+  EXPECT_STREQ(LastErrorFormat(), format);
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
   EXPECT_EQ(log.lines()[0].status, 9u);
@@ -120,9 +127,8 @@ TEST(DORecordTRefs, CheckTRefLooksUpKinds4_6_9AndAnswers7WithoutLooking) {
       EXPECT_EQ(r->CheckTRef(Ref(kind)), 0u);  // no such reference in the record
       EXPECT_TRUE(log.lines().empty());
     } else {
-      EXPECT_EQ(Thrown([&] { r->CheckTRef(Ref(kind)); }),
-                Failure(9, Unsupported(kind, "CheckTRef: ")));
-      EXPECT_EQ(log.texts(), std::vector<std::string>{Unsupported(kind, "CheckTRef: ")});
+      ExpectRefusal([&] { r->CheckTRef(Ref(kind)); }, Unsupported(kind, "CheckTRef: "),
+                    "%s: The type of reference %s is unsupported for a DO");
     }
   }
   EXPECT_EQ(Thrown([&] { r->CheckTRef(static_cast<const _cr_tref_t*>(nullptr)); }),

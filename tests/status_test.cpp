@@ -44,8 +44,8 @@ TEST(Report, LoggedThenThrownCarriesExactlyTheLoggedLine) {
   crtest::LogCapture log;
   const std::string text = "The type of reference tref1:01 is unsupported for a DO";
   EXPECT_EQ(Thrown([] {
-              crrecord::ThrowLogged(9, "The type of reference %s is unsupported for a DO",
-                                    "tref1:01");
+              ErrorA(9, "The type of reference %s is unsupported for a DO", "tref1:01");
+              crrecord::ThrowLastLogged(9);
             }),
             "9 " + text);
   ASSERT_EQ(log.lines().size(), 1u);

@@ -87,6 +87,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 
+#include "crrecord/RecordBuffer.h"
 #include "crrecord/Status.h"
 #include "crrecord/export.h"
 #include "crrecord/platform/fingerprint.h"
@@ -504,11 +505,11 @@ class CRRECORD_API DORecord {
   /// Stamps mtime with the current time.
   void handleUpdate();
   /// The bytes of the buffer (at least the record size).
-  unsigned long GetAllocatedSize() const { return allocatedSize_; }
+  unsigned long GetAllocatedSize() const { return header_.size(); }
   /// The buffer mode: 0 fixed, 1 copy when growing, 2 owned and growable.
-  unsigned int GetBufferMode() const { return bufferMode_; }
+  unsigned int GetBufferMode() const { return header_.mode(); }
   /// True when the object frees the buffer.
-  bool OwnsBuffer() const { return ownsBuffer_; }
+  bool OwnsBuffer() const { return header_.owned(); }
 
   // --- Header fields (host values in either byte order) --------------------
   /// The flags.
@@ -832,16 +833,12 @@ class CRRECORD_API DORecord {
                                     unsigned int bitmapSize, const unsigned char* bitmap,
                                     const char* uniqueDcids, unsigned char fptype,
                                     unsigned char dotype);
-  CRRECORD_LOCAL void cleanupConstruction();
   CRRECORD_LOCAL unsigned int headerSize() const;
   CRRECORD_LOCAL void writeTRefSection() const;
 
-  DORecordHeader* header_;
-  unsigned long allocatedSize_;
+  crrecord::RecordBuffer<DORecordHeader> header_;  // with its size, mode and ownership
   mutable bool networkOrder_;  // the binary ToStream flips it while it runs
-  bool ownsBuffer_;
   bool subDO_;
-  unsigned int bufferMode_;
   tref_set_t trefs_[CR_TREF_TYPE_END];
 };
 

@@ -40,6 +40,7 @@
 #ifndef CRRECORD_SORECORD_H
 #define CRRECORD_SORECORD_H
 
+#include "crrecord/RecordBuffer.h"
 #include "crrecord/SOmarshall.h"
 #include "crrecord/export.h"
 #include "crrecord/platform/qorkey.h"
@@ -117,7 +118,7 @@ class CRRECORD_API SORecord {
   bool IsInNetworkOrder() const { return networkOrder_; }
   /// The record buffer (104 bytes, in the object's byte order); the object
   /// keeps ownership, so the pointer is valid while the object lives.
-  _SegmentDBRecord* GetHeader() const { return header_; }
+  _SegmentDBRecord* GetHeader() const { return header_.get(); }
   /// Always 104, the bytes of the record.
   unsigned int GetHeaderSize() const { return CR_SO_RECORD_MIN_SIZE; }
 
@@ -133,8 +134,7 @@ class CRRECORD_API SORecord {
   bool operator==(const SORecord& other) const;
 
  private:
-  _SegmentDBRecord* header_;
-  bool owned_;
+  crrecord::RecordBuffer<_SegmentDBRecord> header_;  // always the object's own
   bool networkOrder_;
 };
 

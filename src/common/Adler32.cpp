@@ -16,8 +16,6 @@
 
 #include <atomic>
 
-#include "crrecord/DORecord.h"
-
 namespace crrecord {
 
 namespace {
@@ -228,7 +226,3 @@ bool Adler32ForcePath(Adler32Path path) {
 Adler32Path Adler32ActivePath() { return Active()->path; }
 
 }  // namespace crrecord
-
-unsigned int DORecordAdler32(const void* data, size_t length) {
-  return crrecord::Adler32(data, length);
-}

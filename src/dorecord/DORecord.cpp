@@ -2,9 +2,9 @@
 // bookkeeping and the header field accessors.
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 
+#include "common/Adler32.h"
 #include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "dorecord/DORecordFormat.h"
@@ -14,46 +14,31 @@ using namespace crrecord;
 
 namespace {
 
-constexpr unsigned int kBufferModeFixed = 0;
-constexpr unsigned int kBufferModeRealloc = 2;
-
 bool FlagsAllowed(unsigned short flags) { return (flags & ~CR_DO_FLAGS_ALLOWED) == 0; }
 
 }  // namespace
 
-DORecord::~DORecord() { cleanupConstruction(); }
+// The public name of the one Adler-32 that every checksum of the library uses.
+unsigned int DORecordAdler32(const void* data, size_t length) { return Adler32(data, length); }
 
-void DORecord::cleanupConstruction() {
-  if (ownsBuffer_ && header_ != nullptr) {
-    std::free(header_);
-  }
-  header_ = nullptr;
-}
+// The buffer member frees what the object owns.
+DORecord::~DORecord() = default;
 
 // --- Buffer and sizes ---------------------------------------------------------
 
 void DORecord::expand(unsigned int needed) {
-  if (needed <= allocatedSize_) return;
-  if (bufferMode_ == kBufferModeFixed) {
+  if (needed <= header_.size()) return;
+  if (header_.mode() == kBufferModeFixed) {
     ThrowFixed(CR_STATUS_INVALID,
                "Need to expand the buffer of DORecord but I'm not allowed to copy it.");
   }
   const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
   const uint64_t newSize = (uint64_t{needed} + page - 1) & ~(page - 1);
-  if (bufferMode_ == kBufferModeRealloc) {
-    void* grown = std::realloc(header_, newSize);
-    if (grown == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to expand a DO record.");
-    header_ = static_cast<DORecordHeader*>(grown);
-  } else {  // buffer mode 1: the buffer is borrowed and copied
-    void* copy = std::malloc(newSize);
-    if (copy == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to expand a DO record.");
-    std::memcpy(copy, header_, allocatedSize_);
-    if (ownsBuffer_) std::free(header_);
-    header_ = static_cast<DORecordHeader*>(copy);
-    ownsBuffer_ = true;
-    bufferMode_ = kBufferModeRealloc;
+  if (!header_.Grow(newSize, header_.size())) {
+    ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to expand a DO record.");
   }
-  allocatedSize_ = newSize;
+  // A borrowed buffer (mode 1) is now a copy of the object's own.
+  header_.SetMode(kBufferModeRealloc);
 }
 
 void DORecord::expand() { expand(getRecSize()); }

@@ -3,7 +3,6 @@
 // (initWithBloom). Both check all input before they allocate, build into a
 // zero-filled buffer of exactly the record's size, and leave nothing behind
 // when they fail.
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <sstream>
@@ -19,9 +18,6 @@
 using namespace crrecord;
 
 namespace {
-
-constexpr unsigned int kBufferModeRealloc = 2;
-constexpr uint64_t kLargestRecordSize = 0xFFFFFFFFu;
 
 // Checks the caller's unique-DCID block (checksum word, count word, entries,
 // host order) and returns its entry count; 0 for a null block.
@@ -44,6 +40,9 @@ uint32_t CheckUniqueDcids(const char* block) {
 }
 
 // recsize is 32 bits wide; a larger record could not say how large it is.
+// A guard of our own, shared by both builders: such a record is refused with
+// 9 and a message naming its size before anything is allocated, rather than
+// built with a record size that wraps.
 void CheckRecordSize(uint64_t size) {
   if (size <= kLargestRecordSize) return;
   std::ostringstream message;
@@ -53,14 +52,13 @@ void CheckRecordSize(uint64_t size) {
 }
 
 // The first `zeroed` bytes are zero-filled; the caller writes the rest.
-DORecordHeader* Allocate(uint64_t size, uint64_t zeroed) {
-  void* buffer = std::malloc(size);
-  if (buffer == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.");
-  std::memset(buffer, 0, zeroed);
-  return static_cast<DORecordHeader*>(buffer);
+RecordBuffer<DORecordHeader> Allocate(uint64_t size, uint64_t zeroed) {
+  RecordBuffer<DORecordHeader> buffer = RecordBuffer<DORecordHeader>::Allocate(size, zeroed);
+  if (buffer.get() == nullptr) {
+    ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.");
+  }
+  return buffer;
 }
-
-DORecordHeader* AllocateZeroed(uint64_t size) { return Allocate(size, size); }
 
 // Index of the first DCID below 64, or count when there is none. The test
 // runs without an early exit over blocks, so that it streams at memory
@@ -146,12 +144,7 @@ DORecord::DORecord(unsigned long dcid, unsigned long size, unsigned long ssize, 
                    unsigned int ctime, unsigned int mtime, const void* segments,
                    unsigned int segmentCount, const unsigned long* dcids,
                    const char* uniqueDcids, unsigned char fptype, unsigned char dotype)
-    : header_(nullptr),
-      allocatedSize_(0),
-      networkOrder_(false),
-      ownsBuffer_(true),
-      subDO_(false),
-      bufferMode_(kBufferModeRealloc) {
+    : networkOrder_(false), subDO_(false) {
   if (segments == nullptr && dotype != CR_DO_TYPE_BLOOM_FILTER) {
     ThrowFixed(CR_STATUS_INVALID, "Got empty SO list.");
   }
@@ -163,12 +156,7 @@ DORecord::DORecord(unsigned long dcid, unsigned long size, unsigned long ssize, 
                    unsigned int ctime, unsigned int mtime, unsigned int bitmapSize,
                    const unsigned char* bitmap, const char* uniqueDcids, unsigned char fptype,
                    unsigned char dotype)
-    : header_(nullptr),
-      allocatedSize_(0),
-      networkOrder_(false),
-      ownsBuffer_(true),
-      subDO_(false),
-      bufferMode_(kBufferModeRealloc) {
+    : networkOrder_(false), subDO_(false) {
   if (bitmap == nullptr && dotype != CR_DO_TYPE_BLOOM_FILTER) {
     ThrowFixed(CR_STATUS_INVALID, "Got empty SO list.");
   }
@@ -182,68 +170,62 @@ void DORecord::init(unsigned long dcid, unsigned long size, unsigned long ssize,
                     const void* segments, unsigned int segmentCount,
                     const unsigned long* dcids, const char* uniqueDcids, unsigned char fptype,
                     unsigned char dotype) {
-  try {
-    if (CRDOTypeIsValid(dotype) == 0) ThrowFixed(CR_STATUS_INVALID_DOTYPE, "Invalid CR DO type");
-    if (!CRFPTypeIsValid(fptype)) {
-      ThrowFixed(CR_STATUS_INVALID_FPTYPE, "Invalid CR fingerprint type");
-    }
-    if (taskIds == nullptr && taskIdCount != 0) {
-      ThrowFixed(CR_STATUS_INVALID, "Got empty task ID list that should not be empty.");
-    }
-    if (segmentCount == 0) {
-      if (dotype != CR_DO_TYPE_BLOOM_FILTER) ThrowFixed(CR_STATUS_INVALID, "Got empty SO list.");
-    } else {
-      // A Bloom DO record is sized for a bitmap, not for segment entries, so
-      // a segment list given with DO type 4 has no place to go.
-      if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
-        ThrowFixed(CR_STATUS_INVALID,
-                   "Got a segment list for a CR_DO_TYPE_BLOOM_FILTER DO record, which has none.");
-      }
-      if (dcids == nullptr) {
-        ThrowFixed(CR_STATUS_INVALID, "Got empty DCID list that should not be empty.");
-      }
-      const uint32_t i = FirstInvalidDcid(dcids, segmentCount);
-      if (i != segmentCount) {
-        std::ostringstream message;
-        message << "Got invalid dcid " << dcids[i] << " at index " << i;
-        ThrowComposed(CR_STATUS_INVALID, message);
-      }
-    }
-    const uint32_t nudcid = CheckUniqueDcids(uniqueDcids);
-
-    const uint64_t recsize = DORecordHeaderSizeRaw(0, segmentCount, nudcid, 0, dotype, fptype, 0);
-    CheckRecordSize(recsize);
-    // With a segment list every byte behind the header is copied from the
-    // caller below, so only the header needs the zero fill.
-    const bool copiesAll = segments != nullptr && dotype != CR_DO_TYPE_BLOOM_FILTER;
-    header_ = Allocate(recsize, copiesAll ? kDOHeaderSize : recsize);
-    allocatedSize_ = recsize;
-
-    WriteCommonHeader(header_, recsize, dcid, size, ssize, crc, nudcid, fptype, dotype);
-    header_->nfp = segmentCount;
-    // The DCIDs first, while the check above has them in the cache.
-    if (dcids != nullptr) CopyDcids(DORecordHeaderIndexOfDCID(header_, 0), dcids, segmentCount);
-    SegmentListScan scan(dotype, fptype, false, false);
-    if (segments != nullptr) {
-      CopySegments(DORecordHeaderIndexOfSegment(header_, 0),
-                   static_cast<const unsigned char*>(segments), segmentCount,
-                   SegmentEntryWidth(fptype, dotype), &scan);
-    }
-    StreamFence();
-    CopyUniqueDcids(header_, uniqueDcids, nudcid);
-
-    initReferenceSets();
-    for (unsigned int i = 0; i < taskIdCount; ++i) AddTaskID(taskIds[i]);
-    StampTimes(header_, ctime, mtime);
-    expand();
-    // The scan saw every entry as copied, and nothing since has changed them
-    // or the header fields it is judged against; only a list that it finds
-    // unsound goes through checkSegmentList, which then throws.
-    if (segments != nullptr && !scan.Sound(size, ssize, segmentCount)) checkSegmentList();
-  } catch (...) {
-    cleanupConstruction();
-    throw;
+  if (CRDOTypeIsValid(dotype) == 0) ThrowFixed(CR_STATUS_INVALID_DOTYPE, "Invalid CR DO type");
+  if (!CRFPTypeIsValid(fptype)) {
+    ThrowFixed(CR_STATUS_INVALID_FPTYPE, "Invalid CR fingerprint type");
   }
+  if (taskIds == nullptr && taskIdCount != 0) {
+    ThrowFixed(CR_STATUS_INVALID, "Got empty task ID list that should not be empty.");
+  }
+  if (segmentCount == 0) {
+    if (dotype != CR_DO_TYPE_BLOOM_FILTER) ThrowFixed(CR_STATUS_INVALID, "Got empty SO list.");
+  } else {
+    // A Bloom DO record is sized for a bitmap, not for segment entries, so
+    // a segment list given with DO type 4 has no place to go.
+    if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
+      ThrowFixed(CR_STATUS_INVALID,
+                 "Got a segment list for a CR_DO_TYPE_BLOOM_FILTER DO record, which has none.");
+    }
+    if (dcids == nullptr) {
+      ThrowFixed(CR_STATUS_INVALID, "Got empty DCID list that should not be empty.");
+    }
+    const uint32_t i = FirstInvalidDcid(dcids, segmentCount);
+    if (i != segmentCount) {
+      std::ostringstream message;
+      message << "Got invalid dcid " << dcids[i] << " at index " << i;
+      ThrowComposed(CR_STATUS_INVALID, message);
+    }
+  }
+  const uint32_t nudcid = CheckUniqueDcids(uniqueDcids);
+
+  const uint64_t recsize = DORecordHeaderSizeRaw(0, segmentCount, nudcid, 0, dotype, fptype, 0);
+  CheckRecordSize(recsize);
+  // With a segment list every byte behind the header is copied from the
+  // caller below, so only the header needs the zero fill.
+  const bool copiesAll = segments != nullptr && dotype != CR_DO_TYPE_BLOOM_FILTER;
+  header_ = Allocate(recsize, copiesAll ? kDOHeaderSize : recsize);
+
+  WriteCommonHeader(header_, recsize, dcid, size, ssize, crc, nudcid, fptype, dotype);
+  header_->nfp = segmentCount;
+  // The DCIDs first, while the check above has them in the cache.
+  if (dcids != nullptr) CopyDcids(DORecordHeaderIndexOfDCID(header_, 0), dcids, segmentCount);
+  SegmentListScan scan(dotype, fptype, false, false);
+  if (segments != nullptr) {
+    CopySegments(DORecordHeaderIndexOfSegment(header_, 0),
+                 static_cast<const unsigned char*>(segments), segmentCount,
+                 SegmentEntryWidth(fptype, dotype), &scan);
+  }
+  StreamFence();
+  CopyUniqueDcids(header_, uniqueDcids, nudcid);
+
+  initReferenceSets();
+  for (unsigned int i = 0; i < taskIdCount; ++i) AddTaskID(taskIds[i]);
+  StampTimes(header_, ctime, mtime);
+  expand();
+  // The scan saw every entry as copied, and nothing since has changed them
+  // or the header fields it is judged against; only a list that it finds
+  // unsound goes through checkSegmentList, which then throws.
+  if (segments != nullptr && !scan.Sound(size, ssize, segmentCount)) checkSegmentList();
 }
 
 void DORecord::initWithBloom(unsigned long dcid, unsigned long size, unsigned long ssize,
@@ -252,47 +234,41 @@ void DORecord::initWithBloom(unsigned long dcid, unsigned long size, unsigned lo
                              unsigned int bitmapSize, const unsigned char* bitmap,
                              const char* uniqueDcids, unsigned char fptype,
                              unsigned char dotype) {
-  try {
-    // Only DO type 4 has the Bloom layout that this builder writes; any other
-    // DO type is refused as an unacceptable DO type, with the status and
-    // text callers already handle for one.
-    if (CRDOTypeIsValid(dotype) == 0 || dotype != CR_DO_TYPE_BLOOM_FILTER) {
-      ThrowFixed(CR_STATUS_INVALID_DOTYPE, "Invalid CR DO type");
-    }
-    if (!CRFPTypeIsValid(fptype)) {
-      ThrowFixed(CR_STATUS_INVALID_FPTYPE, "Invalid CR fingerprint type");
-    }
-    if (bitmapSize == 0) ThrowFixed(CR_STATUS_INVALID, "Got empty bloom filter bitmap.");
-    // Nothing could be copied from a missing bitmap; refuse it before it is read.
-    if (bitmap == nullptr) {
-      std::ostringstream message;
-      message << "Got no bloom filter bitmap for a bitmap size of " << bitmapSize << ".";
-      ThrowComposed(CR_STATUS_INVALID, message);
-    }
-    if (taskIds == nullptr && taskIdCount != 0) {
-      ThrowFixed(CR_STATUS_INVALID, "Got empty task ID list that should not be empty.");
-    }
-    const uint32_t nudcid = CheckUniqueDcids(uniqueDcids);
-
-    const uint64_t recsize = DORecordHeaderSizeWithBloom(0, bitmapSize, nudcid, 0, dotype, 0);
-    CheckRecordSize(recsize);
-    header_ = AllocateZeroed(recsize);
-    allocatedSize_ = recsize;
-
-    WriteCommonHeader(header_, recsize, dcid, size, ssize, crc, nudcid, fptype, dotype);
-    header_->nfp = 0;
-    header_->bsize = bitmapSize;
-    unsigned char* bloom = DORecordHeaderGetBloomStart(header_);
-    Store<uint32_t>(bloom, bitmapSize);
-    std::memcpy(bloom + kBloomLengthWord, bitmap, bitmapSize);
-    CopyUniqueDcids(header_, uniqueDcids, nudcid);
-
-    initReferenceSets();
-    for (unsigned int i = 0; i < taskIdCount; ++i) AddTaskID(taskIds[i]);
-    StampTimes(header_, ctime, mtime);
-    expand();
-  } catch (...) {
-    cleanupConstruction();
-    throw;
+  // Only DO type 4 has the Bloom layout that this builder writes; any other
+  // DO type is refused as an unacceptable DO type, with the status and
+  // text callers already handle for one.
+  if (CRDOTypeIsValid(dotype) == 0 || dotype != CR_DO_TYPE_BLOOM_FILTER) {
+    ThrowFixed(CR_STATUS_INVALID_DOTYPE, "Invalid CR DO type");
   }
+  if (!CRFPTypeIsValid(fptype)) {
+    ThrowFixed(CR_STATUS_INVALID_FPTYPE, "Invalid CR fingerprint type");
+  }
+  if (bitmapSize == 0) ThrowFixed(CR_STATUS_INVALID, "Got empty bloom filter bitmap.");
+  // Nothing could be copied from a missing bitmap; refuse it before it is read.
+  if (bitmap == nullptr) {
+    std::ostringstream message;
+    message << "Got no bloom filter bitmap for a bitmap size of " << bitmapSize << ".";
+    ThrowComposed(CR_STATUS_INVALID, message);
+  }
+  if (taskIds == nullptr && taskIdCount != 0) {
+    ThrowFixed(CR_STATUS_INVALID, "Got empty task ID list that should not be empty.");
+  }
+  const uint32_t nudcid = CheckUniqueDcids(uniqueDcids);
+
+  const uint64_t recsize = DORecordHeaderSizeWithBloom(0, bitmapSize, nudcid, 0, dotype, 0);
+  CheckRecordSize(recsize);
+  header_ = Allocate(recsize, recsize);
+
+  WriteCommonHeader(header_, recsize, dcid, size, ssize, crc, nudcid, fptype, dotype);
+  header_->nfp = 0;
+  header_->bsize = bitmapSize;
+  unsigned char* bloom = DORecordHeaderGetBloomStart(header_);
+  Store<uint32_t>(bloom, bitmapSize);
+  std::memcpy(bloom + kBloomLengthWord, bitmap, bitmapSize);
+  CopyUniqueDcids(header_, uniqueDcids, nudcid);
+
+  initReferenceSets();
+  for (unsigned int i = 0; i < taskIdCount; ++i) AddTaskID(taskIds[i]);
+  StampTimes(header_, ctime, mtime);
+  expand();
 }

@@ -23,10 +23,10 @@ namespace {
 
 using namespace crrecord::serialized;
 
-constexpr uint64_t kMaxRecordSize = 0xFFFFFFFFu;  // recsize is 32 bits
-constexpr unsigned int kBufferModeCopy = 1;
-constexpr unsigned int kBufferModeRealloc = 2;
-
+// Statuses of our own choosing, a guard for untrusted bytes: 120 for input
+// that ends before what it announces, 121 for input not in the form, 122 for
+// a caller's buffer too small for the record. Each refusal is traced, as a
+// record failing validation is, and returned.
 #define CR_REFUSE(status, ...)                              \
   do {                                                      \
     CR_TRACE("Invalid serialized DO record: " __VA_ARGS__); \
@@ -240,9 +240,9 @@ cr_status_t Deserialize(DORecordHeader** header, unsigned long* allocatedSize, c
   cr_status_t status = bloom ? PlanBloom(in, length, fptype, &plan)
                              : PlanSegments(in, length, dotype, fptype, &plan);
   if (status != CR_STATUS_SUCCESS) return status;
-  if (plan.recsize > kMaxRecordSize) {
+  if (plan.recsize > kLargestRecordSize) {
     CR_REFUSE(CR_STATUS_MALFORMED, "record of %lu bytes exceeds %lu",
-              static_cast<unsigned long>(plan.recsize), static_cast<unsigned long>(kMaxRecordSize));
+              static_cast<unsigned long>(plan.recsize), static_cast<unsigned long>(kLargestRecordSize));
   }
   if (callerBuffer != nullptr && *allocatedSize < plan.recsize) {
     CR_REFUSE(CR_STATUS_NO_ROOM, "caller buffer of %lu bytes, the record needs %lu", *allocatedSize,
@@ -313,41 +313,33 @@ bool DORecordSerializedHasAdler32(const void* data, unsigned long length) {
 DORecord::DORecord(unsigned int dotype, unsigned short flags, unsigned long dcid,
                    unsigned char fptype, void* buffer, unsigned long bufferSize, const void* data,
                    unsigned long dataLength, bool subDO)
-    : header_(static_cast<DORecordHeader*>(buffer)),
-      allocatedSize_(bufferSize),
+    : header_(static_cast<DORecordHeader*>(buffer), bufferSize, kBufferModeCopy),
       networkOrder_(false),
-      ownsBuffer_(false),
-      subDO_(subDO),
-      bufferMode_(kBufferModeCopy) {
-  try {
-    // The fingerprint type is checked before the bytes are read: the reader
-    // cannot convert fingerprint text of an unknown type, and the caller is
-    // owed "invalid fptype for DO" rather than the reader's refusal.
-    if (!CRFPTypeIsValid(fptype)) ThrowFixed(CR_STATUS_INVALID, "invalid fptype for DO");
-    // The segment-list check is scanned while the list is written; the
-    // steps before the check change neither the list nor what it is judged
-    // against, and only an unsound list goes through checkSegmentList.
-    SegmentListScan scan(static_cast<unsigned char>(dotype), fptype, false, subDO_);
-    const cr_status_t status = Deserialize(&header_, &allocatedSize_, data, dataLength,
-                                           static_cast<unsigned char>(dotype), fptype, &scan);
-    if (status != CR_STATUS_SUCCESS) ThrowStatus(status);
-    if (buffer == nullptr) {
-      ownsBuffer_ = true;
-      bufferMode_ = kBufferModeRealloc;
-    }
-    setFlags(flags);    // invalid flags are logged and the header keeps its own
-    setFPType(fptype);
-    setDCID(dcid);
-    initReferenceSets();
-    handleUpdate();
-    if (!scan.Sound(GetSize(), GetSsize(), GetNfp())) checkSegmentList();
-    // A sub-DO lives in the container of its first segment. Without
-    // segments there is no such container, and the dcid given stays.
-    if (subDO_ && GetNfp() != 0) {
-      setDCID(Load<uint64_t>(DORecordHeaderIndexOfDCID(header_, 0)));
-    }
-  } catch (...) {
-    cleanupConstruction();
-    throw;
+      subDO_(subDO) {
+  // The fingerprint type is checked before the bytes are read, a choice of
+  // ours: the reader cannot convert fingerprint text of an unknown type, and
+  // the caller is owed "invalid fptype for DO" rather than the reader's
+  // refusal.
+  if (!CRFPTypeIsValid(fptype)) ThrowFixed(CR_STATUS_INVALID, "invalid fptype for DO");
+  // The segment-list check is scanned while the list is written; the
+  // steps before the check change neither the list nor what it is judged
+  // against, and only an unsound list goes through checkSegmentList.
+  SegmentListScan scan(static_cast<unsigned char>(dotype), fptype, false, subDO_);
+  DORecordHeader* built = header_.get();
+  unsigned long builtSize = header_.size();
+  const cr_status_t status = Deserialize(&built, &builtSize, data, dataLength,
+                                         static_cast<unsigned char>(dotype), fptype, &scan);
+  if (status != CR_STATUS_SUCCESS) ThrowStatus(status);
+  if (buffer == nullptr) header_ = RecordBuffer<DORecordHeader>::Adopt(built, builtSize);
+  setFlags(flags);    // invalid flags are logged and the header keeps its own
+  setFPType(fptype);
+  setDCID(dcid);
+  initReferenceSets();
+  handleUpdate();
+  if (!scan.Sound(GetSize(), GetSsize(), GetNfp())) checkSegmentList();
+  // A sub-DO lives in the container of its first segment. Without segments
+  // there is no such container; the dcid given stays, a choice of ours.
+  if (subDO_ && GetNfp() != 0) {
+    setDCID(Load<uint64_t>(DORecordHeaderIndexOfDCID(header_, 0)));
   }
 }

@@ -8,6 +8,7 @@
 
 #include "common/Adler32.h"
 #include "crrecord/common/Endian.h"
+#include "crrecord/common/FingerprintWidth.h"
 #include "crrecord/DORecord.h"
 #include "crrecord/DORecordSerialized.h"
 
@@ -33,17 +34,9 @@ static_assert(offsetof(DORecordHeader, bsize) == 72, "bsize at 72");
 static_assert(offsetof(DORecordHeader, fptype) == 76, "fptype at 76");
 static_assert(offsetof(DORecordHeader, dotype) == 77, "dotype at 77");
 
-// Fingerprint width in a record: 32 bytes for fingerprint type 3, else 16.
-inline unsigned int FingerprintWidth(unsigned char fptype) { return fptype == 3 ? 32 : 16; }
-
-// Width of the text field of a fingerprint in the exchange forms and the
-// digest block: two characters per byte and a NUL.
-inline unsigned int FingerprintTextWidth(unsigned char fptype) {
-  static_assert(serialized::FingerprintTextSize(3) == 2 * 32 + 1 &&
-                    serialized::FingerprintTextSize(1) == 2 * 16 + 1,
-                "two characters per fingerprint byte and a NUL");
-  return static_cast<unsigned int>(serialized::FingerprintTextSize(fptype));
-}
+static_assert(serialized::FingerprintTextSize(3) == FingerprintTextWidth(3) &&
+                  serialized::FingerprintTextSize(1) == FingerprintTextWidth(1),
+              "the serialized forms hold fingerprint text in fields of the text width");
 
 // Bytes after the fingerprint in one segment entry: a record holds the
 // same fields (size, u64 offset or u32 object offset) as its serialized form.

@@ -84,7 +84,8 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
     return SerializeBloomFilterDO(out, outSize, checksum);
   }
   if (networkOrder_) return CR_STATUS_INVALID;
-  // Not a case the system names; refusing beats writing through null.
+  // A null output pointer or size is refused as a missing argument (65), a
+  // guard of ours: there is nowhere to put the record.
   if (out == nullptr || outSize == nullptr) return CR_STATUS_MISSING_ARGUMENT;
 
   const DORecordHeader* h = header_;
@@ -100,10 +101,9 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   const unsigned int outWidth = textWidth + extra;
   const uint64_t total = RecordSize(nfp, dotype, fptype);
 
-  // Every byte is written below (text fields with their NUL, the fields, the
-  // zero byte), so the buffer needs no zero fill of its own: on a buffer
-  // whose pages are reused that would be one more pass over the output.
-  unsigned char* buffer = static_cast<unsigned char*>(std::malloc(total));
+  // Zero-filled, as every buffer handed to a caller is; the text fields'
+  // NULs and the closing zero byte are written below all the same.
+  unsigned char* buffer = static_cast<unsigned char*>(std::calloc(1, total));
   *out = buffer;
   if (buffer == nullptr) {
     // The size is cut to 32 bits for the message only.

@@ -2,7 +2,6 @@
 // buffer that GetHeader once handed out, with its typed references and any
 // old task-ID and DSID lists loaded into the reference sets.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -13,9 +12,6 @@
 using namespace crrecord;
 
 namespace {
-
-constexpr unsigned int kBufferModeFixed = 0;
-constexpr unsigned int kBufferModeRealloc = 2;
 
 // Everything that can be refused before the buffer is touched.
 void CheckStoredRecord(const DORecordHeader* record, unsigned long allocatedSize,
@@ -60,46 +56,31 @@ void CheckStoredRecord(const DORecordHeader* record, unsigned long allocatedSize
 //   modes 1 and 2 it runs on a private copy; in mode 0 it is refused before
 //   anything changes.
 DORecord::DORecord(DORecordHeader* record, unsigned long allocatedSize, unsigned int bufferMode)
-    : header_(nullptr),
-      allocatedSize_(0),
-      networkOrder_(false),
-      ownsBuffer_(false),
-      subDO_(false),
-      bufferMode_(kBufferModeFixed) {
+    : networkOrder_(false), subDO_(false) {
   CheckStoredRecord(record, allocatedSize, bufferMode);
   const bool hasOld = record->ntaskid != 0 || record->nds != 0;
 
   if (!hasOld || bufferMode == kBufferModeFixed) {
     const DORecordHeader saved = *record;
-    header_ = record;
-    allocatedSize_ = allocatedSize;
-    bufferMode_ = kBufferModeFixed;
+    header_ = RecordBuffer<DORecordHeader>(record, allocatedSize, kBufferModeFixed);
     try {
       convertToTRefs();
     } catch (...) {
+      // The buffer is not the object's yet: only its header words to put back.
       std::memcpy(record, &saved, sizeof saved);
-      header_ = nullptr;
       throw;
     }
-    bufferMode_ = bufferMode;
-    ownsBuffer_ = bufferMode == kBufferModeRealloc;
+    header_.SetMode(bufferMode);
     return;
   }
 
   const uint32_t recsize = record->recsize;
-  void* copy = std::malloc(recsize);
-  if (copy == nullptr) ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to copy a DO record.");
-  std::memcpy(copy, record, recsize);
-  header_ = static_cast<DORecordHeader*>(copy);
-  allocatedSize_ = recsize;
-  ownsBuffer_ = true;
-  bufferMode_ = kBufferModeRealloc;
-  try {
-    convertToTRefs();
-  } catch (...) {
-    cleanupConstruction();
-    throw;
+  header_ = RecordBuffer<DORecordHeader>(record, allocatedSize, kBufferModeCopy);
+  if (!header_.Grow(recsize, recsize)) {
+    ThrowFixed(CR_STATUS_NO_MEMORY, "Not enough memory to copy a DO record.");
   }
+  header_.SetMode(kBufferModeRealloc);
+  convertToTRefs();
   // The caller handed the buffer over; the copy replaces it.
-  if (bufferMode == kBufferModeRealloc) std::free(record);
+  if (bufferMode == kBufferModeRealloc) RecordBuffer<DORecordHeader>::Release(record);
 }

@@ -200,7 +200,7 @@ std::ostream& DORecord::ToStream(std::ostream& os, bool binary) const {
   if (binary) {
     HostOrderWindow window(header_, networkOrder_);
     writeTRefSection();
-    os.write(reinterpret_cast<const char*>(header_), static_cast<std::streamsize>(getRecSize()));
+    os.write(reinterpret_cast<const char*>(header_.get()), static_cast<std::streamsize>(getRecSize()));
     return os;
   }
 

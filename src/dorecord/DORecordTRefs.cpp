@@ -11,7 +11,6 @@ using namespace crrecord;
 
 namespace {
 
-constexpr uint64_t kLargestRecordSize = 0xFFFFFFFFu;
 constexpr size_t kTRefTextSize = 99;
 
 bool HasSet(cr_reftype_t kind) { return kind < CR_TREF_TYPE_END; }
@@ -45,19 +44,27 @@ uint32_t SerializedSize(const boost::intrusive_ptr<Cr_TRef>& ref) {
   char text[kTRefTextSize];
   CRTRefToString(text, sizeof text, ref);
   if (operation == nullptr) {
-    ThrowLogged(CR_STATUS_INVALID, "The type of reference %s is unsupported for a DO", text);
+    ErrorA(CR_STATUS_INVALID, "The type of reference %s is unsupported for a DO", text);
+  } else {
+    ErrorA(CR_STATUS_INVALID, "%s: The type of reference %s is unsupported for a DO", operation,
+           text);
   }
-  ThrowLogged(CR_STATUS_INVALID, "%s: The type of reference %s is unsupported for a DO", operation,
-              text);
+  ThrowLastLogged(CR_STATUS_INVALID);
 }
 
-// Both grow by `size`. A record size beyond 32 bits cannot be stored; it is
-// refused before either field changes.
-void GrowSizes(DORecord& record, uint32_t size) {
-  const uint64_t recsize = uint64_t{record.getRecSize()} + size;
+// The record size once `bytes` more are added. A record size beyond 32 bits
+// cannot be stored; it is refused before anything changes.
+unsigned int GrownRecSize(const DORecord& record, uint64_t bytes) {
+  const uint64_t recsize = uint64_t{record.getRecSize()} + bytes;
   if (recsize > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
+  return static_cast<unsigned int>(recsize);
+}
+
+// Both grow by `size`, or neither.
+void GrowSizes(DORecord& record, uint32_t size) {
+  const unsigned int recsize = GrownRecSize(record, size);
   record.setTRefsSize(record.getTRefsSize() + size);
-  record.setRecSize(static_cast<unsigned int>(recsize));
+  record.setRecSize(recsize);
 }
 
 // The TRef size field shrinks first; setRecSize then refuses a record size
@@ -93,9 +100,7 @@ int DORecord::OwnTRef(boost::intrusive_ptr<Cr_TRef> ref) {
   // buffer that growth copies (mode 1) keeps its old bytes, and a refusal
   // only has the insertion to undo.
   try {
-    const uint64_t recsize = uint64_t{getRecSize()} + size;
-    if (recsize > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
-    expand(static_cast<unsigned int>(recsize));
+    expand(GrownRecSize(*this, size));
   } catch (...) {
     if (added.second) set.erase(added.first);
     throw;
@@ -206,17 +211,16 @@ void DORecord::AddSerializedTRefs(const char* data, unsigned int length) {
   if (data == nullptr && length != 0) {
     ThrowFixed(CR_STATUS_MISSING_ARGUMENT, "Received a buffer with corrupt typed references.");
   }
-  const uint64_t needed = uint64_t{getRecSize()} + length;
-  if (needed > kLargestRecordSize) ThrowFixed(CR_STATUS_INVALID, "invalid record size for DO");
+  const unsigned int needed = GrownRecSize(*this, length);
 
   // The bytes may lie in this record's own buffer (convertToTRefs loads the
   // section in place); growth may move the buffer, so keep their offset.
-  const uintptr_t base = reinterpret_cast<uintptr_t>(header_);
+  const uintptr_t base = reinterpret_cast<uintptr_t>(header_.get());
   const uintptr_t at = reinterpret_cast<uintptr_t>(data);
-  const bool inBuffer = data != nullptr && at >= base && at - base < allocatedSize_;
-  expand(static_cast<unsigned int>(needed));
+  const bool inBuffer = data != nullptr && at >= base && at - base < header_.size();
+  expand(needed);
   const unsigned char* start = inBuffer
-                                   ? reinterpret_cast<const unsigned char*>(header_) + (at - base)
+                                   ? header_.bytes() + (at - base)
                                    : reinterpret_cast<const unsigned char*>(data);
 
   size_t offset = 0;

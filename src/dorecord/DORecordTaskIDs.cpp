@@ -12,8 +12,6 @@ using namespace crrecord;
 
 namespace {
 
-constexpr unsigned int kBufferModeFixed = 0;
-
 // Both constructors exist (unsigned long: task ID, unsigned int: DSID); the
 // casts make sure the intended one is chosen.
 boost::intrusive_ptr<Cr_TRef> TaskIDRef(unsigned long taskId) {
@@ -94,7 +92,7 @@ void DORecord::convertToTRefs() {
   const uint32_t oldTaskIds = header_->ntaskid;
   const uint32_t oldDsids = header_->nds;
   const bool hasOld = oldTaskIds != 0 || oldDsids != 0;
-  if (hasOld && bufferMode_ == kBufferModeFixed) {
+  if (hasOld && header_.mode() == kBufferModeFixed) {
     ThrowFixed(CR_STATUS_INVALID,
                "Cannot construct a DORecord that does not own its internal buffer but has old "
                "task id and dsid references.");
@@ -127,7 +125,7 @@ void DORecord::convertToTRefs() {
     const uint64_t listEnd = kDOHeaderSize + uint64_t{8} * oldTaskIds;
     const uint64_t dataEnd = DORecordHeaderSizeRaw(oldTaskIds, count, nudcid, oldDsids, dotype,
                                                    fptype, 0);
-    unsigned char* base = reinterpret_cast<unsigned char*>(header_);
+    unsigned char* base = header_.bytes();
     std::memmove(base + kDOHeaderSize, base + listEnd, dataEnd - listEnd);
   }
   if (oldDsids != 0) {
@@ -136,7 +134,7 @@ void DORecord::convertToTRefs() {
     }
     const uint64_t listEnd = kDOHeaderSize + uint64_t{4} * oldDsids;
     const uint64_t dataEnd = DORecordHeaderSizeRaw(0, count, nudcid, oldDsids, dotype, fptype, 0);
-    unsigned char* base = reinterpret_cast<unsigned char*>(header_);
+    unsigned char* base = header_.bytes();
     std::memmove(base + kDOHeaderSize, base + listEnd, dataEnd - listEnd);
   }
   if (hasOld) handleUpdate();

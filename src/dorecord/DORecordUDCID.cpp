@@ -32,7 +32,6 @@ namespace {
 
 const char kAppendName[] = "AppendBloomAndUniqueDCIDList";
 const char kSizeListName[] = "GetUDCIDSizeList";
-constexpr uint64_t kLargestRecordSize = 0xFFFFFFFFu;
 constexpr uint32_t kNoSegmentSize = 0xFFFFFFFFu;
 
 struct UDCIDEntry {
@@ -467,31 +466,20 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
   constexpr uint32_t kFewEntries = 1024;
   UDCIDEntry few[kFewEntries];
   const UDCIDEntry* list = entries.data();
-  if (count <= kFewEntries && needed > allocatedSize_ && ownsBuffer_) {
+  if (count <= kFewEntries && needed > header_.size() && header_.owned()) {
     std::copy(entries.begin(), entries.end(), few);
     std::vector<UDCIDEntry>().swap(entries);
     list = few;
   }
 
-  if (needed > allocatedSize_) {
+  if (needed > header_.size()) {
     // Exactly the size needed, whatever the buffer mode: a borrowed buffer
     // is replaced by an owned copy in the same way. An owned buffer is
     // grown with realloc, which can extend it in place (or remap it) instead
     // of copying the record; on failure it leaves the buffer as it was.
-    if (ownsBuffer_) {
-      void* grown = std::realloc(header_, needed);
-      if (grown == nullptr) return CR_STATUS_NO_MEMORY;
-      header_ = static_cast<DORecordHeader*>(grown);
-      writeTRefSection();
-    } else {
-      void* grown = std::malloc(needed);
-      if (grown == nullptr) return CR_STATUS_NO_MEMORY;
-      writeTRefSection();
-      std::memcpy(grown, header_, std::min<uint64_t>(getRecSize(), allocatedSize_));
-      header_ = static_cast<DORecordHeader*>(grown);
-      ownsBuffer_ = true;
-    }
-    allocatedSize_ = needed;
+    const uint64_t keep = std::min<uint64_t>(getRecSize(), header_.size());
+    if (!header_.Grow(needed, keep)) return CR_STATUS_NO_MEMORY;
+    writeTRefSection();
   }
 
   setRecSize(static_cast<unsigned int>(needed));

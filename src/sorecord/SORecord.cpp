@@ -2,12 +2,11 @@
 // accessors in either byte order, in-place conversion and equality.
 #include "crrecord/SORecord.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "crrecord/common/Endian.h"
+#include "crrecord/common/FingerprintWidth.h"
 #include "crrecord/platform/fingerprint.h"
-#include "dorecord/DORecordFormat.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -28,37 +27,29 @@ bool DCIDAllowed(unsigned long dcid) { return dcid == 1 || dcid >= 64; }
 
 SORecord::SORecord(unsigned short flags, unsigned int dcid, unsigned int size, unsigned int crc,
                    const QorKey& key, unsigned char cryptoMode, unsigned char fptype)
-    : header_(nullptr), owned_(true), networkOrder_(false) {
-  header_ = static_cast<_SegmentDBRecord*>(std::malloc(CR_SO_RECORD_MIN_SIZE));
-  if (header_ == nullptr) {
-    ThrowLogged(CR_STATUS_NO_MEMORY, "%s: memory allocation of %u bytes failed!", "SORecord",
-                CR_SO_RECORD_MIN_SIZE);
+    : header_(RecordBuffer<_SegmentDBRecord>::Allocate(CR_SO_RECORD_MIN_SIZE,
+                                                       CR_SO_RECORD_MIN_SIZE)),
+      networkOrder_(false) {
+  if (header_.get() == nullptr) {
+    ErrorA(CR_STATUS_NO_MEMORY, "%s: memory allocation of %u bytes failed!", "SORecord",
+           CR_SO_RECORD_MIN_SIZE);
+    ThrowLastLogged(CR_STATUS_NO_MEMORY);
   }
-  try {
-    std::memset(header_, 0, CR_SO_RECORD_MIN_SIZE);
-    header_->type = CR_SO_RECORD_TYPE;
-    SetFlags(flags);
-    SetDCID(dcid);
-    SetSize(size);
-    SetCRC(crc);
-    SetKey(key);
-    SetCryptoMode(cryptoMode);
-    SetFPType(fptype);
-    const uint32_t ntaskid = header_->ntaskid, ndo = header_->ndo;
-    header_->recsize = CR_SO_RECORD_MIN_SIZE + 8 * ntaskid + FingerprintWidth(fptype) * ndo;
-  } catch (...) {
-    std::free(header_);
-    header_ = nullptr;
-    throw;
-  }
+  // A setter that refuses its value leaves the buffer to header_'s release.
+  header_->type = CR_SO_RECORD_TYPE;
+  SetFlags(flags);
+  SetDCID(dcid);
+  SetSize(size);
+  SetCRC(crc);
+  SetKey(key);
+  SetCryptoMode(cryptoMode);
+  SetFPType(fptype);
+  const uint32_t ntaskid = header_->ntaskid, ndo = header_->ndo;
+  header_->recsize = CR_SO_RECORD_MIN_SIZE + 8 * ntaskid + FingerprintWidth(fptype) * ndo;
 }
 
-SORecord::~SORecord() {
-  if (owned_ && header_ != nullptr) {
-    std::free(header_);
-    header_ = nullptr;
-  }
-}
+// The buffer member frees the record.
+SORecord::~SORecord() = default;
 
 void SORecord::SetFlags(unsigned short flags) {
   if (!FlagsAllowed(flags)) ThrowStatus(CR_STATUS_INVALID);

@@ -12,8 +12,8 @@
 #include <ostream>
 
 #include "crrecord/common/Endian.h"
+#include "crrecord/common/FingerprintWidth.h"
 #include "crrecord/platform/fingerprint.h"
-#include "dorecord/DORecordFormat.h"
 #include "status/Report.h"
 
 using namespace crrecord;
@@ -227,8 +227,11 @@ cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigne
   if (record == nullptr || out == nullptr || outSize == nullptr) {
     return CR_STATUS_MISSING_ARGUMENT;
   }
-  // A network-order record would be read with swapped counts; refuse it
-  // rather than allocate for a count that means nothing.
+  // The record must be in host order. A guard of ours beyond the statuses
+  // this function is known to return: a network-order record would be read
+  // with swapped counts, sized by a count that means nothing and read past
+  // its end, so it is refused with 9, the status of a record in the wrong
+  // byte order, before anything is allocated.
   if (InNetworkOrder(record)) return CR_STATUS_INVALID;
 
   const unsigned int textWidth = FingerprintTextWidth(record->fptype);

@@ -1,8 +1,5 @@
 #include "status/Report.h"
 
-#include <cstdarg>
-#include <cstdio>
-
 namespace crrecord {
 
 void ThrowStatus(cr_status_t status) { throw Cr_ErrnoException(status); }
@@ -15,13 +12,7 @@ void ThrowComposed(cr_status_t status, const std::ostringstream& message) {
   throw Cr_ErrnoException(status, message, nullptr);
 }
 
-void ThrowLogged(cr_status_t status, const char* format, ...) {
-  char text[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  ErrorA(status, "%s", text);
+void ThrowLastLogged(cr_status_t status) {
   throw Cr_ErrnoException(status, qorLogLastMessageA(), nullptr);
 }
 

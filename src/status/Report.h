@@ -1,12 +1,14 @@
 // The reporting patterns of the record library, each in one place so that
 // every failure of one kind produces its status and text the same way.
 //
-//   ThrowStatus    thrown, status only (an outside routine left the status)
-//   ThrowFixed     thrown, fixed text, nothing logged
-//   ThrowComposed  thrown, text composed in a string stream, nothing logged
-//   ThrowLogged    logged with ErrorA, then thrown with the logged text
-//   AllocFailure   a failed allocation mapped to a status, logged, returned
-//   CR_TRACE       a trace line, written only when tracing is on
+//   ThrowStatus      thrown, status only (an outside routine left the status)
+//   ThrowFixed       thrown, fixed text, nothing logged
+//   ThrowComposed    thrown, text composed in a string stream, nothing logged
+//   ThrowLastLogged  thrown with the text of the ErrorA call just before it;
+//                    the caller hands ErrorA the format and values itself, so
+//                    that a log sink sees the format the message is known by
+//   AllocFailure     a failed allocation mapped to a status, logged, returned
+//   CR_TRACE         a trace line, written only when tracing is on
 #ifndef CRRECORD_SRC_STATUS_REPORT_H
 #define CRRECORD_SRC_STATUS_REPORT_H
 
@@ -19,8 +21,7 @@ namespace crrecord {
 [[noreturn]] void ThrowStatus(cr_status_t status);
 [[noreturn]] void ThrowFixed(cr_status_t status, const char* message);
 [[noreturn]] void ThrowComposed(cr_status_t status, const std::ostringstream& message);
-[[noreturn]] void ThrowLogged(cr_status_t status, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+[[noreturn]] void ThrowLastLogged(cr_status_t status);
 
 // The status of the CR errno: what an outside routine left there, or 22 when
 // it failed without saying why.

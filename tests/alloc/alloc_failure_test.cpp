@@ -30,6 +30,7 @@
 #include "crrecord/DORecord.h"
 #include "crrecord/SORecord.h"
 #include "crrecord/SOmarshall.h"
+#include "error_format.h"
 #include "serialized_form.h"
 #include "test_support.h"
 
@@ -461,6 +462,8 @@ TEST_F(AllocFailureTest, SORecordConstructorLogsAndThrowsStatus22) {
   ASSERT_EQ(FixedLog::Count(), 1);
   EXPECT_EQ(FixedLog::Status(0), 22u);
   EXPECT_EQ(FixedLog::Text(0), "SORecord: memory allocation of 104 bytes failed!");
+  EXPECT_STREQ(crtest::LastErrorFormat(), "%s: memory allocation of %u bytes failed!");
+  EXPECT_STREQ(crtest::FailedAllocationCall(), "malloc");
 }
 
 // --- Buffer growth -----------------------------------------------------------
@@ -525,6 +528,7 @@ TEST_F(AllocFailureTest, SerializeReturnsTheMappedStatusAndLogsTheSize) {
         // 28-byte head, 3 x (33 text + 4 size + 8 DCID), one zero byte.
         EXPECT_EQ(FixedLog::Text(0),
                   "Could not serialize DO: malloc failed for 164 bytes (out of memory)");
+        EXPECT_STREQ(crtest::FailedAllocationCall(), "calloc");
       });
   EXPECT_THAT(Describe(failures), ElementsAre(kReturned22));
   EXPECT_EQ(outSize, 164u);
@@ -547,6 +551,7 @@ TEST_F(AllocFailureTest, SerializeBloomFilterDOReturnsTheMappedStatusAndLogsTheS
         // 56 + 64 bitmap bytes + 2 entries of 16.
         EXPECT_EQ(FixedLog::Text(0),
                   "Could not serialize DO: malloc failed for 152 bytes (out of memory)");
+        EXPECT_STREQ(crtest::FailedAllocationCall(), "calloc");
       });
   EXPECT_THAT(Describe(failures), ElementsAre(kReturned22));
   DORecord::SerializedDORecordFree(&out);
@@ -570,6 +575,7 @@ TEST_F(AllocFailureTest, SegmentRecordSerializeReturnsTheMappedStatusAndLogsTheS
         EXPECT_EQ(FixedLog::Status(0), 22u);
         EXPECT_EQ(FixedLog::Text(0),
                   "Could not serialize SO: malloc failed for 33 bytes (out of memory)");
+        EXPECT_STREQ(crtest::FailedAllocationCall(), "calloc");
       });
   EXPECT_THAT(Describe(failures), ElementsAre(kReturned22));
   EXPECT_EQ(outSize, 33u);

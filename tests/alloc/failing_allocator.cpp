@@ -25,6 +25,7 @@ std::atomic<unsigned long> gFailAt{0};
 std::atomic<unsigned long> gFailCount{1};
 std::atomic<unsigned long> gSeen{0};
 std::atomic<long> gLive{0};
+std::atomic<const char*> gFailedCall{""};
 
 // The TRef pool's blocks, told apart on release by their address. A fixed
 // table, since nothing here may allocate; the pool doubles its block size,
@@ -34,16 +35,17 @@ std::mutex gPoolMutex;
 void* gPoolBlocks[kMaxPoolBlocks];
 long gPoolBlockCount = 0;
 
-bool ShouldFail() {
+bool ShouldFail(const char* call) {
   if (!gArmed.load(std::memory_order_acquire)) return false;
   const unsigned long n = gSeen.fetch_add(1);
   if (n < gFailAt.load() || n - gFailAt.load() >= gFailCount.load()) return false;
   gInjected = true;
+  gFailedCall = call;
   return true;
 }
 
 void* Allocate(size_t size) {
-  if (ShouldFail()) return nullptr;
+  if (ShouldFail("new")) return nullptr;
   void* p = __real_malloc(size != 0 ? size : 1);
   if (p != nullptr) ++gLive;
   return p;
@@ -85,7 +87,7 @@ bool ForgetPoolBlock(void* p) {
 extern "C" {
 
 void* __wrap_malloc(size_t size) {
-  if (ShouldFail()) {
+  if (ShouldFail("malloc")) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -95,7 +97,7 @@ void* __wrap_malloc(size_t size) {
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-  if (ShouldFail()) {
+  if (ShouldFail("calloc")) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -106,7 +108,7 @@ void* __wrap_calloc(size_t count, size_t size) {
 
 // A failed realloc leaves the old block as it was.
 void* __wrap_realloc(void* old, size_t size) {
-  if (ShouldFail()) {
+  if (ShouldFail("realloc")) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -175,6 +177,8 @@ bool StopFailingAllocations() {
 }
 
 unsigned long AllocationsSinceArmed() { return gSeen.load(); }
+
+const char* FailedAllocationCall() { return gFailedCall.load(); }
 
 long LiveAllocations() { return gLive.load(); }
 

@@ -48,6 +48,9 @@ void FailAllocationAt(unsigned long k, unsigned long count = 1);
 bool StopFailingAllocations();
 // Allocations seen since FailAllocationAt.
 unsigned long AllocationsSinceArmed();
+// The call whose allocation was failed last: "malloc", "calloc", "realloc"
+// or "new".
+const char* FailedAllocationCall();
 // Allocations made and not yet released, pool blocks left out.
 long LiveAllocations();
 // Blocks the TRef pool holds (live nothrow new[] allocations).
