@@ -87,22 +87,12 @@
 
 #include <boost/intrusive_ptr.hpp>
 
+#include "crrecord/DOSegmentLayout.h"
 #include "crrecord/Status.h"
 #include "crrecord/export.h"
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/tref.h"
 
-/// DO types (the header's dotype): what a segment entry holds after its
-/// fingerprint.
-enum : unsigned char {
-  CR_DO_TYPE_ORIGINAL = 0,       ///< nothing; sizes derived from size and ssize
-  CR_DO_TYPE_NO_SIZE = 1,        ///< as type 0; differs only in how the digest is formed
-  CR_DO_TYPE_NO_OFFSET = 2,      ///< u32 segment size
-  CR_DO_TYPE_8_BYTE_OFFSET = 3,  ///< u32 segment size, then u64 offset
-  CR_DO_TYPE_BLOOM_FILTER = 4,   ///< no segment list: a Bloom section instead
-  CR_DO_TYPE_4_BYTE_OFFSET = 5,  ///< u32 segment size, then u32 object offset
-  CR_DO_TYPE_INVALID = 255,      ///< marks an invalid record; refused by validation
-};
 
 /// The fixed header of a DO record buffer (80 bytes), drawn in DORecord.h.
 /// The sections follow it in the same buffer. Multi-byte fields stand in the
@@ -130,6 +120,29 @@ struct DORecordHeader {
   unsigned char dotype;        ///< DO type
   unsigned char reserved2[2];  ///< zero; pads the header to a multiple of 8
 };
+
+// The drawing above, held to the struct (LP64: unsigned long is 8 bytes).
+static_assert(sizeof(DORecordHeader) == 80, "the header is 80 bytes");
+static_assert(offsetof(DORecordHeader, type) == 0, "type at 0");
+static_assert(offsetof(DORecordHeader, flags) == 2, "flags at 2");
+static_assert(offsetof(DORecordHeader, recsize) == 4, "recsize at 4");
+static_assert(offsetof(DORecordHeader, reserved) == 8, "reserved at 8");
+static_assert(offsetof(DORecordHeader, checktime) == 12, "checktime at 12");
+static_assert(offsetof(DORecordHeader, CID) == 16, "CID at 16");
+static_assert(offsetof(DORecordHeader, size) == 24, "size at 24");
+static_assert(offsetof(DORecordHeader, ssize) == 32, "ssize at 32");
+static_assert(offsetof(DORecordHeader, CRC) == 40, "CRC at 40");
+static_assert(offsetof(DORecordHeader, ctime) == 44, "ctime at 44");
+static_assert(offsetof(DORecordHeader, mtime) == 48, "mtime at 48");
+static_assert(offsetof(DORecordHeader, ntaskid) == 52, "ntaskid at 52");
+static_assert(offsetof(DORecordHeader, nfp) == 56, "nfp at 56");
+static_assert(offsetof(DORecordHeader, nudcid) == 60, "nudcid at 60");
+static_assert(offsetof(DORecordHeader, nds) == 64, "nds at 64");
+static_assert(offsetof(DORecordHeader, trefsize) == 68, "trefsize at 68");
+static_assert(offsetof(DORecordHeader, bsize) == 72, "bsize at 72");
+static_assert(offsetof(DORecordHeader, fptype) == 76, "fptype at 76");
+static_assert(offsetof(DORecordHeader, dotype) == 77, "dotype at 77");
+static_assert(offsetof(DORecordHeader, reserved2) == 78, "reserved2 at 78");
 
 /// Flags of a DO record.
 enum : unsigned short {
@@ -694,6 +707,9 @@ class CRRECORD_API DORecord {
   /// The object offset of segment @p i (DO type 5), else 0xFFFFFFFF.
   /// Unchecked index.
   unsigned int GetSegmentObjectOffset(unsigned int i) const;
+  /// Field @p f of segment @p i as its getter above gives it (for walking
+  /// the fields of FindDOTypeLayout). Unchecked index.
+  unsigned long GetSegmentField(unsigned int i, crrecord::SegmentField f) const;
   /// The fingerprint bytes of segment @p i inside the buffer (16 or 32).
   /// Unchecked index.
   const unsigned char* GetSegmentFP(unsigned int i) const;

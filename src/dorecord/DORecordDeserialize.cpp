@@ -147,29 +147,7 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
                 "fingerprint text of segment %u is not %u hex digits and a NUL", done + bad,
                 textWidth - 1);
     }
-    const unsigned char* field = src + textWidth;
-    unsigned char* stored = entry + width;
-    switch (dotype) {
-      case CR_DO_TYPE_NO_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
-          Store(stored, LoadBE32(field));
-        }
-        break;
-      case CR_DO_TYPE_8_BYTE_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
-          Store(stored, LoadBE32(field));
-          Store(stored + 4, LoadBE64(field + 4));
-        }
-        break;
-      case CR_DO_TYPE_4_BYTE_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
-          Store(stored, LoadBE32(field));
-          Store(stored + 4, LoadBE32(field + 4));
-        }
-        break;
-      default:
-        break;
-    }
+    SwapSegmentFields(src + textWidth, inWidth, entry + width, entryWidth, n, dotype);
     if (scan != nullptr) scan->Scan(entry, n);
     if (streaming) {
       StreamCopy(entries + uint64_t{done} * entryWidth, staging, uint64_t{n} * entryWidth);

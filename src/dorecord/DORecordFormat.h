@@ -10,55 +10,19 @@
 #include "crrecord/common/Endian.h"
 #include "crrecord/DORecord.h"
 #include "crrecord/DORecordSerialized.h"
+#include "dorecord/SegmentLayout.h"
 
 namespace crrecord {
 
 constexpr uint16_t kDORecordType = 3;
-constexpr unsigned int kDOHeaderSize = 80;
+constexpr unsigned int kDOHeaderSize = sizeof(DORecordHeader);
 // The Bloom section: length word, bitmap, then these reserved bytes.
 constexpr unsigned int kBloomLengthWord = 4;
-constexpr unsigned int kBloomReservedBytes = 16;
-// The unique-DCID section: checksum word, count word, then 16-byte entries.
-constexpr unsigned int kUDCIDHead = 8;
-constexpr unsigned int kUDCIDEntry = 16;
-
-static_assert(sizeof(DORecordHeader) == kDOHeaderSize, "the header is 80 bytes");
-static_assert(offsetof(DORecordHeader, recsize) == 4, "recsize at 4");
-static_assert(offsetof(DORecordHeader, checktime) == 12, "checktime at 12");
-static_assert(offsetof(DORecordHeader, CID) == 16, "CID at 16");
-static_assert(offsetof(DORecordHeader, CRC) == 40, "CRC at 40");
-static_assert(offsetof(DORecordHeader, nfp) == 56, "nfp at 56");
-static_assert(offsetof(DORecordHeader, trefsize) == 68, "trefsize at 68");
-static_assert(offsetof(DORecordHeader, bsize) == 72, "bsize at 72");
-static_assert(offsetof(DORecordHeader, fptype) == 76, "fptype at 76");
-static_assert(offsetof(DORecordHeader, dotype) == 77, "dotype at 77");
-
-// Fingerprint width in a record: 32 bytes for fingerprint type 3, else 16.
-inline unsigned int FingerprintWidth(unsigned char fptype) { return fptype == 3 ? 32 : 16; }
-
-// Width of the text field of a fingerprint in the exchange forms and the
-// digest block: two characters per byte and a NUL.
-inline unsigned int FingerprintTextWidth(unsigned char fptype) {
-  static_assert(serialized::FingerprintTextSize(3) == 2 * 32 + 1 &&
-                    serialized::FingerprintTextSize(1) == 2 * 16 + 1,
-                "two characters per fingerprint byte and a NUL");
-  return static_cast<unsigned int>(serialized::FingerprintTextSize(fptype));
-}
-
-// Bytes after the fingerprint in one segment entry: a record holds the
-// same fields (size, u64 offset or u32 object offset) as its serialized form.
-inline unsigned int SegmentExtraWidth(unsigned char dotype) {
-  return static_cast<unsigned int>(serialized::EntryFieldsSize(dotype));
-}
-
-inline bool HasStoredSizes(unsigned char dotype) {
-  return dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
-         dotype == CR_DO_TYPE_4_BYTE_OFFSET;
-}
-
-inline unsigned int SegmentEntryWidth(unsigned char fptype, unsigned char dotype) {
-  return FingerprintWidth(fptype) + SegmentExtraWidth(dotype);
-}
+constexpr unsigned int kBloomReservedBytes = serialized::kBloomTrailingZeros;
+// The unique-DCID section: checksum word, count word, then 16-byte entries,
+// as the serialized Bloom form carries it.
+constexpr unsigned int kUDCIDHead = serialized::kBloomListHead;
+constexpr unsigned int kUDCIDEntry = serialized::kBloomListEntry;
 
 // Length of the unique-DCID section with n entries (0 when there is none).
 inline uint64_t UDCIDSectionSize(uint32_t n) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <vector>
 #include <ostream>
 
 #include <crrecord/platform/fingerprint.h>
@@ -18,15 +19,8 @@
 namespace crrec {
 
 const char* DOTypeName(unsigned dotype) {
-  switch (dotype) {
-    case CR_DO_TYPE_ORIGINAL: return "original: fixed-size segments";
-    case CR_DO_TYPE_NO_SIZE: return "fixed-size segments";
-    case CR_DO_TYPE_NO_OFFSET: return "segment sizes";
-    case CR_DO_TYPE_8_BYTE_OFFSET: return "segment sizes and 8-byte offsets";
-    case CR_DO_TYPE_BLOOM_FILTER: return "Bloom filter";
-    case CR_DO_TYPE_4_BYTE_OFFSET: return "segment sizes and 4-byte object offsets";
-    default: return "unknown";
-  }
+  const crrecord::DOTypeLayout* l = crrecord::FindDOTypeLayout(dotype);
+  return l != nullptr ? l->description : "unknown";
 }
 
 const char* FPTypeName(unsigned fptype) {
@@ -128,6 +122,24 @@ void ShowHeader(const DORecordHeader& h, std::ostream& out) {
   Row(out, "dotype", std::to_string(h.dotype) + " (" + DOTypeName(h.dotype) + ")");
 }
 
+namespace {
+
+struct Column {
+  const char* label;
+  unsigned width;
+};
+
+Column ColumnOf(crrecord::SegmentField f) {
+  switch (f) {
+    case crrecord::SegmentField::kOffset: return {"offset", 14};
+    case crrecord::SegmentField::kObjectOffset: return {"obj. offset", 11};
+    case crrecord::SegmentField::kSize: break;
+  }
+  return {"size", 10};
+}
+
+}  // namespace
+
 void ShowSegments(const DORecord& r, uint64_t limit, std::ostream& out) {
   const DORecordHeader* h = r.GetHeader();
   const unsigned char dotype = h->dotype;
@@ -140,19 +152,23 @@ void ShowSegments(const DORecord& r, uint64_t limit, std::ostream& out) {
   const bool sizes = dotype != CR_DO_TYPE_ORIGINAL && dotype != CR_DO_TYPE_NO_SIZE;
   out << "  " << PadLeft("#", 8) << "  " << Pad("fingerprint", fpWidth) << "  "
       << PadLeft(sizes ? "size" : "size*", 10);
-  if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) out << "  " << PadLeft("offset", 14);
-  if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) out << "  " << PadLeft("obj. offset", 11);
+  // The size column stands for every DO type; the other fields follow it.
+  const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(dotype);
+  std::vector<crrecord::SegmentField> more;
+  for (unsigned k = 0; layout != nullptr && k < layout->count; ++k) {
+    if (layout->fields[k].field != crrecord::SegmentField::kSize) {
+      more.push_back(layout->fields[k].field);
+    }
+  }
+  for (crrecord::SegmentField f : more) out << "  " << PadLeft(ColumnOf(f).label, ColumnOf(f).width);
   out << "  DCID\n";
   for (uint64_t i = 0; i < shown; ++i) {
     const unsigned int k = static_cast<unsigned int>(i);
     out << "  " << PadLeft(std::to_string(i), 8) << "  "
         << Pad(FingerprintText(r.GetSegmentFP(k), h->fptype), fpWidth) << "  "
         << PadLeft(std::to_string(r.GetSegmentSize(k)), 10);
-    if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
-      out << "  " << PadLeft(std::to_string(r.GetSegmentOffset(k)), 14);
-    }
-    if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
-      out << "  " << PadLeft(std::to_string(r.GetSegmentObjectOffset(k)), 11);
+    for (crrecord::SegmentField f : more) {
+      out << "  " << PadLeft(std::to_string(r.GetSegmentField(k, f)), ColumnOf(f).width);
     }
     out << "  " << r.GetSegmentDCID(k) << "\n";
   }
@@ -392,19 +408,18 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
   const DORecordHeader* h = r.GetHeader();
   const uint64_t size = h->size;
   const std::string sizeText = "size " + std::to_string(size);
-  switch (h->dotype) {
-    case CR_DO_TYPE_ORIGINAL:
-    case CR_DO_TYPE_NO_SIZE:
+  const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(h->dotype);
+  switch (layout != nullptr ? layout->check : crrecord::SegmentCheck::kNone) {
+    case crrecord::SegmentCheck::kBound:
       checks->OkOrFailed("size", DerivedSizesProblem(size, h->ssize, h->nfp),
                          sizeText + " and ssize " + std::to_string(h->ssize) +
                              ": every segment's size positive and within 32 bits");
       return;
-    case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET:
-    case CR_DO_TYPE_8_BYTE_OFFSET: {
-      // The library's own check lets DO type 3 end before size; the tool
-      // does not: bytes after the last segment would lie in no container.
-      const bool offsets = h->dotype == CR_DO_TYPE_8_BYTE_OFFSET;
+    case crrecord::SegmentCheck::kSizeSum:
+    case crrecord::SegmentCheck::kOrdered: {
+      // The library's own check lets an ordered list end before size; the
+      // tool does not: bytes after the last segment would lie in no container.
+      const bool offsets = layout->check == crrecord::SegmentCheck::kOrdered;
       uint64_t total = 0;
       bool wraps = false;
       for (uint32_t i = 0; i < h->nfp; ++i) {
@@ -421,7 +436,8 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
                          sizeText + ", " + what + "it");
       return;
     }
-    case CR_DO_TYPE_BLOOM_FILTER: {
+    case crrecord::SegmentCheck::kNone: {
+      if (h->dotype != CR_DO_TYPE_BLOOM_FILTER) break;
       if (unique.empty()) {
         checks->Add("size", Verdict::kNone, "no unique-DCID list to sum");
         return;
@@ -440,9 +456,8 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
                          sizeText + ", the unique-DCID byte counts sum to it");
       return;
     }
-    default:
-      checks->Add("size", Verdict::kNone, "DO type " + std::to_string(h->dotype));
   }
+  checks->Add("size", Verdict::kNone, "DO type " + std::to_string(h->dotype));
 }
 
 // Entries of at least 64, strictly ascending (so no container twice). The

@@ -86,14 +86,14 @@ Json DOToJson(const Loaded& loaded) {
     j["bloom"]["bitmap"] = HexEncode(r.GetBloom(), h->bsize);
   } else {
     Json segments = Json::array();
-    const bool sizes = dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
-                       dotype == CR_DO_TYPE_4_BYTE_OFFSET;
+    const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(dotype);
+    const unsigned nfields = layout != nullptr ? layout->count : 0;
     for (unsigned int i = 0; i < h->nfp; ++i) {
       Json s;
       s["fp"] = FingerprintText(r.GetSegmentFP(i), fptype);
-      if (sizes) s["size"] = r.GetSegmentSize(i);
-      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) s["offset"] = r.GetSegmentOffset(i);
-      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) s["object_offset"] = r.GetSegmentObjectOffset(i);
+      for (unsigned k = 0; k < nfields; ++k) {
+        s[layout->fields[k].name] = r.GetSegmentField(i, layout->fields[k].field);
+      }
       s["dcid"] = r.GetSegmentDCID(i);
       segments.push_back(std::move(s));
     }
