@@ -64,11 +64,15 @@
 ///   section, the whole Bloom section and the typed-reference section as they
 ///   are: the DCID getters hand out stored bytes, so they read the same in
 ///   both orders.
-/// - The Bloom section's length word doubles as the byte-order mark of a Bloom
-///   record's unique-DCID list: a record built from a bitmap holds both in
-///   host order; a record rebuilt from the serialized Bloom form holds both
-///   big-endian, as they travelled, until AppendBloomAndUniqueDCIDList turns
-///   them to host order. DORecordHeaderStartBFBitmap designates that word.
+/// - The Bloom section's 16 reserved bytes mark the byte order of a Bloom
+///   record's unique-DCID list: zero, the list stands in host order (a record
+///   built from a bitmap); kBloomListBigEndianMark, it stands big-endian, as
+///   it travelled (a record rebuilt from the serialized Bloom form), until
+///   AppendBloomAndUniqueDCIDList turns it to host order and clears the mark.
+///   The mark is not the length word, which DORecordHeaderStartBFBitmap
+///   designates: AppendBloom byte-swaps that word whatever the list's order,
+///   and AppendBloomAndUniqueDCIDList turns it back to host order when it
+///   finds it swapped.
 ///
 /// Unique-DCID section (all fields host order when built by this library):
 /// @code{.unparsed}
@@ -144,6 +148,12 @@ static_assert(offsetof(DORecordHeader, fptype) == 76, "fptype at 76");
 static_assert(offsetof(DORecordHeader, dotype) == 77, "dotype at 77");
 static_assert(offsetof(DORecordHeader, reserved2) == 78, "reserved2 at 78");
 
+namespace crrecord {
+/// The Bloom section's 16 reserved bytes while the record's unique-DCID list
+/// stands big-endian (see the layout notes above); zero otherwise.
+constexpr unsigned char kBloomListBigEndianMark[16] = {'B', 'E'};
+}  // namespace crrecord
+
 /// Flags of a DO record.
 enum : unsigned short {
   CR_DO_FLAGS_ALLOWED = 0x0006,  ///< the bits that may be set
@@ -207,8 +217,8 @@ CRRECORD_API unsigned char* DORecordHeaderIndexOfDataSelection(const DORecordHea
 CRRECORD_API unsigned char* DORecordHeaderGetBloomStart(const DORecordHeader* h);
 /// The Bloom bitmap's first byte.
 CRRECORD_API unsigned char* DORecordHeaderGetBloom(const DORecordHeader* h);
-/// The Bloom section's length word, which marks the byte order of a Bloom
-/// record's unique-DCID list (see the layout notes above).
+/// The Bloom section's length word, which AppendBloom byte-swaps (see the
+/// layout notes above).
 CRRECORD_API unsigned char* DORecordHeaderStartBFBitmap(const DORecordHeader* h);
 /// The record's own identity: its container ID field (8 bytes, record
 /// order).
@@ -805,8 +815,10 @@ class CRRECORD_API DORecord {
   /// ("%s: Invalid DCID %lu for SO %s at index %u."), both logged, the
   /// record unchanged; 22 when the buffer cannot grow.
   cr_status_t AppendBloomAndUniqueDCIDList();
-  /// Reads a Bloom DO record's big-endian unique-DCID list into @p dcids
-  /// (DCID to bytes), keeping what the map already held. Always returns 0.
+  /// Byte-swaps the word at DORecordHeaderStartBFBitmap and reads a Bloom DO
+  /// record's unique-DCID list into @p dcids (DCID to bytes), keeping what
+  /// the map already held. The list is read in the order its mark says, and
+  /// no further than the header's count of entries. Always returns 0.
   cr_status_t AppendBloom(std::map<unsigned long, unsigned long>& dcids);
   /// Fills @p sizes (cleared first) with the bytes the object occupies per
   /// container, the DO record itself charged to its own container. Returns
@@ -818,8 +830,8 @@ class CRRECORD_API DORecord {
   unsigned int GetUDCIDSize() const;
   /// Whether the unique-DCID list stands big-endian: only in a Bloom DO
   /// record rebuilt from the serialized Bloom form and not yet normalized
-  /// (AppendBloomAndUniqueDCIDList); the section's length word tells (see
-  /// the layout notes above). False without a list.
+  /// (AppendBloomAndUniqueDCIDList); the Bloom section's reserved bytes tell
+  /// (see the layout notes above). False without a list.
   bool UniqueDCIDListIsBigEndian() const;
   /// Entry @p i of the unique-DCID list as host values, in whichever byte
   /// order the list stands. Returns 0; 65 for a null pointer; 9 when @p i is

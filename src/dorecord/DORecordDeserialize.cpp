@@ -168,12 +168,12 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
 }
 
 // The Bloom section. The length word and the unique-DCID block keep the
-// big-endian bytes they travelled in: the length word marks the list's byte
-// order until AppendBloomAndUniqueDCIDList turns both to host order.
+// big-endian bytes they travelled in, and the reserved bytes say so, until
+// AppendBloomAndUniqueDCIDList turns both to host order.
 void FillBloom(DORecordHeader* h, const unsigned char* in, const Plan& plan) {
   unsigned char* start = DORecordHeaderGetBloomStart(h);
   std::memcpy(start, in + kBloomLengthAt, 4 + uint64_t{plan.bsize});
-  std::memset(start + 4 + plan.bsize, 0, kBloomReservedBytes);
+  std::memcpy(start + 4 + plan.bsize, kBloomListBigEndianMark, kBloomReservedBytes);
   if (plan.nudcid != 0) {
     std::memcpy(DORecordHeaderStartUDCID(h), in + kBloomBitmapAt + plan.bsize,
                 UDCIDSectionSize(plan.nudcid));

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "common/Adler32.h"
 #include "crrecord/common/Endian.h"
@@ -18,7 +19,7 @@ constexpr uint16_t kDORecordType = 3;
 constexpr unsigned int kDOHeaderSize = sizeof(DORecordHeader);
 // The Bloom section: length word, bitmap, then these reserved bytes.
 constexpr unsigned int kBloomLengthWord = 4;
-constexpr unsigned int kBloomReservedBytes = serialized::kBloomTrailingZeros;
+constexpr unsigned int kBloomReservedBytes = sizeof kBloomListBigEndianMark;
 // The unique-DCID section: checksum word, count word, then 16-byte entries,
 // as the serialized Bloom form carries it.
 constexpr unsigned int kUDCIDHead = serialized::kBloomListHead;
@@ -50,24 +51,13 @@ inline HeaderCounts ReadCounts(const DORecordHeader* h) {
 
 
 // Whether a Bloom record's unique-DCID list stands big-endian, as a record
-// rebuilt from the serialized Bloom form holds it until it is normalized.
-// The length word tells, being bsize in the list's order; when bsize reads
-// the same both ways the count word tells, and then the checksum word.
-// `section` is the unique-DCID section, which must lie inside the record.
-inline bool BloomListIsBigEndian(uint32_t lengthWord, uint32_t bsize, const unsigned char* section,
-                                 uint32_t nudcid) {
-  auto tell = [](uint32_t stored, uint32_t expected, int* verdict) {
-    bool host = stored == expected, big = ByteSwap(stored) == expected;
-    if (host != big) *verdict = big ? 1 : 0;
-  };
-  int verdict = -1;
-  tell(lengthWord, bsize, &verdict);
-  if (verdict < 0 && nudcid != 0) tell(Load<uint32_t>(section + 4), nudcid, &verdict);
-  if (verdict < 0 && nudcid != 0) {
-    tell(Load<uint32_t>(section), Adler32(section + 4, 4 + uint64_t{kUDCIDEntry} * nudcid),
-         &verdict);
-  }
-  return verdict == 1;
+// rebuilt from the serialized Bloom form holds it until it is normalized:
+// its section's reserved bytes hold the mark (see DORecord.h). The length
+// word cannot tell, AppendBloom swapping it whatever the list's order.
+// `bsize` is the header's, as a host value.
+inline bool BloomListIsBigEndian(const DORecordHeader* h, uint32_t bsize) {
+  return std::memcmp(DORecordHeaderGetBloom(h) + bsize, kBloomListBigEndianMark,
+                     kBloomReservedBytes) == 0;
 }
 
 }  // namespace crrecord

@@ -171,8 +171,7 @@ cr_status_t DORecordHeaderValidate(const DORecordHeader* h, unsigned int length,
     // A Bloom record rebuilt from its serialized form keeps its list
     // big-endian until it is normalized; every other list is host order.
     const bool bigEndianList =
-        bloom && BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderGetBloomStart(h)), c.bsize,
-                                      section, c.nudcid);
+        bloom && BloomListIsBigEndian(h, c.bsize);
     const uint32_t checksum = InRecordOrder(Load<uint32_t>(section), bigEndianList);
     const uint32_t count = InRecordOrder(Load<uint32_t>(section + 4), bigEndianList);
     const uint32_t computed =

@@ -154,8 +154,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
     // A record built from a bitmap holds its list in host order, one rebuilt
     // from this form holds it as it travelled; read it in the order it has,
     // so that a rebuilt record serializes to the bytes it came from.
-    const bool bigEndian = BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderStartBFBitmap(h)),
-                                                bsize, section, nudcid);
+    const bool bigEndian = BloomListIsBigEndian(h, bsize);
     const unsigned char* src = section + kUDCIDHead;
     unsigned char* dst = block + kBloomListHead;
     const uint64_t entryBytes = uint64_t{kUDCIDEntry} * nudcid;

@@ -4,15 +4,15 @@
 // container.
 //
 // Byte order of a Bloom record's list. A Bloom record built from a bitmap
-// holds its Bloom length word and its list in host order; one rebuilt from
-// the serialized Bloom form holds both big-endian, as they travelled. The
-// record carries no other mark, so the length word is the mark
-// (BloomListIsBigEndian): every reader here takes the list in the order the
-// mark says, and AppendBloomAndUniqueDCIDList turns a big-endian Bloom
-// section into host order (length word and list together, with a fresh
-// checksum). A second application then finds host order and rewrites the
-// same bytes, so normalizing is idempotent. Lists of other records are
-// always host order.
+// holds its list in host order; one rebuilt from the serialized Bloom form
+// holds it big-endian, as it travelled, and says so with the mark in the
+// Bloom section's reserved bytes (BloomListIsBigEndian). Every reader here
+// takes the list in the order the mark says; AppendBloomAndUniqueDCIDList
+// turns a big-endian list into host order with a fresh checksum and clears
+// the mark, so a second application finds host order and rewrites the same
+// bytes. The length word is no mark: AppendBloom swaps it, and
+// AppendBloomAndUniqueDCIDList turns it back to host order when it reads
+// swapped. Lists of other records are always host order.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -325,10 +325,9 @@ uint32_t GatherUnique(uint32_t count, DcidOf dcidOf, SizeOf sizeOf,
 
 // Whether the record's unique-DCID list stands big-endian (see the file
 // comment). REQUIRES: the section, when nudcid > 0, lies inside the record.
-bool ListIsBigEndian(const DORecordHeader* h, uint32_t bsize, uint32_t nudcid) {
+bool ListIsBigEndian(const DORecordHeader* h, uint32_t bsize) {
   if (h->dotype != CR_DO_TYPE_BLOOM_FILTER) return false;
-  return BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderStartBFBitmap(h)), bsize,
-                              DORecordHeaderStartUDCID(h), nudcid);
+  return BloomListIsBigEndian(h, bsize);
 }
 
 // The entries of a list section, each read in the given byte order.
@@ -349,6 +348,13 @@ void WriteSection(unsigned char* section, const UDCIDEntry* entries, uint32_t co
   Store<uint32_t>(section, Adler32(section + 4, 4 + uint64_t{kUDCIDEntry} * count));
 }
 
+// The length word back in host order, and the mark cleared: the list is
+// written, or stands, in host order.
+void NormalizeBloomSection(DORecordHeader* h, uint32_t bsize, bool swapLengthWord) {
+  if (swapLengthWord) SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(h));
+  std::memset(DORecordHeaderGetBloom(h) + bsize, 0, kBloomReservedBytes);
+}
+
 }  // namespace
 
 cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
@@ -367,7 +373,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
   try {
     if (bloom) {
       const uint32_t nudcid = GetNudcid();
-      const bool bigEndian = ListIsBigEndian(header_, bsize, nudcid);
+      const bool bigEndian = ListIsBigEndian(header_, bsize);
       const uint32_t lengthWord = Load<uint32_t>(DORecordHeaderStartBFBitmap(header_));
       swapLengthWord = lengthWord != bsize && ByteSwap(lengthWord) == bsize;
       if (nudcid != 0) {
@@ -444,7 +450,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
 
   const uint32_t count = static_cast<uint32_t>(entries.size());
   if (count == 0) {
-    if (swapLengthWord) SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(header_));
+    if (bloom) NormalizeBloomSection(header_, bsize, swapLengthWord);
     return CR_STATUS_SUCCESS;
   }
 
@@ -496,7 +502,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
 
   setRecSize(static_cast<unsigned int>(needed));
   header_->nudcid = InRecordOrder(count, networkOrder_);
-  if (swapLengthWord) SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(header_));
+  if (bloom) NormalizeBloomSection(header_, bsize, swapLengthWord);
   unsigned char* section =
       bloom ? DORecordHeaderStartUDCID(header_) : DORecordHeaderIndexOfDCID(header_, nfp);
   WriteSection(section, list, GetNudcid());
@@ -504,13 +510,17 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
 }
 
 cr_status_t DORecord::AppendBloom(std::map<unsigned long, unsigned long>& dcids) {
-  // Reads the list in the order its mark says and leaves the record as it
-  // is: swapping the mark alone would leave a list that later reads misjudge.
-  // At most the header's count of entries is read, so never beyond the
-  // section, whatever count the list itself claims.
+  // The list is read in the order its mark says, which the swap of the
+  // length word leaves alone, and at most the header's count of entries, so
+  // never beyond the section, whatever count the list itself claims.
+  // Only a Bloom record has the word: in another the place lies in its
+  // segment list, which a swap would corrupt.
+  if (header_->dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    SwapInPlace<uint32_t>(DORecordHeaderStartBFBitmap(header_));
+  }
   const uint32_t nudcid = GetNudcid();
   if (nudcid == 0) return CR_STATUS_SUCCESS;
-  const bool bigEndian = ListIsBigEndian(header_, GetBSize(), nudcid);
+  const bool bigEndian = ListIsBigEndian(header_, GetBSize());
   const unsigned char* section = DORecordHeaderStartUDCID(header_);
   const uint32_t stored = InRecordOrder(Load<uint32_t>(section + 4), bigEndian);
   const uint32_t n = std::min(stored, nudcid);
@@ -529,7 +539,7 @@ cr_status_t DORecord::GetUDCIDSizeList(std::map<unsigned long, unsigned long>& s
   }
   const uint64_t cid = GetDCID();
   const uint64_t body = GetDOSize();
-  const bool bigEndian = ListIsBigEndian(header_, GetBSize(), nudcid);
+  const bool bigEndian = ListIsBigEndian(header_, GetBSize());
   const unsigned char* section = DORecordHeaderStartUDCID(header_);
   try {
     sizes.clear();
@@ -558,7 +568,7 @@ unsigned int DORecord::GetUDCIDSize() const {
 
 bool DORecord::UniqueDCIDListIsBigEndian() const {
   const uint32_t nudcid = GetNudcid();
-  return nudcid != 0 && ListIsBigEndian(header_, GetBSize(), nudcid);
+  return nudcid != 0 && ListIsBigEndian(header_, GetBSize());
 }
 
 cr_status_t DORecord::GetUniqueDCIDEntry(unsigned int i, unsigned long* dcid,
@@ -567,7 +577,7 @@ cr_status_t DORecord::GetUniqueDCIDEntry(unsigned int i, unsigned long* dcid,
   const uint32_t nudcid = GetNudcid();
   if (i >= nudcid) return CR_STATUS_INVALID;
   const UDCIDEntry e = ReadEntry(DORecordHeaderStartUDCID(header_), i,
-                                 ListIsBigEndian(header_, GetBSize(), nudcid));
+                                 ListIsBigEndian(header_, GetBSize()));
   *dcid = e.dcid;
   *bytes = e.bytes;
   return CR_STATUS_SUCCESS;
@@ -577,7 +587,7 @@ unsigned int DORecord::GetUniqueDCIDChecksum() const {
   const uint32_t nudcid = GetNudcid();
   if (nudcid == 0) return 0;
   return InRecordOrder(Load<uint32_t>(DORecordHeaderStartUDCID(header_)),
-                       ListIsBigEndian(header_, GetBSize(), nudcid));
+                       ListIsBigEndian(header_, GetBSize()));
 }
 
 unsigned char* DORecord::GetBloom() const { return DORecordHeaderGetBloom(header_); }

@@ -594,13 +594,16 @@ std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
     found.push_back("header bytes 78-79 are " + HexEncode(own.reserved2, 2));
   }
   if (bloom) {
+    // Zero, or the mark of a list that stands big-endian.
     const unsigned char* zeros = r.GetBloomStart() + 4 + uint64_t{h->bsize};
-    if (std::any_of(zeros, zeros + 16, [](unsigned char c) { return c != 0; })) {
+    const bool marked = std::memcmp(zeros, crrecord::kBloomListBigEndianMark, 16) == 0;
+    if (!marked && std::any_of(zeros, zeros + 16, [](unsigned char c) { return c != 0; })) {
       found.push_back("the Bloom section's 16 reserved bytes are " + HexEncode(zeros, 16));
     }
   }
   checks.OkOrFailed("reserved", Join(found),
-                    bloom ? "header bytes 8-11 and 78-79 and the Bloom section's 16 bytes zero"
+                    bloom ? "header bytes 8-11 and 78-79 zero, the Bloom section's 16 bytes "
+                            "zero or the big-endian list's mark"
                           : "header bytes 8-11 and 78-79 zero");
 
   std::map<uint64_t, uint64_t> perContainer;
