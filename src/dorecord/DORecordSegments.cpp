@@ -75,7 +75,7 @@ const char kWrongOrder[] = "Data is probably in wrong byte order (host vs. netwo
 
 unsigned int DORecord::GetSegmentSize(unsigned int i) const {
   const unsigned char dotype = header_->dotype;
-  if (dotype == CR_DO_TYPE_ORIGINAL || dotype == CR_DO_TYPE_NO_SIZE) {
+  if (SizesDerived(dotype)) {
     // Every segment but the last has the nominal size; the last one takes
     // the rest of the file. Computed in 64 bits, handed out as 32.
     const uint64_t ssize = GetSsize();

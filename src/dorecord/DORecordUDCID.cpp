@@ -118,7 +118,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
       const unsigned int fpWidth = FingerprintWidth(fptype);
       const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
       const bool storedSizes = HasStoredSizes(dotype);
-      const bool derivedSizes = dotype == CR_DO_TYPE_ORIGINAL || dotype == CR_DO_TYPE_NO_SIZE;
+      const bool derivedSizes = SizesDerived(dotype);
       const uint64_t ssize = GetSsize();
       const uint32_t lastDerived = static_cast<uint32_t>(GetSize() - uint64_t{nfp - 1} * ssize);
       const unsigned char* sizeField = DORecordHeaderIndexOfSegment(header_, 0) + fpWidth;

@@ -44,6 +44,10 @@ inline SegmentCheck CheckOf(unsigned char dotype) {
   return l != nullptr ? l->check : SegmentCheck::kNone;
 }
 
+// Whether the segment sizes follow from size and ssize rather than being
+// stored.
+inline bool SizesDerived(unsigned char dotype) { return CheckOf(dotype) == SegmentCheck::kBound; }
+
 // Copies the fields of `count` entries from `src` (one entry every
 // srcStride bytes, starting at the first entry's fields) to `dst` (every
 // dstStride), byte-swapping each field: host order to big-endian and back,

@@ -149,11 +149,11 @@ void ShowSegments(const DORecord& r, uint64_t limit, std::ostream& out) {
   if (shown < h->nfp) out << ", the first " << shown << " shown (--all for every one)";
   out << "\n";
   if (shown == 0) return;
-  const bool sizes = dotype != CR_DO_TYPE_ORIGINAL && dotype != CR_DO_TYPE_NO_SIZE;
+  const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(dotype);
+  const bool sizes = layout == nullptr || layout->check != crrecord::SegmentCheck::kBound;
   out << "  " << PadLeft("#", 8) << "  " << Pad("fingerprint", fpWidth) << "  "
       << PadLeft(sizes ? "size" : "size*", 10);
   // The size column stands for every DO type; the other fields follow it.
-  const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(dotype);
   std::vector<crrecord::SegmentField> more;
   for (unsigned k = 0; layout != nullptr && k < layout->count; ++k) {
     if (layout->fields[k].field != crrecord::SegmentField::kSize) {
