@@ -41,7 +41,7 @@ enum class SegmentCheck : unsigned char {
 
 /// One field after the fingerprint.
 struct SegmentFieldSpec {
-  SegmentField field;
+  SegmentField field;   ///< which field
   unsigned char width;  ///< 4 or 8 bytes
   unsigned char at;     ///< bytes after the fingerprint
   const char* name;     ///< the field's name in text forms: size, offset, object_offset
@@ -49,13 +49,13 @@ struct SegmentFieldSpec {
 
 /// What one DO type's segment entries hold after the fingerprint, in order.
 struct DOTypeLayout {
-  unsigned char dotype;
-  SegmentCheck check;
+  unsigned char dotype;  ///< the DO type the row describes
+  SegmentCheck check;    ///< how its segment list is checked
   unsigned char count;  ///< fields used of `fields`
-  SegmentFieldSpec fields[2];
+  SegmentFieldSpec fields[2];  ///< the fields after the fingerprint, in order
   unsigned char width;  ///< bytes of all fields together
   const char* symbol;   ///< the DO type's constant, as messages name it
-  const char* description;
+  const char* description;  ///< what the entries carry, in words
 };
 
 /// Every DO type that has a record form, in DO-type order.
@@ -122,6 +122,7 @@ inline void StoreSegmentField(unsigned char* fields, const SegmentFieldSpec& f, 
   std::memcpy(fields + f.at, &v, 4);
 }
 
+/// @cond INTERNAL
 namespace detail {
 constexpr bool RowsAreSound() {
   for (unsigned int t = 0; t < sizeof kDOTypeLayouts / sizeof kDOTypeLayouts[0]; ++t) {
@@ -136,6 +137,7 @@ constexpr bool RowsAreSound() {
   return true;
 }
 }  // namespace detail
+/// @endcond
 static_assert(detail::RowsAreSound(),
               "rows in DO-type order, fields packed in order, width their sum");
 
