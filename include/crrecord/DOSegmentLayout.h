@@ -133,13 +133,23 @@ constexpr bool RowsAreSound() {
       at += l.fields[k].width;
     }
     if (l.dotype != t || l.width != at) return false;
+    // The checks read what they check: stored sizes first, a u64 offset.
+    const bool sizeFirst = l.count > 0 && l.fields[0].field == SegmentField::kSize;
+    if ((l.check == SegmentCheck::kSizeSum || l.check == SegmentCheck::kOrdered) != sizeFirst) {
+      return false;
+    }
+    const SegmentFieldSpec* offset = FindSegmentField(t, SegmentField::kOffset);
+    if ((l.check == SegmentCheck::kOrdered) != (offset != nullptr && offset->width == 8)) {
+      return false;
+    }
   }
   return true;
 }
 }  // namespace detail
 /// @endcond
 static_assert(detail::RowsAreSound(),
-              "rows in DO-type order, fields packed in order, width their sum");
+              "rows in DO-type order, fields packed in order, width their sum; sizes first "
+              "where a check sums or orders them, a u64 offset where it orders them");
 
 }  // namespace crrecord
 

@@ -258,7 +258,8 @@ void ScanSizes(const unsigned char* size, unsigned int stride, uint32_t count, u
 
 template <bool kSwap>
 void ScanSizesAndOffsets(const unsigned char* size, unsigned int offsetAt, unsigned int stride,
-                         uint32_t count, uint32_t* sizeBits, uint64_t* offsetBits, uint64_t* end, bool* ordered) {
+                         uint32_t count, uint32_t* sizeBits, uint64_t* offsetBits, uint64_t* end,
+                         bool* ordered) {
   uint32_t sb = *sizeBits;
   uint64_t ob = *offsetBits;
   uint64_t e = *end;

@@ -30,14 +30,14 @@ class SegmentListScan {
   bool Sound(uint64_t size, uint64_t ssize, uint32_t nfp) const;
 
  private:
-  bool invalid_;               // CR_DO_TYPE_INVALID: never sound
+  bool invalid_;  // CR_DO_TYPE_INVALID: never sound
   SegmentCheck check_;
   unsigned int entryWidth_;
   bool networkOrder_;
   bool subDO_;
-  bool readsEntries_;          // the entries carry sizes
-  unsigned int sizeAt_;        // the size's place in an entry
-  unsigned int offsetFromSize_;  // the offset's place after the size (ordered lists)
+  bool readsEntries_;            // the entries carry sizes
+  unsigned int sizeAt_;          // the size's place in an entry
+  unsigned int offsetFromSize_;  // the u64 offset's place after the size (ordered lists)
   uint32_t sizeBits_ = 0;    // OR of every size
   uint64_t offsetBits_ = 0;  // OR of every offset
   uint64_t sizeSum_ = 0;
