@@ -13,7 +13,7 @@
 namespace crrecord {
 
 // Fingerprint width in a record: 32 bytes for fingerprint type 3, else 16.
-inline unsigned int FingerprintWidth(unsigned char fptype) { return fptype == 3 ? 32 : 16; }
+inline unsigned int FingerprintWidth(unsigned char fptype) { return FingerprintSize(fptype); }
 
 // Width of the text field of a fingerprint in the serialized form and the
 // digest block: two characters per byte and a NUL.

@@ -87,17 +87,6 @@ void Row(std::ostream& out, const char* field, const std::string& value) {
 std::string WithBytes(uint64_t n) { return std::to_string(n) + " (" + HumanBytes(n) + ")"; }
 std::string WithTime(uint32_t t) { return std::to_string(t) + " (" + UtcTime(t) + ")"; }
 
-std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
-  crfp_digest_t digest{};
-  const unsigned width = fptype == CR_FP_TYPE_SHA256 ? 32 : 16;
-  std::memcpy(digest.digest, fp, width);
-  char text[65];
-  if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
-    return HexEncode(fp, width);
-  }
-  return text;
-}
-
 void ShowHeader(const DORecordHeader& h, std::ostream& out) {
   char flags[16];
   std::snprintf(flags, sizeof flags, "0x%04x", h.flags);

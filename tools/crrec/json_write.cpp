@@ -19,16 +19,6 @@ using json_layout::kSOFixed;
 using json_layout::kSOKey;
 using json_layout::kSOTrailer;
 
-std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
-  crfp_digest_t digest{};
-  std::memcpy(digest.digest, fp, FingerprintWidth(fptype));
-  char text[65];
-  if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
-    return HexEncode(fp, FingerprintWidth(fptype));
-  }
-  return text;
-}
-
 Json DOToJson(const Loaded& loaded) {
   const DORecord& r = *loaded.record;
   const DORecordHeader* h = r.GetHeader();  // also writes the reference section
