@@ -27,30 +27,30 @@ void SwapLoop(const unsigned char* src, unsigned int srcStride, unsigned char* d
   }
 }
 
+// Every row's fields have one of the shapes SwapSegmentFields has a loop
+// for: a u32, a u32 and a u64, or two u32s.
+constexpr bool ShapesHaveLoops() {
+  for (const DOTypeLayout& l : kDOTypeLayouts) {
+    if (l.count == 0) continue;
+    if (l.fields[0].width != 4) return false;
+    if (l.count == 2 && l.fields[1].width != 4 && l.fields[1].width != 8) return false;
+  }
+  return true;
+}
+static_assert(ShapesHaveLoops(), "a new shape of segment fields needs its loop here");
+
 }  // namespace
 
 void SwapSegmentFields(const unsigned char* src, unsigned int srcStride, unsigned char* dst,
                        unsigned int dstStride, uint32_t count, unsigned char dotype) {
   const DOTypeLayout* l = FindDOTypeLayout(dotype);
   if (l == nullptr || l->count == 0) return;
-  const unsigned first = l->fields[0].width;
+  // The rows' fields are packed in order, the first a u32 (ShapesHaveLoops),
+  // so the second starts 4 bytes in.
   const unsigned second = l->count > 1 ? l->fields[1].width : 0;
-  // The rows' fields are packed in order, so the second starts where the
-  // first ends.
-  if (first == 4 && second == 0) return SwapLoop<4, 0>(src, srcStride, dst, dstStride, count);
-  if (first == 4 && second == 8) return SwapLoop<4, 8>(src, srcStride, dst, dstStride, count);
-  if (first == 4 && second == 4) return SwapLoop<4, 4>(src, srcStride, dst, dstStride, count);
-  // A shape no row has yet, field by field.
-  for (uint32_t i = 0; i < count; ++i, src += srcStride, dst += dstStride) {
-    for (unsigned int k = 0; k < l->count; ++k) {
-      const SegmentFieldSpec& f = l->fields[k];
-      if (f.width == 8) {
-        CopySwapped<uint64_t>(src + f.at, dst + f.at);
-      } else {
-        CopySwapped<uint32_t>(src + f.at, dst + f.at);
-      }
-    }
-  }
+  if (second == 0) return SwapLoop<4, 0>(src, srcStride, dst, dstStride, count);
+  if (second == 8) return SwapLoop<4, 8>(src, srcStride, dst, dstStride, count);
+  SwapLoop<4, 4>(src, srcStride, dst, dstStride, count);
 }
 
 int WriteSerializedEntries(unsigned char* dst, const unsigned char* entry, uint32_t count,
