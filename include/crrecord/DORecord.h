@@ -91,9 +91,9 @@
 
 #include <boost/intrusive_ptr.hpp>
 
-#include "crrecord/DOSegmentLayout.h"
 #include "crrecord/Status.h"
 #include "crrecord/export.h"
+#include "crrecord/DOSegmentLayout.h"
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/tref.h"
 

@@ -86,9 +86,7 @@ constexpr uint64_t BloomSize(uint32_t bsize, uint32_t nudcid) {
 
 /// Bytes of one segment's fingerprint text field: 65 for fingerprint type
 /// 3, else 33.
-constexpr uint64_t FingerprintTextSize(unsigned int fptype) {
-  return 2 * uint64_t{FingerprintSize(fptype)} + 1;  // hex digits and a NUL
-}
+constexpr uint64_t FingerprintTextSize(unsigned int fptype) { return fptype == 3 ? 65 : 33; }
 
 /// Bytes after the fingerprint text in one segment entry: 4 for DO type 2,
 /// 12 for 3, 8 for 5, else 0 (the fields of DOSegmentLayout.h, big-endian).

@@ -76,10 +76,6 @@ constexpr DOTypeLayout kDOTypeLayouts[] = {
      8, "CR_DO_TYPE_4_BYTE_OFFSET", "segment sizes and 4-byte object offsets"},
 };
 
-/// Bytes of a segment's fingerprint in a record: 32 for fingerprint type 3,
-/// else 16.
-constexpr unsigned int FingerprintSize(unsigned int fptype) { return fptype == 3 ? 32 : 16; }
-
 /// The layout of DO type @p dotype; null for a DO type without one (6 and
 /// up, among them CR_DO_TYPE_INVALID).
 constexpr const DOTypeLayout* FindDOTypeLayout(unsigned int dotype) {

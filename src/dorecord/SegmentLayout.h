@@ -8,21 +8,15 @@
 #include <cstdint>
 
 #include "crrecord/DOSegmentLayout.h"
+#include "crrecord/common/FingerprintWidth.h"
 #include "crrecord/DORecordSerialized.h"
 
 namespace crrecord {
 
-// Fingerprint width in a record: 32 bytes for fingerprint type 3, else 16.
-inline unsigned int FingerprintWidth(unsigned char fptype) { return FingerprintSize(fptype); }
-
-// Width of the text field of a fingerprint in the serialized form and the
-// digest block: two characters per byte and a NUL.
-inline unsigned int FingerprintTextWidth(unsigned char fptype) {
-  static_assert(serialized::FingerprintTextSize(3) == 2 * 32 + 1 &&
-                    serialized::FingerprintTextSize(1) == 2 * 16 + 1,
-                "two characters per fingerprint byte and a NUL");
-  return static_cast<unsigned int>(serialized::FingerprintTextSize(fptype));
-}
+static_assert(serialized::FingerprintTextSize(3) == FingerprintTextWidth(3) &&
+                  serialized::FingerprintTextSize(1) == FingerprintTextWidth(1),
+              "the serialized form and the digest block hold fingerprint text in fields "
+              "of the text width");
 
 // Bytes after the fingerprint in one segment entry, the same in a record
 // and its serialized form. A DO type without a layout has none, so a loop

@@ -66,8 +66,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <crrecord/DOSegmentLayout.h>
-
 #include "load.h"
 
 namespace crrec {
@@ -94,7 +92,7 @@ namespace json_layout {
 constexpr unsigned kSOFixed = 96;   // a segment DB record's fixed part
 constexpr unsigned kSOTrailer = 8;  // the bytes after its fingerprints
 constexpr size_t kSOKey = 33;
-inline unsigned FingerprintWidth(unsigned fptype) { return crrecord::FingerprintSize(fptype); }
+inline unsigned FingerprintWidth(unsigned fptype) { return fptype == CR_FP_TYPE_SHA256 ? 32 : 16; }
 }  // namespace json_layout
 
 }  // namespace crrec

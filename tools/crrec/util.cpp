@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ctime>
 
-#include <crrecord/DOSegmentLayout.h>
+#include <crrecord/common/FingerprintWidth.h>
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/status.h>
 
@@ -38,10 +38,10 @@ void Usage(const std::string& where, const std::string& reason) {
 
 std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
   crfp_digest_t digest{};
-  std::memcpy(digest.digest, fp, crrecord::FingerprintSize(fptype));
+  std::memcpy(digest.digest, fp, crrecord::FingerprintWidth(fptype));
   char text[65];
   if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
-    return HexEncode(fp, crrecord::FingerprintSize(fptype));
+    return HexEncode(fp, crrecord::FingerprintWidth(fptype));
   }
   return text;
 }
