@@ -9,6 +9,7 @@
 
 #include "common/Adler32.h"
 #include "crrecord/common/Endian.h"
+#include "crrecord/common/FingerprintWidth.h"
 #include "crrecord/DORecord.h"
 #include "crrecord/DORecordSerialized.h"
 #include "dorecord/SegmentLayout.h"
@@ -24,6 +25,10 @@ constexpr unsigned int kBloomReservedBytes = sizeof kBloomListBigEndianMark;
 // as the serialized Bloom form carries it.
 constexpr unsigned int kUDCIDHead = serialized::kBloomListHead;
 constexpr unsigned int kUDCIDEntry = serialized::kBloomListEntry;
+
+static_assert(serialized::FingerprintTextSize(3) == FingerprintTextWidth(3) &&
+                  serialized::FingerprintTextSize(1) == FingerprintTextWidth(1),
+              "the serialized forms hold fingerprint text in fields of the text width");
 
 // Length of the unique-DCID section with n entries (0 when there is none).
 inline uint64_t UDCIDSectionSize(uint32_t n) {

@@ -13,11 +13,6 @@
 
 namespace crrecord {
 
-static_assert(serialized::FingerprintTextSize(3) == FingerprintTextWidth(3) &&
-                  serialized::FingerprintTextSize(1) == FingerprintTextWidth(1),
-              "the serialized form and the digest block hold fingerprint text in fields "
-              "of the text width");
-
 // Bytes after the fingerprint in one segment entry, the same in a record
 // and its serialized form. A DO type without a layout has none, so a loop
 // over its entries writes exactly what a size computed from this counts.
