@@ -123,6 +123,10 @@ TEST(CrrecVerify, EachDamageTheLibraryLetsThroughIsNamedByItsCheck) {
        f + "reserved: header bytes 78-79 are 0001"},
       {"Bloom reserved bytes", do4, [&](Image& b) { b[bloomZeros] = 7; },
        f + "reserved: the Bloom section's 16 reserved bytes are 07" + std::string(30, '0')},
+      {"Bloom reserved bytes: the big-endian mark and one more byte", do4,
+       [&](Image& b) { b[bloomZeros] = 'B', b[bloomZeros + 1] = 'E', b[bloomZeros + 15] = 1; },
+       f + "reserved: the Bloom section's 16 reserved bytes are 4245" + std::string(26, '0') +
+           "01"},
       {"ssize beyond 32 bits", do0, [](Image& b) { PutLe(b, 32, uint64_t{1} << 32, 8); },
        f + "size: ssize 4294967296 is no segment size (1 to 4294967295 bytes) for " +
            std::to_string(nfp0 - 1) + " segments but the last"},

@@ -108,7 +108,8 @@ TEST(DODeserialize, BloomFormKeepsLengthWordAndListAsTheyTravelled) {
   expected.le64(0).le64(10000).le64(4096).le32(headChecksum);
   expected.raw(record.get() + 44, 8);  // ctime, mtime: the time of reading
   expected.le32(0).le32(0).le32(2).le32(0).le32(0).le32(37).u8(1).u8(4).u8(0).u8(0);
-  expected.be32(37).raw(bitmap.data(), bitmap.size()).zeros(16);
+  // The reserved bytes say that the list stands big-endian.
+  expected.be32(37).raw(bitmap.data(), bitmap.size()).raw(crrecord::kBloomListBigEndianMark, 16);
   expected.raw(image.data() + 32 + 37, 8 + 16 * 2);  // checksum, count, entries: big-endian
   ASSERT_EQ(allocated, expected.size());
   EXPECT_EQ(crtest::Hex(record.get(), allocated), crtest::Hex(expected.data(), expected.size()));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -106,6 +107,13 @@ TEST(DORecordDigest, BloomRecordDigestsItsSpanInPlace) {
   // The Bloom type is looked at before the segment count.
   record->GetHeader()->nfp = 1;
   ExpectDigest(*record, 4, HashDO(span, 3), 900);
+
+  // AppendBloom byte-swaps the length word, and the digest follows the bytes.
+  std::map<unsigned long, unsigned long> seen;
+  ASSERT_EQ(record->AppendBloom(seen), 0u);
+  crtest::Bytes swapped;
+  swapped.be32(5).raw(bitmap.data(), 5).zeros(16).raw(unique.data(), unique.size());
+  ExpectDigest(*record, 4, HashDO(swapped, 3), 900);
 }
 
 TEST(DORecordDigest, RefusalsCarryTheirStatus) {

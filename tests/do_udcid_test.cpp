@@ -184,28 +184,40 @@ TEST(BloomUniqueDCIDList, ListIsSortedDeduplicatedAndNormalizedOnce) {
     const char* what;
     std::unique_ptr<DORecord> record;
     const char* word;  // the length word before normalizing
+    const char* mark;  // the Bloom section's reserved bytes before normalizing
     SizeMap seen, merged;
     std::vector<UEntry> sorted;
   };
+  const std::string zero(32, '0'), big = "4245" + std::string(28, '0');
   Case cases[] = {
       // A later entry of the same container replaces an earlier one.
       {"host order", crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}, {500, 3}}), "06000000",
-       {{1, 1}, {70, 9}}, {{1, 1}, {70, 2}, {500, 3}}, {{70, 2}, {500, 3}}},
+       zero.c_str(), {{1, 1}, {70, 9}}, {{1, 1}, {70, 2}, {500, 3}}, {{70, 2}, {500, 3}}},
       {"big-endian from the serialized form", BloomFromSerialized({{900, 7}, {80, 5}}),
-       "00000006", {{1, 1}, {80, 99}}, {{1, 1}, {80, 5}, {900, 7}}, {{80, 5}, {900, 7}}},
+       "00000006", big.c_str(), {{1, 1}, {80, 99}}, {{1, 1}, {80, 5}, {900, 7}},
+       {{80, 5}, {900, 7}}},
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.what);
     DORecord& record = *c.record;
-    ASSERT_EQ(RecordHex(record, kBloomWord, 4), c.word);
+    const std::string word = c.word;
+    const std::string swapped = word.substr(6, 2) + word.substr(4, 2) + word.substr(2, 2) +
+                                word.substr(0, 2);
+    ASSERT_EQ(RecordHex(record, kBloomWord, 4), word);
+    ASSERT_EQ(RecordHex(record, kBloomWord + 4 + 6, 16), c.mark);
+    // AppendBloom swaps the length word, each time, and reads the list in
+    // the order the reserved bytes mark, which it leaves alone.
     EXPECT_EQ(record.AppendBloom(c.seen), CR_STATUS_SUCCESS);
     EXPECT_EQ(c.seen, c.merged);
-    EXPECT_EQ(RecordHex(record, kBloomWord, 4), c.word);  // AppendBloom changes nothing
+    EXPECT_EQ(RecordHex(record, kBloomWord, 4), swapped);
+    EXPECT_EQ(RecordHex(record, kBloomWord + 4 + 6, 16), c.mark);
+    EXPECT_EQ(record.UniqueDCIDListIsBigEndian(), c.mark == big);
 
     ASSERT_EQ(record.AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
     EXPECT_EQ(record.GetNudcid(), 2u);
     EXPECT_EQ(record.GetHeaderSize(), kBloomSection + 40);
     EXPECT_EQ(RecordHex(record, kBloomWord, 4), "06000000");
+    EXPECT_EQ(RecordHex(record, kBloomWord + 4 + 6, 16), zero);
     EXPECT_EQ(RecordHex(record, kBloomSection, 40), SectionImage(c.sorted));
 
     const std::string once = WholeRecord(record);

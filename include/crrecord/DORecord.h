@@ -64,11 +64,15 @@
 ///   section, the whole Bloom section and the typed-reference section as they
 ///   are: the DCID getters hand out stored bytes, so they read the same in
 ///   both orders.
-/// - The Bloom section's length word doubles as the byte-order mark of a Bloom
-///   record's unique-DCID list: a record built from a bitmap holds both in
-///   host order; a record rebuilt from the serialized Bloom form holds both
-///   big-endian, as they travelled, until AppendBloomAndUniqueDCIDList turns
-///   them to host order. DORecordHeaderStartBFBitmap designates that word.
+/// - The Bloom section's 16 reserved bytes mark the byte order of a Bloom
+///   record's unique-DCID list: zero, the list stands in host order (a record
+///   built from a bitmap); kBloomListBigEndianMark, it stands big-endian, as
+///   it travelled (a record rebuilt from the serialized Bloom form), until
+///   AppendBloomAndUniqueDCIDList turns it to host order and clears the mark.
+///   The mark is not the length word, which DORecordHeaderStartBFBitmap
+///   designates: AppendBloom byte-swaps that word whatever the list's order,
+///   and AppendBloomAndUniqueDCIDList turns it back to host order when it
+///   finds it swapped.
 ///
 /// Unique-DCID section (all fields host order when built by this library):
 /// @code{.unparsed}
@@ -90,20 +94,10 @@
 #include "crrecord/RecordBuffer.h"
 #include "crrecord/Status.h"
 #include "crrecord/export.h"
+#include "crrecord/DOSegmentLayout.h"
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/tref.h"
 
-/// DO types (the header's dotype): what a segment entry holds after its
-/// fingerprint.
-enum : unsigned char {
-  CR_DO_TYPE_ORIGINAL = 0,       ///< nothing; sizes derived from size and ssize
-  CR_DO_TYPE_NO_SIZE = 1,        ///< as type 0; differs only in how the digest is formed
-  CR_DO_TYPE_NO_OFFSET = 2,      ///< u32 segment size
-  CR_DO_TYPE_8_BYTE_OFFSET = 3,  ///< u32 segment size, then u64 offset
-  CR_DO_TYPE_BLOOM_FILTER = 4,   ///< no segment list: a Bloom section instead
-  CR_DO_TYPE_4_BYTE_OFFSET = 5,  ///< u32 segment size, then u32 object offset
-  CR_DO_TYPE_INVALID = 255,      ///< marks an invalid record; refused by validation
-};
 
 /// The fixed header of a DO record buffer (80 bytes), drawn in DORecord.h.
 /// The sections follow it in the same buffer. Multi-byte fields stand in the
@@ -131,6 +125,35 @@ struct DORecordHeader {
   unsigned char dotype;        ///< DO type
   unsigned char reserved2[2];  ///< zero; pads the header to a multiple of 8
 };
+
+// The drawing above, held to the struct (LP64: unsigned long is 8 bytes).
+static_assert(sizeof(DORecordHeader) == 80, "the header is 80 bytes");
+static_assert(offsetof(DORecordHeader, type) == 0, "type at 0");
+static_assert(offsetof(DORecordHeader, flags) == 2, "flags at 2");
+static_assert(offsetof(DORecordHeader, recsize) == 4, "recsize at 4");
+static_assert(offsetof(DORecordHeader, reserved) == 8, "reserved at 8");
+static_assert(offsetof(DORecordHeader, checktime) == 12, "checktime at 12");
+static_assert(offsetof(DORecordHeader, CID) == 16, "CID at 16");
+static_assert(offsetof(DORecordHeader, size) == 24, "size at 24");
+static_assert(offsetof(DORecordHeader, ssize) == 32, "ssize at 32");
+static_assert(offsetof(DORecordHeader, CRC) == 40, "CRC at 40");
+static_assert(offsetof(DORecordHeader, ctime) == 44, "ctime at 44");
+static_assert(offsetof(DORecordHeader, mtime) == 48, "mtime at 48");
+static_assert(offsetof(DORecordHeader, ntaskid) == 52, "ntaskid at 52");
+static_assert(offsetof(DORecordHeader, nfp) == 56, "nfp at 56");
+static_assert(offsetof(DORecordHeader, nudcid) == 60, "nudcid at 60");
+static_assert(offsetof(DORecordHeader, nds) == 64, "nds at 64");
+static_assert(offsetof(DORecordHeader, trefsize) == 68, "trefsize at 68");
+static_assert(offsetof(DORecordHeader, bsize) == 72, "bsize at 72");
+static_assert(offsetof(DORecordHeader, fptype) == 76, "fptype at 76");
+static_assert(offsetof(DORecordHeader, dotype) == 77, "dotype at 77");
+static_assert(offsetof(DORecordHeader, reserved2) == 78, "reserved2 at 78");
+
+namespace crrecord {
+/// The Bloom section's 16 reserved bytes while the record's unique-DCID list
+/// stands big-endian (see the layout notes above); zero otherwise.
+constexpr unsigned char kBloomListBigEndianMark[16] = {'B', 'E'};
+}  // namespace crrecord
 
 /// Flags of a DO record.
 enum : unsigned short {
@@ -195,8 +218,8 @@ CRRECORD_API unsigned char* DORecordHeaderIndexOfDataSelection(const DORecordHea
 CRRECORD_API unsigned char* DORecordHeaderGetBloomStart(const DORecordHeader* h);
 /// The Bloom bitmap's first byte.
 CRRECORD_API unsigned char* DORecordHeaderGetBloom(const DORecordHeader* h);
-/// The Bloom section's length word, which marks the byte order of a Bloom
-/// record's unique-DCID list (see the layout notes above).
+/// The Bloom section's length word, which AppendBloom byte-swaps (see the
+/// layout notes above).
 CRRECORD_API unsigned char* DORecordHeaderStartBFBitmap(const DORecordHeader* h);
 /// The record's own identity: its container ID field (8 bytes, record
 /// order).
@@ -695,6 +718,9 @@ class CRRECORD_API DORecord {
   /// The object offset of segment @p i (DO type 5), else 0xFFFFFFFF.
   /// Unchecked index.
   unsigned int GetSegmentObjectOffset(unsigned int i) const;
+  /// Field @p f of segment @p i as its getter above gives it (for walking
+  /// the fields of FindDOTypeLayout). Unchecked index.
+  unsigned long GetSegmentField(unsigned int i, crrecord::SegmentField f) const;
   /// The fingerprint bytes of segment @p i inside the buffer (16 or 32).
   /// Unchecked index.
   const unsigned char* GetSegmentFP(unsigned int i) const;
@@ -790,8 +816,10 @@ class CRRECORD_API DORecord {
   /// ("%s: Invalid DCID %lu for SO %s at index %u."), both logged, the
   /// record unchanged; 22 when the buffer cannot grow.
   cr_status_t AppendBloomAndUniqueDCIDList();
-  /// Reads a Bloom DO record's big-endian unique-DCID list into @p dcids
-  /// (DCID to bytes), keeping what the map already held. Always returns 0.
+  /// Byte-swaps the word at DORecordHeaderStartBFBitmap and reads a Bloom DO
+  /// record's unique-DCID list into @p dcids (DCID to bytes), keeping what
+  /// the map already held. The list is read in the order its mark says, and
+  /// no further than the header's count of entries. Always returns 0.
   cr_status_t AppendBloom(std::map<unsigned long, unsigned long>& dcids);
   /// Fills @p sizes (cleared first) with the bytes the object occupies per
   /// container, the DO record itself charged to its own container. Returns
@@ -803,8 +831,8 @@ class CRRECORD_API DORecord {
   unsigned int GetUDCIDSize() const;
   /// Whether the unique-DCID list stands big-endian: only in a Bloom DO
   /// record rebuilt from the serialized Bloom form and not yet normalized
-  /// (AppendBloomAndUniqueDCIDList); the section's length word tells (see
-  /// the layout notes above). False without a list.
+  /// (AppendBloomAndUniqueDCIDList); the Bloom section's reserved bytes tell
+  /// (see the layout notes above). False without a list.
   bool UniqueDCIDListIsBigEndian() const;
   /// Entry @p i of the unique-DCID list as host values, in whichever byte
   /// order the list stands. Returns 0; 65 for a null pointer; 9 when @p i is

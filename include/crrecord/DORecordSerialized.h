@@ -35,6 +35,8 @@
 
 #include <cstdint>
 
+#include "crrecord/DOSegmentLayout.h"
+
 namespace crrecord {
 
 /// Offsets and widths of the serialized forms (see the drawing above).
@@ -87,10 +89,8 @@ constexpr uint64_t BloomSize(uint32_t bsize, uint32_t nudcid) {
 constexpr uint64_t FingerprintTextSize(unsigned int fptype) { return fptype == 3 ? 65 : 33; }
 
 /// Bytes after the fingerprint text in one segment entry: 4 for DO type 2,
-/// 12 for 3, 8 for 5, else 0.
-constexpr uint64_t EntryFieldsSize(unsigned int dotype) {
-  return dotype == 2 ? 4 : dotype == 3 ? 12 : dotype == 5 ? 8 : 0;
-}
+/// 12 for 3, 8 for 5, else 0 (the fields of DOSegmentLayout.h, big-endian).
+constexpr uint64_t EntryFieldsSize(unsigned int dotype) { return SegmentFieldsWidth(dotype); }
 
 /// Bytes that one segment takes in the serialized DO record: its entry and
 /// its DCID.

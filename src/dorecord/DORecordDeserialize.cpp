@@ -147,29 +147,7 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
                 "fingerprint text of segment %u is not %u hex digits and a NUL", done + bad,
                 textWidth - 1);
     }
-    const unsigned char* field = src + textWidth;
-    unsigned char* stored = entry + width;
-    switch (dotype) {
-      case CR_DO_TYPE_NO_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
-          Store(stored, LoadBE32(field));
-        }
-        break;
-      case CR_DO_TYPE_8_BYTE_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
-          Store(stored, LoadBE32(field));
-          Store(stored + 4, LoadBE64(field + 4));
-        }
-        break;
-      case CR_DO_TYPE_4_BYTE_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += inWidth, stored += entryWidth) {
-          Store(stored, LoadBE32(field));
-          Store(stored + 4, LoadBE32(field + 4));
-        }
-        break;
-      default:
-        break;
-    }
+    SwapSegmentFields(src + textWidth, inWidth, entry + width, entryWidth, n, dotype);
     if (scan != nullptr) scan->Scan(entry, n);
     if (streaming) {
       StreamCopy(entries + uint64_t{done} * entryWidth, staging, uint64_t{n} * entryWidth);
@@ -190,12 +168,12 @@ cr_status_t FillSegments(DORecordHeader* h, const unsigned char* in, unsigned ch
 }
 
 // The Bloom section. The length word and the unique-DCID block keep the
-// big-endian bytes they travelled in: the length word marks the list's byte
-// order until AppendBloomAndUniqueDCIDList turns both to host order.
+// big-endian bytes they travelled in, and the reserved bytes say so, until
+// AppendBloomAndUniqueDCIDList turns both to host order.
 void FillBloom(DORecordHeader* h, const unsigned char* in, const Plan& plan) {
   unsigned char* start = DORecordHeaderGetBloomStart(h);
   std::memcpy(start, in + kBloomLengthAt, 4 + uint64_t{plan.bsize});
-  std::memset(start + 4 + plan.bsize, 0, kBloomReservedBytes);
+  std::memcpy(start + 4 + plan.bsize, kBloomListBigEndianMark, kBloomReservedBytes);
   if (plan.nudcid != 0) {
     std::memcpy(DORecordHeaderStartUDCID(h), in + kBloomBitmapAt + plan.bsize,
                 UDCIDSectionSize(plan.nudcid));

@@ -73,32 +73,8 @@ void DigestSegmentList(const DORecordHeader* h, crfp_ctx_t* ctx, crfp_digest_t* 
     const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
     unsigned char* out = block.get() + uint64_t{done} * entryWidth;
     const unsigned char* piece = entry + uint64_t{done} * recordEntryWidth;
-    if (CRFPDigestsToStrings(piece, recordEntryWidth, fptype, reinterpret_cast<char*>(out),
-                             entryWidth, n) != 0) {
+    if (WriteSerializedEntries(out, piece, n, fptype, dotype) != 0) {
       ThrowStatus(LastOutsideStatus());
-    }
-    const unsigned char* field = piece + fpWidth;
-    out += textWidth;
-    switch (dotype) {
-      case CR_DO_TYPE_NO_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += recordEntryWidth, out += entryWidth) {
-          StoreBE32(out, Load<uint32_t>(field));
-        }
-        break;
-      case CR_DO_TYPE_8_BYTE_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += recordEntryWidth, out += entryWidth) {
-          StoreBE32(out, Load<uint32_t>(field));
-          StoreBE64(out + 4, Load<uint64_t>(field + 4));
-        }
-        break;
-      case CR_DO_TYPE_4_BYTE_OFFSET:
-        for (uint32_t i = 0; i < n; ++i, field += recordEntryWidth, out += entryWidth) {
-          StoreBE32(out, Load<uint32_t>(field));
-          StoreBE32(out + 4, Load<uint32_t>(field + 4));
-        }
-        break;
-      default:
-        break;
     }
   }
   AppendAll(ctx, block.get(), blockSize);

@@ -5,53 +5,30 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "common/Adler32.h"
 #include "crrecord/common/Endian.h"
 #include "crrecord/common/FingerprintWidth.h"
 #include "crrecord/DORecord.h"
 #include "crrecord/DORecordSerialized.h"
+#include "dorecord/SegmentLayout.h"
 
 namespace crrecord {
 
 constexpr uint16_t kDORecordType = 3;
-constexpr unsigned int kDOHeaderSize = 80;
+constexpr unsigned int kDOHeaderSize = sizeof(DORecordHeader);
 // The Bloom section: length word, bitmap, then these reserved bytes.
 constexpr unsigned int kBloomLengthWord = 4;
-constexpr unsigned int kBloomReservedBytes = 16;
-// The unique-DCID section: checksum word, count word, then 16-byte entries.
-constexpr unsigned int kUDCIDHead = 8;
-constexpr unsigned int kUDCIDEntry = 16;
-
-static_assert(sizeof(DORecordHeader) == kDOHeaderSize, "the header is 80 bytes");
-static_assert(offsetof(DORecordHeader, recsize) == 4, "recsize at 4");
-static_assert(offsetof(DORecordHeader, checktime) == 12, "checktime at 12");
-static_assert(offsetof(DORecordHeader, CID) == 16, "CID at 16");
-static_assert(offsetof(DORecordHeader, CRC) == 40, "CRC at 40");
-static_assert(offsetof(DORecordHeader, nfp) == 56, "nfp at 56");
-static_assert(offsetof(DORecordHeader, trefsize) == 68, "trefsize at 68");
-static_assert(offsetof(DORecordHeader, bsize) == 72, "bsize at 72");
-static_assert(offsetof(DORecordHeader, fptype) == 76, "fptype at 76");
-static_assert(offsetof(DORecordHeader, dotype) == 77, "dotype at 77");
+constexpr unsigned int kBloomReservedBytes = sizeof kBloomListBigEndianMark;
+// The unique-DCID section: checksum word, count word, then 16-byte entries,
+// as the serialized Bloom form carries it.
+constexpr unsigned int kUDCIDHead = serialized::kBloomListHead;
+constexpr unsigned int kUDCIDEntry = serialized::kBloomListEntry;
 
 static_assert(serialized::FingerprintTextSize(3) == FingerprintTextWidth(3) &&
                   serialized::FingerprintTextSize(1) == FingerprintTextWidth(1),
               "the serialized forms hold fingerprint text in fields of the text width");
-
-// Bytes after the fingerprint in one segment entry: a record holds the
-// same fields (size, u64 offset or u32 object offset) as its serialized form.
-inline unsigned int SegmentExtraWidth(unsigned char dotype) {
-  return static_cast<unsigned int>(serialized::EntryFieldsSize(dotype));
-}
-
-inline bool HasStoredSizes(unsigned char dotype) {
-  return dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
-         dotype == CR_DO_TYPE_4_BYTE_OFFSET;
-}
-
-inline unsigned int SegmentEntryWidth(unsigned char fptype, unsigned char dotype) {
-  return FingerprintWidth(fptype) + SegmentExtraWidth(dotype);
-}
 
 // Length of the unique-DCID section with n entries (0 when there is none).
 inline uint64_t UDCIDSectionSize(uint32_t n) {
@@ -79,24 +56,13 @@ inline HeaderCounts ReadCounts(const DORecordHeader* h) {
 
 
 // Whether a Bloom record's unique-DCID list stands big-endian, as a record
-// rebuilt from the serialized Bloom form holds it until it is normalized.
-// The length word tells, being bsize in the list's order; when bsize reads
-// the same both ways the count word tells, and then the checksum word.
-// `section` is the unique-DCID section, which must lie inside the record.
-inline bool BloomListIsBigEndian(uint32_t lengthWord, uint32_t bsize, const unsigned char* section,
-                                 uint32_t nudcid) {
-  auto tell = [](uint32_t stored, uint32_t expected, int* verdict) {
-    bool host = stored == expected, big = ByteSwap(stored) == expected;
-    if (host != big) *verdict = big ? 1 : 0;
-  };
-  int verdict = -1;
-  tell(lengthWord, bsize, &verdict);
-  if (verdict < 0 && nudcid != 0) tell(Load<uint32_t>(section + 4), nudcid, &verdict);
-  if (verdict < 0 && nudcid != 0) {
-    tell(Load<uint32_t>(section), Adler32(section + 4, 4 + uint64_t{kUDCIDEntry} * nudcid),
-         &verdict);
-  }
-  return verdict == 1;
+// rebuilt from the serialized Bloom form holds it until it is normalized:
+// its section's reserved bytes hold the mark (see DORecord.h). The length
+// word cannot tell, AppendBloom swapping it whatever the list's order.
+// `bsize` is the header's, as a host value.
+inline bool BloomListIsBigEndian(const DORecordHeader* h, uint32_t bsize) {
+  return std::memcmp(DORecordHeaderGetBloom(h) + bsize, kBloomListBigEndianMark,
+                     kBloomReservedBytes) == 0;
 }
 
 }  // namespace crrecord

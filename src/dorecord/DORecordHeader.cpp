@@ -171,8 +171,7 @@ cr_status_t DORecordHeaderValidate(const DORecordHeader* h, unsigned int length,
     // A Bloom record rebuilt from its serialized form keeps its list
     // big-endian until it is normalized; every other list is host order.
     const bool bigEndianList =
-        bloom && BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderGetBloomStart(h)), c.bsize,
-                                      section, c.nudcid);
+        bloom && BloomListIsBigEndian(h, c.bsize);
     const uint32_t checksum = InRecordOrder(Load<uint32_t>(section), bigEndianList);
     const uint32_t count = InRecordOrder(Load<uint32_t>(section + 4), bigEndianList);
     const uint32_t computed =
@@ -213,17 +212,9 @@ void ConvertRecord(DORecordHeader* h, const HeaderCounts& c) {
   for (uint32_t i = 0; i < c.ntaskid; ++i, p += 8) SwapInPlace<uint64_t>(p);
   for (uint32_t i = 0; i < c.nds; ++i, p += 4) SwapInPlace<uint32_t>(p);
 
-  if (!HasStoredSizes(h->dotype)) return;
   const unsigned int width = SegmentEntryWidth(h->fptype, h->dotype);
-  unsigned char* field = p + FingerprintWidth(h->fptype);  // the size of entry 0
-  for (uint32_t i = 0; i < c.nfp; ++i, field += width) {
-    SwapInPlace<uint32_t>(field);
-    if (h->dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
-      SwapInPlace<uint64_t>(field + 4);
-    } else if (h->dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
-      SwapInPlace<uint32_t>(field + 4);
-    }
-  }
+  unsigned char* fields = p + FingerprintWidth(h->fptype);  // the fields of entry 0
+  SwapSegmentFields(fields, width, fields, width, c.nfp, h->dotype);
 }
 
 HeaderCounts CountsInOrder(const DORecordHeader* h, bool net) {

@@ -55,16 +55,16 @@ const char kWrongOrder[] = "Data is probably in wrong byte order (host vs. netwo
   ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
 }
 
-[[noreturn]] void ThrowOrder(uint64_t i, uint64_t o, uint64_t end) {
+[[noreturn]] void ThrowOrder(const char* typeName, uint64_t i, uint64_t o, uint64_t end) {
   std::ostringstream m;
-  m << "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
+  m << "Segment list of DORecord " << typeName << " is corrupt. "
     << "Offset of segm. " << i << ":" << o << ". " << "Previous segm. end:" << end << ".";
   ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
 }
 
-[[noreturn]] void ThrowEnd(uint64_t size, uint64_t end) {
+[[noreturn]] void ThrowEnd(const char* typeName, uint64_t size, uint64_t end) {
   std::ostringstream m;
-  m << "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
+  m << "Segment list of DORecord " << typeName << " is corrupt. "
     << "Original file size:" << size << ". " << "End offset of last segment:" << end << ". ";
   ThrowComposed(CR_STATUS_CORRUPT_SEGMENTS, m);
 }
@@ -75,7 +75,7 @@ const char kWrongOrder[] = "Data is probably in wrong byte order (host vs. netwo
 
 unsigned int DORecord::GetSegmentSize(unsigned int i) const {
   const unsigned char dotype = header_->dotype;
-  if (dotype == CR_DO_TYPE_ORIGINAL || dotype == CR_DO_TYPE_NO_SIZE) {
+  if (SizesDerived(dotype)) {
     // Every segment but the last has the nominal size; the last one takes
     // the rest of the file. Computed in 64 bits, handed out as 32.
     const uint64_t ssize = GetSsize();
@@ -90,14 +90,26 @@ unsigned int DORecord::GetSegmentSize(unsigned int i) const {
 }
 
 unsigned long DORecord::GetSegmentOffset(unsigned int i) const {
-  if (header_->dotype != CR_DO_TYPE_8_BYTE_OFFSET) return kNoSegmentOffset;
+  if (!FindSegmentField(header_->dotype, SegmentField::kOffset)) return kNoSegmentOffset;
   return LoadOrdered<uint64_t>(DORecordHeaderIndexOfSegmentOffset(header_, i), networkOrder_);
 }
 
 unsigned int DORecord::GetSegmentObjectOffset(unsigned int i) const {
-  if (header_->dotype != CR_DO_TYPE_4_BYTE_OFFSET) return kNoSegmentSize;
+  if (!FindSegmentField(header_->dotype, SegmentField::kObjectOffset)) return kNoSegmentSize;
   return LoadOrdered<uint32_t>(DORecordHeaderIndexOfSegmentObjectOffset(header_, i),
                                networkOrder_);
+}
+
+unsigned long DORecord::GetSegmentField(unsigned int i, crrecord::SegmentField f) const {
+  switch (f) {
+    case SegmentField::kSize:
+      return GetSegmentSize(i);
+    case SegmentField::kOffset:
+      return GetSegmentOffset(i);
+    case SegmentField::kObjectOffset:
+      return GetSegmentObjectOffset(i);
+  }
+  return kNoSegmentOffset;
 }
 
 const unsigned char* DORecord::GetSegmentFP(unsigned int i) const {
@@ -133,14 +145,14 @@ void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
 }
 
 void DORecord::SetSegmentOffset(unsigned int i, unsigned long offset) {
-  if (header_->dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
+  if (FindSegmentField(header_->dotype, SegmentField::kOffset)) {
     Store<uint64_t>(DORecordHeaderIndexOfSegmentOffset(header_, i), offset);
   }
   handleUpdate();
 }
 
 void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {
-  if (header_->dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
+  if (FindSegmentField(header_->dotype, SegmentField::kObjectOffset)) {
     Store<uint32_t>(DORecordHeaderIndexOfSegmentObjectOffset(header_, i), offset);
   }
   handleUpdate();
@@ -186,47 +198,40 @@ void CheckByPasses(const DORecord& r) {
   const unsigned char dotype = r.GetDOType();
   const uint32_t nfp = r.GetNfp();
   const uint64_t size = r.GetSize();
-  switch (dotype) {
-    case CR_DO_TYPE_INVALID:
-      ThrowFixed(CR_STATUS_INVALID, "invalid DO type");
-
-    case CR_DO_TYPE_ORIGINAL:
-    case CR_DO_TYPE_NO_SIZE: {
+  if (dotype == CR_DO_TYPE_INVALID) ThrowFixed(CR_STATUS_INVALID, "invalid DO type");
+  switch (CheckOf(dotype)) {
+    case SegmentCheck::kBound: {
       // Only an upper bound: the last segment may be shorter than ssize.
       const uint64_t bound = uint64_t{nfp} * r.GetSsize();
       if (size > bound) ThrowTotalSize(size, bound);
       return;
     }
 
-    case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET: {
+    case SegmentCheck::kSizeSum: {
       r.checkSegmentSizeEndiannes();
       uint64_t sum = 0;
       for (uint32_t i = 0; i < nfp; ++i) sum += r.GetSegmentSize(i);
-      if (sum != size) {
-        ThrowSizeSum(dotype == CR_DO_TYPE_NO_OFFSET ? "CR_DO_TYPE_NO_OFFSET"
-                                                    : "CR_DO_TYPE_4_BYTE_OFFSET",
-                     size, sum);
-      }
+      if (sum != size) ThrowSizeSum(FindDOTypeLayout(dotype)->symbol, size, sum);
       return;
     }
 
-    case CR_DO_TYPE_8_BYTE_OFFSET: {
+    case SegmentCheck::kOrdered: {
       r.checkSegmentSizeEndiannes();
       r.checkSegmentOffsetEndiannes();
       // Segments may leave gaps but may not overlap; a zero-size segment may
       // share its offset with the next one.
+      const char* typeName = FindDOTypeLayout(dotype)->symbol;
       uint64_t end = 0;
       for (uint32_t i = 0; i < nfp; ++i) {
         const uint64_t o = r.GetSegmentOffset(i);
-        if (o < end) ThrowOrder(i, o, end);
+        if (o < end) ThrowOrder(typeName, i, o, end);
         end = o + r.GetSegmentSize(i);
       }
-      if (end > size) ThrowEnd(size, end);
+      if (end > size) ThrowEnd(typeName, size, end);
       return;
     }
 
-    default:  // Bloom DO records and DO types without a segment list
+    case SegmentCheck::kNone:  // Bloom DO records and DO types without a segment list
       return;
   }
 }
@@ -252,15 +257,16 @@ void ScanSizes(const unsigned char* size, unsigned int stride, uint32_t count, u
 }
 
 template <bool kSwap>
-void ScanSizesAndOffsets(const unsigned char* size, unsigned int stride, uint32_t count,
-                         uint32_t* sizeBits, uint64_t* offsetBits, uint64_t* end, bool* ordered) {
+void ScanSizesAndOffsets(const unsigned char* size, unsigned int offsetAt, unsigned int stride,
+                         uint32_t count, uint32_t* sizeBits, uint64_t* offsetBits, uint64_t* end,
+                         bool* ordered) {
   uint32_t sb = *sizeBits;
   uint64_t ob = *offsetBits;
   uint64_t e = *end;
   bool inOrder = *ordered;
   for (uint32_t i = 0; i < count; ++i, size += stride) {
     const uint32_t s = Field<kSwap, uint32_t>(size);
-    const uint64_t o = Field<kSwap, uint64_t>(size + 4);
+    const uint64_t o = Field<kSwap, uint64_t>(size + offsetAt);
     sb |= s;
     ob |= o;
     inOrder &= o >= e;
@@ -278,23 +284,29 @@ namespace crrecord {
 
 SegmentListScan::SegmentListScan(unsigned char dotype, unsigned char fptype, bool networkOrder,
                                  bool subDO)
-    : dotype_(dotype),
-      fpWidth_(FingerprintWidth(fptype)),
+    : invalid_(dotype == CR_DO_TYPE_INVALID),
+      check_(CheckOf(dotype)),
       entryWidth_(SegmentEntryWidth(fptype, dotype)),
       networkOrder_(networkOrder),
-      subDO_(subDO),
-      readsEntries_(HasStoredSizes(dotype)) {}
+      subDO_(subDO) {
+  const SegmentFieldSpec* size = FindSegmentField(dotype, SegmentField::kSize);
+  const SegmentFieldSpec* offset = FindSegmentField(dotype, SegmentField::kOffset);
+  readsEntries_ = size != nullptr;
+  sizeAt_ = FingerprintWidth(fptype) + (size != nullptr ? size->at : 0);
+  // An ordered list's offsets are u64 fields after the sizes.
+  offsetFromSize_ = offset != nullptr && size != nullptr ? offset->at - size->at : 0;
+}
 
 void SegmentListScan::Scan(const unsigned char* entries, uint32_t count) {
   if (!readsEntries_ || count == 0) return;
-  const unsigned char* size = entries + fpWidth_;
-  if (dotype_ == CR_DO_TYPE_8_BYTE_OFFSET) {
+  const unsigned char* size = entries + sizeAt_;
+  if (check_ == SegmentCheck::kOrdered) {
     if (networkOrder_) {
-      ScanSizesAndOffsets<true>(size, entryWidth_, count, &sizeBits_, &offsetBits_, &end_,
-                                &ordered_);
+      ScanSizesAndOffsets<true>(size, offsetFromSize_, entryWidth_, count, &sizeBits_,
+                                &offsetBits_, &end_, &ordered_);
     } else {
-      ScanSizesAndOffsets<false>(size, entryWidth_, count, &sizeBits_, &offsetBits_, &end_,
-                                 &ordered_);
+      ScanSizesAndOffsets<false>(size, offsetFromSize_, entryWidth_, count, &sizeBits_,
+                                 &offsetBits_, &end_, &ordered_);
     }
   } else if (networkOrder_) {
     ScanSizes<true>(size, entryWidth_, count, &sizeBits_, &sizeSum_);
@@ -305,20 +317,18 @@ void SegmentListScan::Scan(const unsigned char* entries, uint32_t count) {
 
 bool SegmentListScan::Sound(uint64_t size, uint64_t ssize, uint32_t nfp) const {
   const bool sizesSane = subDO_ || (sizeBits_ & kSizeMagnitudeBit) == 0;
-  switch (dotype_) {
-    case CR_DO_TYPE_INVALID:
-      return false;
-    case CR_DO_TYPE_ORIGINAL:
-    case CR_DO_TYPE_NO_SIZE:
+  if (invalid_) return false;
+  switch (check_) {
+    case SegmentCheck::kBound:
       return size <= uint64_t{nfp} * ssize;
-    case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET:
+    case SegmentCheck::kSizeSum:
       return sizesSane && sizeSum_ == size;
-    case CR_DO_TYPE_8_BYTE_OFFSET:
+    case SegmentCheck::kOrdered:
       return sizesSane && (offsetBits_ & kOffsetMagnitudeBit) == 0 && ordered_ && end_ <= size;
-    default:
+    case SegmentCheck::kNone:
       return true;
   }
+  return true;
 }
 
 }  // namespace crrecord

@@ -42,38 +42,12 @@ constexpr unsigned int kMaxOutWidth = 65 + 12;
 // DO type's fields, big-endian.
 void WriteEntries(unsigned char* dst, const unsigned char* entry, uint32_t count,
                   unsigned char fptype, unsigned char dotype) {
-  const unsigned int width = FingerprintWidth(fptype);
-  const unsigned int textWidth = FingerprintTextWidth(fptype);
-  const unsigned int extra = SegmentExtraWidth(dotype);
-  const unsigned int entryWidth = width + extra;
-  const unsigned int outWidth = textWidth + extra;
-  if (CRFPDigestsToStrings(entry, entryWidth, fptype, reinterpret_cast<char*>(dst), outWidth,
-                           count) != 0) {
+  if (WriteSerializedEntries(dst, entry, count, fptype, dotype) != 0) {
     // A fingerprint type without a text form leaves its fields zero.
-    for (uint32_t i = 0; i < count; ++i) std::memset(dst + uint64_t{i} * outWidth, 0, textWidth);
-  }
-  const unsigned char* stored = entry + width;
-  unsigned char* field = dst + textWidth;
-  switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET:
-      for (uint32_t i = 0; i < count; ++i, stored += entryWidth, field += outWidth) {
-        StoreBE32(field, Load<uint32_t>(stored));
-      }
-      break;
-    case CR_DO_TYPE_8_BYTE_OFFSET:
-      for (uint32_t i = 0; i < count; ++i, stored += entryWidth, field += outWidth) {
-        StoreBE32(field, Load<uint32_t>(stored));
-        StoreBE64(field + 4, Load<uint64_t>(stored + 4));
-      }
-      break;
-    case CR_DO_TYPE_4_BYTE_OFFSET:
-      for (uint32_t i = 0; i < count; ++i, stored += entryWidth, field += outWidth) {
-        StoreBE32(field, Load<uint32_t>(stored));
-        StoreBE32(field + 4, Load<uint32_t>(stored + 4));
-      }
-      break;
-    default:
-      break;
+    const unsigned int outWidth = FingerprintTextWidth(fptype) + SegmentExtraWidth(dotype);
+    for (uint32_t i = 0; i < count; ++i) {
+      std::memset(dst + uint64_t{i} * outWidth, 0, FingerprintTextWidth(fptype));
+    }
   }
 }
 
@@ -180,8 +154,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
     // A record built from a bitmap holds its list in host order, one rebuilt
     // from this form holds it as it travelled; read it in the order it has,
     // so that a rebuilt record serializes to the bytes it came from.
-    const bool bigEndian = BloomListIsBigEndian(Load<uint32_t>(DORecordHeaderStartBFBitmap(h)),
-                                                bsize, section, nudcid);
+    const bool bigEndian = BloomListIsBigEndian(h, bsize);
     const unsigned char* src = section + kUDCIDHead;
     unsigned char* dst = block + kBloomListHead;
     const uint64_t entryBytes = uint64_t{kUDCIDEntry} * nudcid;

@@ -93,7 +93,10 @@ class LineWriter {
     std::memcpy(buffer_ + used_, text, n);
     used_ += n;
   }
-  void Number(uint64_t v) {
+  // One call of std::to_chars in the library: with more, the compiler may
+  // leave an instance of its digit writer out of line, which the library
+  // would then export.
+  __attribute__((noinline)) void Number(uint64_t v) {
     Reserve(20);
     used_ = static_cast<size_t>(std::to_chars(buffer_ + used_, buffer_ + sizeof buffer_, v).ptr -
                                 buffer_);
@@ -121,6 +124,8 @@ void WriteSegmentsFast(std::ostream& os, const DORecordHeader* h) {
   const uint32_t nfp = h->nfp;
   const unsigned int fpWidth = FingerprintWidth(fptype);
   const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
+  const DOTypeLayout* layout = FindDOTypeLayout(dotype);
+  const unsigned int nfields = layout != nullptr ? layout->count : 0;
   const size_t textLength = 2 * size_t{CRFPDigestSize(fptype)};  // 0 without a text form
   constexpr uint32_t kPiece = 128;
   char texts[kPiece][65];
@@ -139,17 +144,9 @@ void WriteSegmentsFast(std::ostream& os, const DORecordHeader* h) {
       out.Put('[');
       out.Put(texts[i], length);
       const unsigned char* field = entry + fpWidth;
-      if (HasStoredSizes(dotype)) {
+      for (unsigned int k = 0; k < nfields; ++k) {
         out.Put(',');
-        out.Number(Load<uint32_t>(field));
-      }
-      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
-        out.Put(',');
-        out.Number(Load<uint64_t>(field + 4));
-      }
-      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
-        out.Put(',');
-        out.Number(Load<uint32_t>(field + 4));
+        out.Number(LoadSegmentField(field, layout->fields[k]));
       }
       out.Put(']');
     }
@@ -171,6 +168,8 @@ void WriteSegmentsFormatted(std::ostream& os, const DORecordHeader* h) {
   const uint32_t nfp = h->nfp;
   const unsigned int fpWidth = FingerprintWidth(fptype);
   const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
+  const DOTypeLayout* layout = FindDOTypeLayout(dotype);
+  const unsigned int nfields = layout != nullptr ? layout->count : 0;
 
   os << '[';
   const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
@@ -179,9 +178,9 @@ void WriteSegmentsFormatted(std::ostream& os, const DORecordHeader* h) {
     os << '[';
     WriteFingerprint(os, entry, fptype);
     const unsigned char* field = entry + fpWidth;
-    if (HasStoredSizes(dotype)) os << ',' << Load<uint32_t>(field);
-    if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) os << ',' << Load<uint64_t>(field + 4);
-    if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) os << ',' << Load<uint32_t>(field + 4);
+    for (unsigned int k = 0; k < nfields; ++k) {
+      os << ',' << LoadSegmentField(field, layout->fields[k]);
+    }
     os << ']';
   }
   // The DCID list follows the last entry without a comma.

@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "crrecord/DOSegmentLayout.h"
+
 namespace crrecord {
 
 class SegmentListScan {
@@ -16,7 +18,7 @@ class SegmentListScan {
   // exempt from the magnitude test.
   SegmentListScan(unsigned char dotype, unsigned char fptype, bool networkOrder, bool subDO);
 
-  // Whether the list needs its entries scanned at all (DO types 2, 3, 5).
+  // Whether the list needs its entries scanned at all (the entries carry sizes).
   bool ReadsEntries() const { return readsEntries_; }
 
   // The next `count` entries of the list, in segment order. The first call
@@ -28,12 +30,14 @@ class SegmentListScan {
   bool Sound(uint64_t size, uint64_t ssize, uint32_t nfp) const;
 
  private:
-  unsigned char dotype_;
-  unsigned int fpWidth_;
+  bool invalid_;  // CR_DO_TYPE_INVALID: never sound
+  SegmentCheck check_;
   unsigned int entryWidth_;
   bool networkOrder_;
   bool subDO_;
-  bool readsEntries_;
+  bool readsEntries_;            // the entries carry sizes
+  unsigned int sizeAt_;          // the size's place in an entry
+  unsigned int offsetFromSize_;  // the u64 offset's place after the size (ordered lists)
   uint32_t sizeBits_ = 0;    // OR of every size
   uint64_t offsetBits_ = 0;  // OR of every offset
   uint64_t sizeSum_ = 0;

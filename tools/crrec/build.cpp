@@ -14,6 +14,7 @@
 #include <boost/crc.hpp>
 
 #include <crrecord/DORecord.h>
+#include <crrecord/DORecordSerialized.h>
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/status.h>
 
@@ -78,20 +79,6 @@ ContainerPlacer::Placement ContainerPlacer::Place(const unsigned char* fingerpri
 
 namespace {
 
-bool CarriesSizes(unsigned char dotype) {
-  return dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
-         dotype == CR_DO_TYPE_4_BYTE_OFFSET;
-}
-
-unsigned ExtraWidth(unsigned char dotype) {
-  switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET: return 4;
-    case CR_DO_TYPE_8_BYTE_OFFSET: return 12;
-    case CR_DO_TYPE_4_BYTE_OFFSET: return 8;
-    default: return 0;
-  }
-}
-
 // The unique-DCID block as the builders take it: checksum, count, entries,
 // all host order, entries in ascending DCID order.
 std::vector<unsigned char> UniqueDcidBlock(const std::map<uint64_t, uint64_t>& bytes) {
@@ -148,7 +135,13 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
   const Chunker chunker(o.chunking);
   const unsigned width = CRFPDigestSize(o.fptype);
   const bool bloom = o.dotype == CR_DO_TYPE_BLOOM_FILTER;
-  const unsigned entryWidth = width + ExtraWidth(o.dotype);
+  // A DO type the options let through has a layout (CheckBuildOptions).
+  static const crrecord::DOTypeLayout kNoFields{};
+  const crrecord::DOTypeLayout* found = crrecord::FindDOTypeLayout(o.dotype);
+  const crrecord::DOTypeLayout& layout = found != nullptr ? *found : kNoFields;
+  const bool objectOffsets =
+      crrecord::FindSegmentField(o.dotype, crrecord::SegmentField::kObjectOffset) != nullptr;
+  const unsigned entryWidth = width + layout.width;
 
   std::vector<unsigned char> segments;       // the interleaved segment list
   std::vector<unsigned long> dcids;          // one per segment
@@ -199,7 +192,7 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
         Unsound(name, "more segments than one record holds (" + std::to_string(stats.segments) +
                           "): use larger segments");
       }
-      if (o.dotype == CR_DO_TYPE_4_BYTE_OFFSET && offset > UINT32_MAX) {
+      if (objectOffsets && offset > UINT32_MAX) {
         Unsound(name, "DO type 5 keeps 32-bit object offsets and segment " +
                           std::to_string(stats.segments) + " starts at byte " +
                           std::to_string(offset) + ": use DO type 3");
@@ -207,13 +200,12 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
       size_t at = segments.size();
       segments.resize(at + entryWidth);
       std::memcpy(&segments[at], fp.digest, width);
-      if (CarriesSizes(o.dotype)) crrecord::Store<uint32_t>(&segments[at + width], size);
-      if (o.dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
-        crrecord::Store<uint64_t>(&segments[at + width + 4], offset);
-      } else if (o.dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
-        // The object offset: where the segment begins in the data object,
-        // the file, as for DO type 3 but in 32 bits.
-        crrecord::Store<uint32_t>(&segments[at + width + 4], static_cast<uint32_t>(offset));
+      // The object offset is where the segment begins in the data object,
+      // the file, as the offset is, cut to the field's width.
+      for (unsigned k = 0; k < layout.count; ++k) {
+        const crrecord::SegmentFieldSpec& f = layout.fields[k];
+        crrecord::StoreSegmentField(&segments[at + width], f,
+                                    f.field == crrecord::SegmentField::kSize ? size : offset);
       }
       dcids.push_back(where.dcid);
     }
@@ -320,9 +312,8 @@ void PrintBuildSummary(const std::string& name, const Built& built, const BuildO
   // The serialized size follows from the counts; no need to make the form.
   const uint64_t serialized =
       o.dotype == CR_DO_TYPE_BLOOM_FILTER
-          ? 56 + uint64_t{r.GetBSize()} + 16 * uint64_t{r.GetNudcid()}
-          : 29 + uint64_t{r.GetNfp()} *
-                     ((o.fptype == CR_FP_TYPE_SHA256 ? 65 : 33) + ExtraWidth(o.dotype) + 8);
+          ? crrecord::serialized::BloomSize(r.GetBSize(), r.GetNudcid())
+          : crrecord::serialized::RecordSize(r.GetNfp(), o.dotype, o.fptype);
   row("serialized", std::to_string(serialized) + " bytes");
   std::string digest;
   try {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <vector>
 #include <ostream>
 
 #include <crrecord/platform/fingerprint.h>
@@ -18,15 +19,8 @@
 namespace crrec {
 
 const char* DOTypeName(unsigned dotype) {
-  switch (dotype) {
-    case CR_DO_TYPE_ORIGINAL: return "original: fixed-size segments";
-    case CR_DO_TYPE_NO_SIZE: return "fixed-size segments";
-    case CR_DO_TYPE_NO_OFFSET: return "segment sizes";
-    case CR_DO_TYPE_8_BYTE_OFFSET: return "segment sizes and 8-byte offsets";
-    case CR_DO_TYPE_BLOOM_FILTER: return "Bloom filter";
-    case CR_DO_TYPE_4_BYTE_OFFSET: return "segment sizes and 4-byte object offsets";
-    default: return "unknown";
-  }
+  const crrecord::DOTypeLayout* l = crrecord::FindDOTypeLayout(dotype);
+  return l != nullptr ? l->description : "unknown";
 }
 
 const char* FPTypeName(unsigned fptype) {
@@ -93,17 +87,6 @@ void Row(std::ostream& out, const char* field, const std::string& value) {
 std::string WithBytes(uint64_t n) { return std::to_string(n) + " (" + HumanBytes(n) + ")"; }
 std::string WithTime(uint32_t t) { return std::to_string(t) + " (" + UtcTime(t) + ")"; }
 
-std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
-  crfp_digest_t digest{};
-  const unsigned width = fptype == CR_FP_TYPE_SHA256 ? 32 : 16;
-  std::memcpy(digest.digest, fp, width);
-  char text[65];
-  if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
-    return HexEncode(fp, width);
-  }
-  return text;
-}
-
 void ShowHeader(const DORecordHeader& h, std::ostream& out) {
   char flags[16];
   std::snprintf(flags, sizeof flags, "0x%04x", h.flags);
@@ -128,6 +111,24 @@ void ShowHeader(const DORecordHeader& h, std::ostream& out) {
   Row(out, "dotype", std::to_string(h.dotype) + " (" + DOTypeName(h.dotype) + ")");
 }
 
+namespace {
+
+struct Column {
+  const char* label;
+  unsigned width;
+};
+
+Column ColumnOf(crrecord::SegmentField f) {
+  switch (f) {
+    case crrecord::SegmentField::kOffset: return {"offset", 14};
+    case crrecord::SegmentField::kObjectOffset: return {"obj. offset", 11};
+    case crrecord::SegmentField::kSize: break;
+  }
+  return {"size", 10};
+}
+
+}  // namespace
+
 void ShowSegments(const DORecord& r, uint64_t limit, std::ostream& out) {
   const DORecordHeader* h = r.GetHeader();
   const unsigned char dotype = h->dotype;
@@ -137,22 +138,26 @@ void ShowSegments(const DORecord& r, uint64_t limit, std::ostream& out) {
   if (shown < h->nfp) out << ", the first " << shown << " shown (--all for every one)";
   out << "\n";
   if (shown == 0) return;
-  const bool sizes = dotype != CR_DO_TYPE_ORIGINAL && dotype != CR_DO_TYPE_NO_SIZE;
+  const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(dotype);
+  const bool sizes = layout == nullptr || layout->check != crrecord::SegmentCheck::kBound;
   out << "  " << PadLeft("#", 8) << "  " << Pad("fingerprint", fpWidth) << "  "
       << PadLeft(sizes ? "size" : "size*", 10);
-  if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) out << "  " << PadLeft("offset", 14);
-  if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) out << "  " << PadLeft("obj. offset", 11);
+  // The size column stands for every DO type; the other fields follow it.
+  std::vector<crrecord::SegmentField> more;
+  for (unsigned k = 0; layout != nullptr && k < layout->count; ++k) {
+    if (layout->fields[k].field != crrecord::SegmentField::kSize) {
+      more.push_back(layout->fields[k].field);
+    }
+  }
+  for (crrecord::SegmentField f : more) out << "  " << PadLeft(ColumnOf(f).label, ColumnOf(f).width);
   out << "  DCID\n";
   for (uint64_t i = 0; i < shown; ++i) {
     const unsigned int k = static_cast<unsigned int>(i);
     out << "  " << PadLeft(std::to_string(i), 8) << "  "
         << Pad(FingerprintText(r.GetSegmentFP(k), h->fptype), fpWidth) << "  "
         << PadLeft(std::to_string(r.GetSegmentSize(k)), 10);
-    if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
-      out << "  " << PadLeft(std::to_string(r.GetSegmentOffset(k)), 14);
-    }
-    if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
-      out << "  " << PadLeft(std::to_string(r.GetSegmentObjectOffset(k)), 11);
+    for (crrecord::SegmentField f : more) {
+      out << "  " << PadLeft(std::to_string(r.GetSegmentField(k, f)), ColumnOf(f).width);
     }
     out << "  " << r.GetSegmentDCID(k) << "\n";
   }
@@ -392,19 +397,18 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
   const DORecordHeader* h = r.GetHeader();
   const uint64_t size = h->size;
   const std::string sizeText = "size " + std::to_string(size);
-  switch (h->dotype) {
-    case CR_DO_TYPE_ORIGINAL:
-    case CR_DO_TYPE_NO_SIZE:
+  const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(h->dotype);
+  switch (layout != nullptr ? layout->check : crrecord::SegmentCheck::kNone) {
+    case crrecord::SegmentCheck::kBound:
       checks->OkOrFailed("size", DerivedSizesProblem(size, h->ssize, h->nfp),
                          sizeText + " and ssize " + std::to_string(h->ssize) +
                              ": every segment's size positive and within 32 bits");
       return;
-    case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET:
-    case CR_DO_TYPE_8_BYTE_OFFSET: {
-      // The library's own check lets DO type 3 end before size; the tool
-      // does not: bytes after the last segment would lie in no container.
-      const bool offsets = h->dotype == CR_DO_TYPE_8_BYTE_OFFSET;
+    case crrecord::SegmentCheck::kSizeSum:
+    case crrecord::SegmentCheck::kOrdered: {
+      // The library's own check lets an ordered list end before size; the
+      // tool does not: bytes after the last segment would lie in no container.
+      const bool offsets = layout->check == crrecord::SegmentCheck::kOrdered;
       uint64_t total = 0;
       bool wraps = false;
       for (uint32_t i = 0; i < h->nfp; ++i) {
@@ -421,7 +425,8 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
                          sizeText + ", " + what + "it");
       return;
     }
-    case CR_DO_TYPE_BLOOM_FILTER: {
+    case crrecord::SegmentCheck::kNone: {
+      if (h->dotype != CR_DO_TYPE_BLOOM_FILTER) break;
       if (unique.empty()) {
         checks->Add("size", Verdict::kNone, "no unique-DCID list to sum");
         return;
@@ -440,9 +445,8 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
                          sizeText + ", the unique-DCID byte counts sum to it");
       return;
     }
-    default:
-      checks->Add("size", Verdict::kNone, "DO type " + std::to_string(h->dotype));
   }
+  checks->Add("size", Verdict::kNone, "DO type " + std::to_string(h->dotype));
 }
 
 // Entries of at least 64, strictly ascending (so no container twice). The
@@ -579,13 +583,16 @@ std::vector<Check> CheckDO(const Loaded& loaded, const VerifyOptions& options) {
     found.push_back("header bytes 78-79 are " + HexEncode(own.reserved2, 2));
   }
   if (bloom) {
+    // Zero, or the mark of a list that stands big-endian.
     const unsigned char* zeros = r.GetBloomStart() + 4 + uint64_t{h->bsize};
-    if (std::any_of(zeros, zeros + 16, [](unsigned char c) { return c != 0; })) {
+    const bool marked = std::memcmp(zeros, crrecord::kBloomListBigEndianMark, 16) == 0;
+    if (!marked && std::any_of(zeros, zeros + 16, [](unsigned char c) { return c != 0; })) {
       found.push_back("the Bloom section's 16 reserved bytes are " + HexEncode(zeros, 16));
     }
   }
   checks.OkOrFailed("reserved", Join(found),
-                    bloom ? "header bytes 8-11 and 78-79 and the Bloom section's 16 bytes zero"
+                    bloom ? "header bytes 8-11 and 78-79 zero, the Bloom section's 16 bytes "
+                            "zero or the big-endian list's mark"
                           : "header bytes 8-11 and 78-79 zero");
 
   std::map<uint64_t, uint64_t> perContainer;

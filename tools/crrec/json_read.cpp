@@ -608,10 +608,7 @@ Loaded DOFromJson(const Reader& in, const Document& d, Form form) {
   }
 
   const unsigned width = FingerprintWidth(f.fptype);
-  const unsigned extra = f.dotype == CR_DO_TYPE_NO_OFFSET       ? 4
-                         : f.dotype == CR_DO_TYPE_8_BYTE_OFFSET ? 12
-                         : f.dotype == CR_DO_TYPE_4_BYTE_OFFSET ? 8
-                                                                : 0;
+  const unsigned extra = crrecord::SegmentFieldsWidth(f.dotype);
   std::vector<unsigned char> segments;
   std::vector<unsigned long> dcids;
   std::vector<unsigned char> bitmap;
@@ -635,23 +632,27 @@ Loaded DOFromJson(const Reader& in, const Document& d, Form form) {
       if (s.fpLength != width)
         in.Fail(sp + ".fp", "expected " + std::to_string(2 * width) + " hex digits");
       std::memcpy(entry, s.fp, width);
-      if (extra > 0) {
-        if (!s.hasSize) in.Fail(sp + ".size", "missing");
-        crrecord::Store<uint32_t>(entry + width, s.size);
-      } else if (s.hasSize) {
-        in.Fail(sp + ".size", type + " carries no segment size");
-      }
-      if (f.dotype == CR_DO_TYPE_8_BYTE_OFFSET) {
-        if (!s.hasOffset) in.Fail(sp + ".offset", "missing");
-        crrecord::Store<uint64_t>(entry + width + 4, s.offset);
-      } else if (s.hasOffset) {
-        in.Fail(sp + ".offset", type + " carries no offset");
-      }
-      if (f.dotype == CR_DO_TYPE_4_BYTE_OFFSET) {
-        if (!s.hasObjectOffset) in.Fail(sp + ".object_offset", "missing");
-        crrecord::Store<uint32_t>(entry + width + 4, s.objectOffset);
-      } else if (s.hasObjectOffset) {
-        in.Fail(sp + ".object_offset", type + " carries no object offset");
+      // Each field the DO type carries is required, and no other is allowed.
+      const struct {
+        crrecord::SegmentField field;
+        bool given;
+        uint64_t value;
+        const char* key;
+        const char* what;
+      } fields[] = {
+          {crrecord::SegmentField::kSize, s.hasSize, s.size, ".size", "segment size"},
+          {crrecord::SegmentField::kOffset, s.hasOffset, s.offset, ".offset", "offset"},
+          {crrecord::SegmentField::kObjectOffset, s.hasObjectOffset, s.objectOffset,
+           ".object_offset", "object offset"},
+      };
+      for (const auto& field : fields) {
+        const crrecord::SegmentFieldSpec* spec = crrecord::FindSegmentField(f.dotype, field.field);
+        if (spec != nullptr) {
+          if (!field.given) in.Fail(sp + field.key, "missing");
+          crrecord::StoreSegmentField(entry + width, *spec, field.value);
+        } else if (field.given) {
+          in.Fail(sp + field.key, type + " carries no " + field.what);
+        }
       }
       dcids[i] = s.dcid;
     }

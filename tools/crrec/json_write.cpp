@@ -19,16 +19,6 @@ using json_layout::kSOFixed;
 using json_layout::kSOKey;
 using json_layout::kSOTrailer;
 
-std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
-  crfp_digest_t digest{};
-  std::memcpy(digest.digest, fp, FingerprintWidth(fptype));
-  char text[65];
-  if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
-    return HexEncode(fp, FingerprintWidth(fptype));
-  }
-  return text;
-}
-
 Json DOToJson(const Loaded& loaded) {
   const DORecord& r = *loaded.record;
   const DORecordHeader* h = r.GetHeader();  // also writes the reference section
@@ -86,14 +76,14 @@ Json DOToJson(const Loaded& loaded) {
     j["bloom"]["bitmap"] = HexEncode(r.GetBloom(), h->bsize);
   } else {
     Json segments = Json::array();
-    const bool sizes = dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET ||
-                       dotype == CR_DO_TYPE_4_BYTE_OFFSET;
+    const crrecord::DOTypeLayout* layout = crrecord::FindDOTypeLayout(dotype);
+    const unsigned nfields = layout != nullptr ? layout->count : 0;
     for (unsigned int i = 0; i < h->nfp; ++i) {
       Json s;
       s["fp"] = FingerprintText(r.GetSegmentFP(i), fptype);
-      if (sizes) s["size"] = r.GetSegmentSize(i);
-      if (dotype == CR_DO_TYPE_8_BYTE_OFFSET) s["offset"] = r.GetSegmentOffset(i);
-      if (dotype == CR_DO_TYPE_4_BYTE_OFFSET) s["object_offset"] = r.GetSegmentObjectOffset(i);
+      for (unsigned k = 0; k < nfields; ++k) {
+        s[layout->fields[k].name] = r.GetSegmentField(i, layout->fields[k].field);
+      }
       s["dcid"] = r.GetSegmentDCID(i);
       segments.push_back(std::move(s));
     }

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <ctime>
 
+#include <crrecord/common/FingerprintWidth.h>
+#include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/status.h>
 
 namespace crrec {
@@ -32,6 +34,16 @@ void Unsound(const std::string& where, const std::string& reason) {
 
 void Usage(const std::string& where, const std::string& reason) {
   throw ToolError(kExitUsage, where, reason);
+}
+
+std::string FingerprintText(const unsigned char* fp, unsigned char fptype) {
+  crfp_digest_t digest{};
+  std::memcpy(digest.digest, fp, crrecord::FingerprintWidth(fptype));
+  char text[65];
+  if (CRFPDigestToString_r(&digest, fptype, text, sizeof text) == nullptr) {
+    return HexEncode(fp, crrecord::FingerprintWidth(fptype));
+  }
+  return text;
 }
 
 std::string HexEncode(const void* data, size_t n) {

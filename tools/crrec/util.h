@@ -53,6 +53,9 @@ class ToolError : public std::runtime_error {
 [[noreturn]] void Unsound(const std::string& where, const std::string& reason);
 [[noreturn]] void Usage(const std::string& where, const std::string& reason);
 
+// The text of a record's fingerprint of type fptype: the fingerprint
+// library's, or plain hex for a type it has no text for.
+std::string FingerprintText(const unsigned char* fp, unsigned char fptype);
 // Lower-case hex of n bytes.
 std::string HexEncode(const void* data, size_t n);
 // Hex digits of either case, an even number of them; false otherwise.
