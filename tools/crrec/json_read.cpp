@@ -21,10 +21,7 @@ namespace crrec {
 
 namespace {
 
-using json_layout::FingerprintWidth;
-using json_layout::kSOFixed;
-using json_layout::kSOKey;
-using json_layout::kSOTrailer;
+using namespace json_layout;  // the segment DB record's widths
 
 // The small values the reader keeps: not insertion-ordered, so that finding
 // or adding a member never costs more than a logarithm.

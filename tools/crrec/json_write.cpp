@@ -14,10 +14,7 @@ namespace crrec {
 
 namespace {
 
-using json_layout::FingerprintWidth;
-using json_layout::kSOFixed;
-using json_layout::kSOKey;
-using json_layout::kSOTrailer;
+using namespace json_layout;  // the segment DB record's widths
 
 Json DOToJson(const Loaded& loaded) {
   const DORecord& r = *loaded.record;
