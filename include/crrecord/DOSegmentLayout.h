@@ -40,7 +40,7 @@ enum class SegmentCheck : unsigned char {
 };
 
 /// One field after the fingerprint.
-struct SegmentFieldSpec {
+struct SegmentFieldLayout {
   SegmentField field;   ///< which field
   unsigned char width;  ///< 4 or 8 bytes
   unsigned char at;     ///< bytes after the fingerprint
@@ -52,7 +52,7 @@ struct DOTypeLayout {
   unsigned char dotype;  ///< the DO type the row describes
   SegmentCheck check;    ///< how its segment list is checked
   unsigned char count;  ///< fields used of `fields`
-  SegmentFieldSpec fields[2];  ///< the fields after the fingerprint, in order
+  SegmentFieldLayout fields[2];  ///< the fields after the fingerprint, in order
   unsigned char width;  ///< bytes of all fields together
   const char* symbol;   ///< the DO type's constant, as messages name it
   const char* description;  ///< what the entries carry, in words
@@ -90,7 +90,7 @@ constexpr unsigned int SegmentFieldsWidth(unsigned int dotype) {
 }
 
 /// The field @p f of DO type @p dotype, or null when its entries lack it.
-constexpr const SegmentFieldSpec* FindSegmentField(unsigned int dotype, SegmentField f) {
+constexpr const SegmentFieldLayout* FindSegmentField(unsigned int dotype, SegmentField f) {
   const DOTypeLayout* l = FindDOTypeLayout(dotype);
   for (unsigned int k = 0; l != nullptr && k < l->count; ++k) {
     if (l->fields[k].field == f) return &l->fields[k];
@@ -100,7 +100,7 @@ constexpr const SegmentFieldSpec* FindSegmentField(unsigned int dotype, SegmentF
 
 /// Field @p f of the entry whose fields start at @p fields, in the record's
 /// byte order; unaligned.
-inline uint64_t LoadSegmentField(const unsigned char* fields, const SegmentFieldSpec& f) {
+inline uint64_t LoadSegmentField(const unsigned char* fields, const SegmentFieldLayout& f) {
   if (f.width == 8) {
     uint64_t v;
     std::memcpy(&v, fields + f.at, 8);
@@ -113,7 +113,7 @@ inline uint64_t LoadSegmentField(const unsigned char* fields, const SegmentField
 
 /// Stores @p value, cut to the field's width, as field @p f of the entry
 /// whose fields start at @p fields; unaligned.
-inline void StoreSegmentField(unsigned char* fields, const SegmentFieldSpec& f, uint64_t value) {
+inline void StoreSegmentField(unsigned char* fields, const SegmentFieldLayout& f, uint64_t value) {
   if (f.width == 8) {
     std::memcpy(fields + f.at, &value, 8);
     return;
@@ -138,7 +138,7 @@ constexpr bool RowsAreSound() {
     if ((l.check == SegmentCheck::kSizeSum || l.check == SegmentCheck::kOrdered) != sizeFirst) {
       return false;
     }
-    const SegmentFieldSpec* offset = FindSegmentField(t, SegmentField::kOffset);
+    const SegmentFieldLayout* offset = FindSegmentField(t, SegmentField::kOffset);
     if ((l.check == SegmentCheck::kOrdered) != (offset != nullptr && offset->width == 8)) {
       return false;
     }

@@ -289,8 +289,8 @@ SegmentListScan::SegmentListScan(unsigned char dotype, unsigned char fptype, boo
       entryWidth_(SegmentEntryWidth(fptype, dotype)),
       networkOrder_(networkOrder),
       subDO_(subDO) {
-  const SegmentFieldSpec* size = FindSegmentField(dotype, SegmentField::kSize);
-  const SegmentFieldSpec* offset = FindSegmentField(dotype, SegmentField::kOffset);
+  const SegmentFieldLayout* size = FindSegmentField(dotype, SegmentField::kSize);
+  const SegmentFieldLayout* offset = FindSegmentField(dotype, SegmentField::kOffset);
   readsEntries_ = size != nullptr;
   sizeAt_ = FingerprintWidth(fptype) + (size != nullptr ? size->at : 0);
   // An ordered list's offsets are u64 fields after the sizes.

@@ -203,7 +203,7 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
       // The object offset is where the segment begins in the data object,
       // the file, as the offset is, cut to the field's width.
       for (unsigned k = 0; k < layout.count; ++k) {
-        const crrecord::SegmentFieldSpec& f = layout.fields[k];
+        const crrecord::SegmentFieldLayout& f = layout.fields[k];
         crrecord::StoreSegmentField(&segments[at + width], f,
                                     f.field == crrecord::SegmentField::kSize ? size : offset);
       }

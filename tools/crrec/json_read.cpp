@@ -643,10 +643,10 @@ Loaded DOFromJson(const Reader& in, const Document& d, Form form) {
            ".object_offset", "object offset"},
       };
       for (const auto& field : fields) {
-        const crrecord::SegmentFieldSpec* spec = crrecord::FindSegmentField(f.dotype, field.field);
-        if (spec != nullptr) {
+        const crrecord::SegmentFieldLayout* place = crrecord::FindSegmentField(f.dotype, field.field);
+        if (place != nullptr) {
           if (!field.given) in.Fail(sp + field.key, "missing");
-          crrecord::StoreSegmentField(entry + width, *spec, field.value);
+          crrecord::StoreSegmentField(entry + width, *place, field.value);
         } else if (field.given) {
           in.Fail(sp + field.key, type + " carries no " + field.what);
         }
