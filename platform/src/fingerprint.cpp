@@ -34,6 +34,14 @@ constexpr size_t kMaxHashSize = 32;
 
 void Fail(cr_status_t status) { *__cr_errno_location() = status; }
 
+// The digest size of a fingerprint type; 0, reported as invalid, for a type
+// this build does not know.
+size_t CheckedDigestSize(unsigned char fptype) {
+  const size_t size = CRFPDigestSize(fptype);
+  if (size == 0) Fail(CR_STATUS_INVALID);
+  return size;
+}
+
 bool IsMD5(unsigned char fptype) { return fptype == CR_FP_TYPE_MD5; }
 
 MD5_CTX* MD5State(crfp_ctx_t* ctx) {
@@ -109,6 +117,7 @@ int Finish(crfp_ctx_t* ctx, bool wholeDO) {
 }  // namespace
 }  // namespace crrecord
 
+using crrecord::CheckedDigestSize;
 using crrecord::Fail;
 
 bool CRFPTypeIsValid(unsigned char fptype) {
@@ -181,11 +190,8 @@ char* CRFPDigestToString_r(const crfp_digest_t* fp, unsigned char fptype, char* 
     Fail(CR_STATUS_MISSING_ARGUMENT);
     return nullptr;
   }
-  size_t size = CRFPDigestSize(fptype);
-  if (size == 0) {
-    Fail(CR_STATUS_INVALID);
-    return nullptr;
-  }
+  const size_t size = CheckedDigestSize(fptype);
+  if (size == 0) return nullptr;
   if (length < 2 * size + 1) {
     Fail(CR_STATUS_NO_ROOM);
     return nullptr;
@@ -201,11 +207,8 @@ crfp_digest_t* CRFPStringToDigest_r(const char* text, size_t length, unsigned ch
     Fail(CR_STATUS_MISSING_ARGUMENT);
     return nullptr;
   }
-  size_t size = CRFPDigestSize(fptype);
-  if (size == 0) {
-    Fail(CR_STATUS_INVALID);
-    return nullptr;
-  }
+  const size_t size = CheckedDigestSize(fptype);
+  if (size == 0) return nullptr;
   // Decoded aside so that *out is untouched on bad text.
   crfp_digest_t value = {};
   if (length != 2 * size || !crrecord::HexDecode(text, length, value.digest)) {

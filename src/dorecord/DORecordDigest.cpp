@@ -49,22 +49,18 @@ void FinishDigest(crfp_ctx_t* ctx, crfp_digest_t* digest) {
 // the entry arithmetic of the format gives them X = 0, and digesting what
 // they do carry is more useful to a caller than refusing them.
 void DigestSegmentList(const DORecordHeader* h, crfp_ctx_t* ctx, crfp_digest_t* digest) {
-  const unsigned char fptype = h->fptype;
-  const unsigned char dotype = h->dotype;
-  const uint32_t nfp = h->nfp;
-  const unsigned int fpWidth = FingerprintWidth(fptype);
-  const unsigned int textWidth = FingerprintTextWidth(fptype);
-  const unsigned int extra = SegmentExtraWidth(dotype);
-  const uint64_t entryWidth = textWidth + extra;
+  const SegmentListShape shape(h->fptype, h->dotype, h->nfp);
+  const uint32_t nfp = shape.nfp;
+  const uint64_t entryWidth = shape.outWidth();
   const uint64_t blockSize = uint64_t{nfp} * entryWidth;  // at most 2^32 * 77: no overflow
 
-  CheckFP(CRFPInitialize(ctx, fptype));
+  CheckFP(CRFPInitialize(ctx, shape.fptype));
   // One byte more than is fed, so that an empty list still has a buffer.
   BlockPtr block(static_cast<unsigned char*>(std::malloc(blockSize + 1)));
   if (!block) ThrowFixed(CR_STATUS_NO_MEMORY, "Failed to allocate memeory for DO buffer.");
 
   const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
-  const unsigned int recordEntryWidth = fpWidth + extra;
+  const unsigned int recordEntryWidth = shape.entryWidth();
   // A piece of the block at a time, texts (text and NUL fill the W-byte
   // field exactly) and then fields, so that each piece is written whole
   // while it is in the cache.
@@ -73,7 +69,7 @@ void DigestSegmentList(const DORecordHeader* h, crfp_ctx_t* ctx, crfp_digest_t* 
     const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
     unsigned char* out = block.get() + uint64_t{done} * entryWidth;
     const unsigned char* piece = entry + uint64_t{done} * recordEntryWidth;
-    if (WriteSerializedEntries(out, piece, n, fptype, dotype) != 0) {
+    if (WriteSerializedEntries(out, piece, n, shape.fptype, shape.dotype) != 0) {
       ThrowStatus(LastOutsideStatus());
     }
   }

@@ -41,12 +41,11 @@ constexpr unsigned int kMaxOutWidth = 65 + 12;
 // The entries of segments [first, first + count): text fields, then the
 // DO type's fields, big-endian.
 void WriteEntries(unsigned char* dst, const unsigned char* entry, uint32_t count,
-                  unsigned char fptype, unsigned char dotype) {
-  if (WriteSerializedEntries(dst, entry, count, fptype, dotype) != 0) {
+                  const SegmentListShape& shape) {
+  if (WriteSerializedEntries(dst, entry, count, shape.fptype, shape.dotype) != 0) {
     // A fingerprint type without a text form leaves its fields zero.
-    const unsigned int outWidth = FingerprintTextWidth(fptype) + SegmentExtraWidth(dotype);
     for (uint32_t i = 0; i < count; ++i) {
-      std::memset(dst + uint64_t{i} * outWidth, 0, FingerprintTextWidth(fptype));
+      std::memset(dst + uint64_t{i} * shape.outWidth(), 0, shape.textWidth);
     }
   }
 }
@@ -63,17 +62,13 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
   if (out == nullptr || outSize == nullptr) return CR_STATUS_MISSING_ARGUMENT;
 
   const DORecordHeader* h = header_;
-  const unsigned char fptype = h->fptype;
-  const unsigned char dotype = h->dotype;
-  const uint32_t nfp = h->nfp;
-  const unsigned int width = FingerprintWidth(fptype);
-  const unsigned int textWidth = FingerprintTextWidth(fptype);
   // A DO type without a serialized form (6 and up) gets no per-segment
   // fields, so the loop below writes exactly what this size counts.
-  const unsigned int extra = SegmentExtraWidth(dotype);
-  const unsigned int entryWidth = width + extra;
-  const unsigned int outWidth = textWidth + extra;
-  const uint64_t total = RecordSize(nfp, dotype, fptype);
+  const SegmentListShape shape(h->fptype, h->dotype, h->nfp);
+  const uint32_t nfp = shape.nfp;
+  const unsigned int entryWidth = shape.entryWidth();
+  const unsigned int outWidth = shape.outWidth();
+  const uint64_t total = RecordSize(nfp, shape.dotype, shape.fptype);
 
   // Zero-filled, as every buffer handed to a caller is; the text fields'
   // NULs and the closing zero byte are written below all the same.
@@ -99,7 +94,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
       const uint32_t n = nfp - done < kPiece ? nfp - done : kPiece;
       const uint64_t bytes = uint64_t{n} * outWidth;
       unsigned char* piece = streaming ? staging : dst;
-      WriteEntries(piece, entries + uint64_t{done} * entryWidth, n, fptype, dotype);
+      WriteEntries(piece, entries + uint64_t{done} * entryWidth, n, shape);
       if (checksum) adler = Adler32Update(adler, piece, bytes);
       if (streaming) StreamCopy(dst, staging, bytes);
       dst += bytes;

@@ -119,13 +119,11 @@ class LineWriter {
 // The segment list and DCID list of the text form, through a LineWriter.
 // Fingerprint texts are made a piece at a time by one batch call.
 void WriteSegmentsFast(std::ostream& os, const DORecordHeader* h) {
-  const unsigned char fptype = h->fptype;
-  const unsigned char dotype = h->dotype;
-  const uint32_t nfp = h->nfp;
-  const unsigned int fpWidth = FingerprintWidth(fptype);
-  const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
-  const DOTypeLayout* layout = FindDOTypeLayout(dotype);
-  const unsigned int nfields = layout != nullptr ? layout->count : 0;
+  const SegmentListShape shape(h->fptype, h->dotype, h->nfp);
+  const unsigned char fptype = shape.fptype;
+  const uint32_t nfp = shape.nfp;
+  const unsigned int entryWidth = shape.entryWidth();
+  const DOTypeLayout* layout = shape.layout;
   const size_t textLength = 2 * size_t{CRFPDigestSize(fptype)};  // 0 without a text form
   constexpr uint32_t kPiece = 128;
   char texts[kPiece][65];
@@ -143,8 +141,8 @@ void WriteSegmentsFast(std::ostream& os, const DORecordHeader* h) {
       if (done + i != 0) out.Put(',');
       out.Put('[');
       out.Put(texts[i], length);
-      const unsigned char* field = entry + fpWidth;
-      for (unsigned int k = 0; k < nfields; ++k) {
+      const unsigned char* field = entry + shape.fpWidth;
+      for (unsigned int k = 0; k < shape.fieldCount(); ++k) {
         out.Put(',');
         out.Number(LoadSegmentField(field, layout->fields[k]));
       }
@@ -163,13 +161,11 @@ void WriteSegmentsFast(std::ostream& os, const DORecordHeader* h) {
 
 // The same through the stream's own formatting, for streams set otherwise.
 void WriteSegmentsFormatted(std::ostream& os, const DORecordHeader* h) {
-  const unsigned char fptype = h->fptype;
-  const unsigned char dotype = h->dotype;
-  const uint32_t nfp = h->nfp;
-  const unsigned int fpWidth = FingerprintWidth(fptype);
-  const unsigned int entryWidth = SegmentEntryWidth(fptype, dotype);
-  const DOTypeLayout* layout = FindDOTypeLayout(dotype);
-  const unsigned int nfields = layout != nullptr ? layout->count : 0;
+  const SegmentListShape shape(h->fptype, h->dotype, h->nfp);
+  const unsigned char fptype = shape.fptype;
+  const uint32_t nfp = shape.nfp;
+  const unsigned int entryWidth = shape.entryWidth();
+  const DOTypeLayout* layout = shape.layout;
 
   os << '[';
   const unsigned char* entry = DORecordHeaderIndexOfSegment(h, 0);
@@ -177,8 +173,8 @@ void WriteSegmentsFormatted(std::ostream& os, const DORecordHeader* h) {
     if (i != 0) os << ',';
     os << '[';
     WriteFingerprint(os, entry, fptype);
-    const unsigned char* field = entry + fpWidth;
-    for (unsigned int k = 0; k < nfields; ++k) {
+    const unsigned char* field = entry + shape.fpWidth;
+    for (unsigned int k = 0; k < shape.fieldCount(); ++k) {
       os << ',' << LoadSegmentField(field, layout->fields[k]);
     }
     os << ']';

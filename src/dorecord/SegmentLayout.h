@@ -22,6 +22,33 @@ inline unsigned int SegmentEntryWidth(unsigned char fptype, unsigned char dotype
   return FingerprintWidth(fptype) + SegmentExtraWidth(dotype);
 }
 
+// The widths of one record's segment list, read once from its header by
+// every unit that walks the list (serializer, digest, text form).
+struct SegmentListShape {
+  SegmentListShape(unsigned char fp, unsigned char dt, uint32_t count)
+      : fptype(fp),
+        dotype(dt),
+        nfp(count),
+        fpWidth(FingerprintWidth(fp)),
+        textWidth(FingerprintTextWidth(fp)),
+        extra(SegmentExtraWidth(dt)),
+        layout(FindDOTypeLayout(dt)) {}
+
+  // Bytes of one entry in the record and in the serialized form.
+  unsigned int entryWidth() const { return fpWidth + extra; }
+  unsigned int outWidth() const { return textWidth + extra; }
+  // The fields after the fingerprint (none for a DO type without a layout).
+  unsigned int fieldCount() const { return layout != nullptr ? layout->count : 0; }
+
+  unsigned char fptype;
+  unsigned char dotype;
+  uint32_t nfp;
+  unsigned int fpWidth;
+  unsigned int textWidth;
+  unsigned int extra;
+  const DOTypeLayout* layout;
+};
+
 // Whether the entries carry the segment sizes.
 inline bool HasStoredSizes(unsigned char dotype) {
   return FindSegmentField(dotype, SegmentField::kSize) != nullptr;

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include <crrecord/DORecordSerialized.h>
+#include <crrecord/common/Checked.h>
 #include <crrecord/common/Endian.h>
 #include "util.h"
 
@@ -414,8 +415,7 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
       for (uint32_t i = 0; i < h->nfp; ++i) {
         const uint64_t base = offsets ? r.GetSegmentOffset(i) : total;
         const uint64_t length = r.GetSegmentSize(i);
-        wraps = wraps || base > UINT64_MAX - length;
-        total = base + length;
+        wraps = !crrecord::CheckedAdd(base, length, &total) || wraps;
       }
       const std::string what = offsets ? "the last segment ends at " : "the segment sizes sum to ";
       checks->OkOrFailed("size",
@@ -434,8 +434,7 @@ void CheckSize(const DORecord& r, const std::vector<std::pair<uint64_t, uint64_t
       uint64_t total = 0;
       bool wraps = false;
       for (const auto& e : unique) {
-        wraps = wraps || total > UINT64_MAX - e.second;
-        total += e.second;
+        wraps = !crrecord::CheckedAdd(total, e.second, &total) || wraps;
       }
       checks->OkOrFailed("size",
                          wraps ? "the unique-DCID byte counts sum beyond 2^64"

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include <crrecord/common/Checked.h>
 #include <crrecord/common/FingerprintWidth.h>
 #include <crrecord/platform/fingerprint.h>
 #include <crrecord/platform/status.h>
@@ -167,12 +168,16 @@ uint64_t ParseSize(const std::string& text) {
   }
   uint64_t value = 0;
   for (size_t i = 0; i < digits; ++i) {
-    uint64_t d = static_cast<uint64_t>(text[i] - '0');
-    if (value > (UINT64_MAX - d) / 10) throw std::invalid_argument(Quoted(text) + " is too large");
-    value = value * 10 + d;
+    const uint64_t d = static_cast<uint64_t>(text[i] - '0');
+    if (!crrecord::CheckedMul(value, uint64_t{10}, &value) ||
+        !crrecord::CheckedAdd(value, d, &value)) {
+      throw std::invalid_argument(Quoted(text) + " is too large");
+    }
   }
-  if (value > UINT64_MAX / scale) throw std::invalid_argument(Quoted(text) + " is too large");
-  return value * scale;
+  if (!crrecord::CheckedMul(value, scale, &value)) {
+    throw std::invalid_argument(Quoted(text) + " is too large");
+  }
+  return value;
 }
 
 std::string HumanBytes(uint64_t n) {
