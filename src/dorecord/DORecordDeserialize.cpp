@@ -42,6 +42,22 @@ struct Plan {
   uint32_t nudcid;
 };
 
+// A form's length against the length its `count` entries take: shorter is
+// truncated, longer is not the form.
+cr_status_t CheckExactLength(uint64_t length, uint64_t expected, uint32_t count,
+                             const char* entries) {
+  if (length < expected) {
+    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u %s need %lu", static_cast<unsigned long>(length),
+              count, entries, static_cast<unsigned long>(expected));
+  }
+  if (length > expected) {
+    CR_REFUSE(CR_STATUS_MALFORMED, "%lu bytes, %u %s take exactly %lu",
+              static_cast<unsigned long>(length), count, entries,
+              static_cast<unsigned long>(expected));
+  }
+  return CR_STATUS_SUCCESS;
+}
+
 // The checks of a serialized DO record that need no fingerprint conversion.
 cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char dotype,
                          unsigned char fptype, Plan* plan) {
@@ -49,14 +65,8 @@ cr_status_t PlanSegments(const unsigned char* in, uint64_t length, unsigned char
   const uint64_t entry = FingerprintTextSize(fptype) + EntryFieldsSize(dotype);
   // nfp < 2^32 and a segment takes at most 85 bytes, so this cannot wrap.
   const uint64_t expected = RecordSize(nfp, dotype, fptype);
-  if (length < expected) {
-    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u segments need %lu",
-              static_cast<unsigned long>(length), nfp, static_cast<unsigned long>(expected));
-  }
-  if (length > expected) {
-    CR_REFUSE(CR_STATUS_MALFORMED, "%lu bytes, %u segments take exactly %lu",
-              static_cast<unsigned long>(length), nfp, static_cast<unsigned long>(expected));
-  }
+  const cr_status_t exact = CheckExactLength(length, expected, nfp, "segments");
+  if (exact != CR_STATUS_SUCCESS) return exact;
   const uint64_t zeroAt = kHeadSize + uint64_t{nfp} * entry;
   if (in[zeroAt] != 0) {
     CR_REFUSE(CR_STATUS_MALFORMED, "byte %lu after the segment entries is %u, expected 0",
@@ -87,14 +97,8 @@ cr_status_t PlanBloom(const unsigned char* in, uint64_t length, unsigned char fp
   const uint32_t checksum = LoadBE32(in + block);
   const uint32_t nudcid = LoadBE32(in + block + 4);
   const uint64_t expected = BloomSize(bsize, nudcid);
-  if (length < expected) {
-    CR_REFUSE(CR_STATUS_TRUNCATED, "%lu bytes, %u unique DCIDs need %lu",
-              static_cast<unsigned long>(length), nudcid, static_cast<unsigned long>(expected));
-  }
-  if (length > expected) {
-    CR_REFUSE(CR_STATUS_MALFORMED, "%lu bytes, %u unique DCIDs take exactly %lu",
-              static_cast<unsigned long>(length), nudcid, static_cast<unsigned long>(expected));
-  }
+  const cr_status_t exact = CheckExactLength(length, expected, nudcid, "unique DCIDs");
+  if (exact != CR_STATUS_SUCCESS) return exact;
   // An empty list travels as eight zero bytes; a list is sealed by its own
   // Adler-32 over the count and the entries.
   const uint32_t computed =
