@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "crrecord/SOmarshall.h"
-#include "so_support.h"
+#include "images.h"
 
 // Lets the allocation-failure test ask for more memory than the machine has
 // and get null back, as the system allocator gives it, instead of an abort.
@@ -27,9 +27,11 @@ using crtest::LogCapture;
 using crtest::SoImage;
 using Rec = crtest::SoRec;
 
-struct Buffer : crtest::ExactBuffer {
-  using ExactBuffer::ExactBuffer;
-  _SegmentDBRecord* r() const { return as<_SegmentDBRecord>(); }
+struct Buffer {
+  explicit Buffer(const Bytes& b) : m(crtest::Block(b.size(), b.data())) {}
+  _SegmentDBRecord* r() const { return reinterpret_cast<_SegmentDBRecord*>(m.get()); }
+  std::vector<uint8_t> bytes(size_t n) const { return crtest::BytesAt(m.get(), n); }
+  crtest::Malloced m;
 };
 
 // Two task IDs and one 16-byte fingerprint: 104 + 16 + 16 = 136 bytes.

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "crrecord/SORecord.h"
-#include "so_support.h"
+#include "images.h"
 
 namespace {
 
