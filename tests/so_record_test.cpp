@@ -116,8 +116,8 @@ TEST(SORecord, ConstructorRefusesBadFlagsDCIDsAndFingerprintTypes) {
   }
   for (const Args& a : {Args{1, 64, 1}, Args{4, 64, 1}, Args{0x0200, 64, 1}, Args{0, 0, 1},
                         Args{0, 2, 1}, Args{0, 63, 1}, Args{0, 64, 0}, Args{0, 64, 4}}) {
-    EXPECT_EQ(crtest::Thrown([&] { SORecord(a.flags, a.dcid, 1, 1, MakeKey(0), 0, a.fptype); }),
-              crtest::Failure(9, ""))
+    const auto build = [&] { SORecord(a.flags, a.dcid, 1, 1, MakeKey(0), 0, a.fptype); };
+    EXPECT_EQ(crtest::Thrown(build), crtest::Failure(9, ""))
         << a.flags << "," << a.dcid << "," << int{a.fptype};
   }
 }
