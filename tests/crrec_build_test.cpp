@@ -9,7 +9,7 @@
 
 #include "build.h"
 #include "crrec_support.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "cli.h"
 #include "crrec_support.h"
 #include "json.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "load.h"
 #include "crrec_support.h"
 #include "sample.h"
-#include "so_support.h"
+#include "images.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include "examine.h"
 #include "json.h"
 #include "load.h"
-#include "so_support.h"
+#include "images.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "do_records.h"
+#include "images.h"
 
 namespace {
 

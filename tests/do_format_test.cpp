@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "common/Adler32.h"
-#include "do_records.h"
+#include "images.h"
 
 namespace {
 

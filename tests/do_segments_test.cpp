@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "do_records.h"
+#include "images.h"
 
 namespace {
 

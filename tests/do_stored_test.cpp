@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "do_records.h"
+#include "images.h"
 
 namespace {
 

@@ -24,8 +24,7 @@
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/status.h"
 #include "hex.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 using crrecord::Adler32Path;
 using crrecord::HexPath;

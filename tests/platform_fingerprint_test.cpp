@@ -13,7 +13,7 @@
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/status.h"
 #include "hex.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

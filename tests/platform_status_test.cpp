@@ -11,7 +11,7 @@
 
 #include "crrecord/platform/status.h"
 #include "status/Report.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "crrecord/platform/status.h"
 #include "crrecord/platform/tref.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

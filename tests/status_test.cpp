@@ -7,7 +7,7 @@
 
 #include "crrecord/Status.h"
 #include "status/Report.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

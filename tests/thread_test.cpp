@@ -18,8 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "crrecord/DORecord.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 

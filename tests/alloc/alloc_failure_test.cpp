@@ -31,8 +31,7 @@
 #include "crrecord/SORecord.h"
 #include "crrecord/SOmarshall.h"
 #include "error_format.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 
