@@ -1,13 +1,11 @@
-// The failing allocator: link-time wrappers of malloc, calloc, realloc and
-// free, and replacements of the global operator new and delete, sharing one
-// countdown and one live-allocation count (see failing_allocator.h).
+// The failing allocator (see failing_allocator.h): one countdown and one
+// live-allocation count shared by malloc, calloc, realloc, free and the
+// global operator new and delete.
 #include "alloc/failing_allocator.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
-#include <mutex>
 #include <new>
 
 extern "C" {
@@ -22,150 +20,75 @@ namespace {
 std::atomic<bool> gArmed{false};
 std::atomic<bool> gInjected{false};
 std::atomic<unsigned long> gFailAt{0};
-std::atomic<unsigned long> gFailCount{1};
+std::atomic<unsigned long> gWidth{1};
 std::atomic<unsigned long> gSeen{0};
 std::atomic<long> gLive{0};
-std::atomic<const char*> gFailedCall{""};
 
-// The TRef pool's blocks, told apart on release by their address. A fixed
-// table, since nothing here may allocate; the pool doubles its block size,
-// so it never holds more than a few dozen blocks.
-constexpr int kMaxPoolBlocks = 64;
-std::mutex gPoolMutex;
-void* gPoolBlocks[kMaxPoolBlocks];
-long gPoolBlockCount = 0;
-
-bool ShouldFail(const char* call) {
+bool ShouldFail() {
   if (!gArmed.load(std::memory_order_acquire)) return false;
   const unsigned long n = gSeen.fetch_add(1);
-  if (n < gFailAt.load() || n - gFailAt.load() >= gFailCount.load()) return false;
+  if (n < gFailAt.load() || n - gFailAt.load() >= gWidth.load()) return false;
   gInjected = true;
-  gFailedCall = call;
+  errno = ENOMEM;
   return true;
 }
 
-void* Allocate(size_t size) {
-  if (ShouldFail("new")) return nullptr;
-  void* p = __real_malloc(size != 0 ? size : 1);
+void* Counted(void* p) {
   if (p != nullptr) ++gLive;
   return p;
 }
 
-void Release(void* p) {
-  if (p == nullptr) return;
-  --gLive;
-  __real_free(p);
-}
-
-void RememberPoolBlock(void* p) {
-  std::lock_guard<std::mutex> lock(gPoolMutex);
-  for (void*& slot : gPoolBlocks) {
-    if (slot == nullptr) {
-      slot = p;
-      ++gPoolBlockCount;
-      return;
-    }
-  }
-  std::abort();  // more pool blocks than the table holds
-}
-
-// True when p was a pool block; it is one no longer.
-bool ForgetPoolBlock(void* p) {
-  std::lock_guard<std::mutex> lock(gPoolMutex);
-  for (void*& slot : gPoolBlocks) {
-    if (slot == p) {
-      slot = nullptr;
-      --gPoolBlockCount;
-      return true;
-    }
-  }
-  return false;
+void* NewBlock(size_t size) {
+  return ShouldFail() ? nullptr : Counted(__real_malloc(size != 0 ? size : 1));
 }
 
 }  // namespace
 
 extern "C" {
 
-void* __wrap_malloc(size_t size) {
-  if (ShouldFail("malloc")) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  void* p = __real_malloc(size);
-  if (p != nullptr) ++gLive;
-  return p;
-}
+void* __wrap_malloc(size_t size) { return ShouldFail() ? nullptr : Counted(__real_malloc(size)); }
 
 void* __wrap_calloc(size_t count, size_t size) {
-  if (ShouldFail("calloc")) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  void* p = __real_calloc(count, size);
-  if (p != nullptr) ++gLive;
-  return p;
+  return ShouldFail() ? nullptr : Counted(__real_calloc(count, size));
 }
 
 // A failed realloc leaves the old block as it was.
 void* __wrap_realloc(void* old, size_t size) {
-  if (ShouldFail("realloc")) {
-    errno = ENOMEM;
-    return nullptr;
-  }
+  if (ShouldFail()) return nullptr;
   void* p = __real_realloc(old, size);
   if (old == nullptr && p != nullptr) ++gLive;
   if (old != nullptr && size == 0 && p == nullptr) --gLive;  // glibc released it
   return p;
 }
 
-void __wrap_free(void* p) { Release(p); }
+void __wrap_free(void* p) {
+  if (p == nullptr) return;
+  --gLive;
+  __real_free(p);
+}
 
 }  // extern "C"
 
 void* operator new(size_t size) {
-  void* p = Allocate(size);
+  void* p = NewBlock(size);
   if (p == nullptr) throw std::bad_alloc();
   return p;
 }
-
-void* operator new[](size_t size) {
-  void* p = Allocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-
-// The TRef pool takes its blocks this way (boost's
-// default_user_allocator_new_delete).
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  void* p = Allocate(size);
-  if (p != nullptr) {
-    --gLive;
-    RememberPoolBlock(p);
-  }
-  return p;
-}
-
-void operator delete(void* p) noexcept { Release(p); }
-void operator delete(void* p, size_t) noexcept { Release(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { Release(p); }
-
-void operator delete[](void* p) noexcept {
-  if (p != nullptr && ForgetPoolBlock(p)) {
-    __real_free(p);  // never on the live count
-    return;
-  }
-  Release(p);
-}
-void operator delete[](void* p, size_t) noexcept { operator delete[](p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { operator delete[](p); }
+void* operator new[](size_t size) { return operator new(size); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return NewBlock(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return NewBlock(size); }
+void operator delete(void* p) noexcept { __wrap_free(p); }
+void operator delete[](void* p) noexcept { __wrap_free(p); }
+void operator delete(void* p, size_t) noexcept { __wrap_free(p); }
+void operator delete[](void* p, size_t) noexcept { __wrap_free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { __wrap_free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { __wrap_free(p); }
 
 namespace crtest {
 
-void FailAllocationAt(unsigned long k, unsigned long count) {
+void FailAllocationAt(unsigned long k, unsigned long width) {
   gFailAt = k;
-  gFailCount = count;
+  gWidth = width;
   gSeen = 0;
   gInjected = false;
   gArmed.store(true, std::memory_order_release);
@@ -178,13 +101,6 @@ bool StopFailingAllocations() {
 
 unsigned long AllocationsSinceArmed() { return gSeen.load(); }
 
-const char* FailedAllocationCall() { return gFailedCall.load(); }
-
 long LiveAllocations() { return gLive.load(); }
-
-long PoolBlocks() {
-  std::lock_guard<std::mutex> lock(gPoolMutex);
-  return gPoolBlockCount;
-}
 
 }  // namespace crtest
