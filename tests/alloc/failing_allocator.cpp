@@ -1,9 +1,8 @@
 // The failing allocator (see failing_allocator.h): one countdown and one
 // live-allocation count shared by malloc, calloc, realloc, free and the
-// global operator new and delete.
+// global operator new and delete. The tests run on one thread.
 #include "alloc/failing_allocator.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <new>
@@ -17,66 +16,59 @@ void __real_free(void* p);
 
 namespace {
 
-std::atomic<bool> gArmed{false};
-std::atomic<bool> gInjected{false};
-std::atomic<unsigned long> gFailAt{0};
-std::atomic<unsigned long> gWidth{1};
-std::atomic<unsigned long> gSeen{0};
-std::atomic<long> gLive{0};
+bool gArmed = false;
+bool gInjected = false;
+unsigned long gFailAt = 0;
+unsigned long gWidth = 1;
+unsigned long gSeen = 0;
+long gLive = 0;
 
 bool ShouldFail() {
-  if (!gArmed.load(std::memory_order_acquire)) return false;
-  const unsigned long n = gSeen.fetch_add(1);
-  if (n < gFailAt.load() || n - gFailAt.load() >= gWidth.load()) return false;
+  if (!gArmed) return false;
+  const unsigned long n = gSeen++;
+  if (n < gFailAt || n - gFailAt >= gWidth) return false;
   gInjected = true;
   errno = ENOMEM;
   return true;
 }
 
 void* Counted(void* p) {
-  if (p != nullptr) ++gLive;
+  gLive += p != nullptr;
   return p;
-}
-
-void* NewBlock(size_t size) {
-  return ShouldFail() ? nullptr : Counted(__real_malloc(size != 0 ? size : 1));
 }
 
 }  // namespace
 
 extern "C" {
-
 void* __wrap_malloc(size_t size) { return ShouldFail() ? nullptr : Counted(__real_malloc(size)); }
-
 void* __wrap_calloc(size_t count, size_t size) {
   return ShouldFail() ? nullptr : Counted(__real_calloc(count, size));
 }
-
-// A failed realloc leaves the old block as it was.
+// A failed realloc leaves the old block as it was; realloc(p, 0) may free p.
 void* __wrap_realloc(void* old, size_t size) {
   if (ShouldFail()) return nullptr;
   void* p = __real_realloc(old, size);
-  if (old == nullptr && p != nullptr) ++gLive;
-  if (old != nullptr && size == 0 && p == nullptr) --gLive;  // glibc released it
+  gLive += (old == nullptr && p != nullptr) - (old != nullptr && size == 0 && p == nullptr);
   return p;
 }
-
 void __wrap_free(void* p) {
-  if (p == nullptr) return;
-  --gLive;
+  gLive -= p != nullptr;
   __real_free(p);
 }
-
 }  // extern "C"
 
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return __wrap_malloc(size != 0 ? size : 1);
+}
 void* operator new(size_t size) {
-  void* p = NewBlock(size);
+  void* p = operator new(size, std::nothrow);
   if (p == nullptr) throw std::bad_alloc();
   return p;
 }
 void* operator new[](size_t size) { return operator new(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return NewBlock(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return NewBlock(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+  return operator new(size, std::nothrow);
+}
 void operator delete(void* p) noexcept { __wrap_free(p); }
 void operator delete[](void* p) noexcept { __wrap_free(p); }
 void operator delete(void* p, size_t) noexcept { __wrap_free(p); }
@@ -91,16 +83,15 @@ void FailAllocationAt(unsigned long k, unsigned long width) {
   gWidth = width;
   gSeen = 0;
   gInjected = false;
-  gArmed.store(true, std::memory_order_release);
+  gArmed = true;
 }
 
 bool StopFailingAllocations() {
-  gArmed.store(false, std::memory_order_release);
-  return gInjected.load();
+  gArmed = false;
+  return gInjected;
 }
 
-unsigned long AllocationsSinceArmed() { return gSeen.load(); }
-
-long LiveAllocations() { return gLive.load(); }
+unsigned long AllocationsSinceArmed() { return gSeen; }
+long LiveAllocations() { return gLive; }
 
 }  // namespace crtest
