@@ -73,8 +73,6 @@ void operator delete(void* p) noexcept { __wrap_free(p); }
 void operator delete[](void* p) noexcept { __wrap_free(p); }
 void operator delete(void* p, size_t) noexcept { __wrap_free(p); }
 void operator delete[](void* p, size_t) noexcept { __wrap_free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { __wrap_free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { __wrap_free(p); }
 
 namespace crtest {
 
