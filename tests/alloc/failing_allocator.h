@@ -4,8 +4,9 @@
 // -Wl,--wrap=malloc,--wrap=calloc,--wrap=realloc,--wrap=free, so the
 // library's calls of these (crrecord_testing is a static library linked into
 // the executable) reach the __wrap_ functions of failing_allocator.cpp; the
-// global operator new and delete (all but the aligned forms) are replaced,
-// which catches the standard containers wherever they are instantiated.
+// global operator new and delete (plain, array, nothrow and sized, not the
+// aligned forms) are replaced, which catches the standard containers wherever
+// they are instantiated.
 // Allocations made inside the shared system libraries are neither failed nor
 // counted, and are freed there. Under LeakSanitizer __real_malloc is the
 // sanitizer's, which keeps tracking every block.
