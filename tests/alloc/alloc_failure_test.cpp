@@ -134,10 +134,11 @@ void Bloom(Subject& s) {
 }
 // The serialized form of a DO type and a caller's buffer of `words` words.
 void Serialized(Subject& s, uint8_t dotype, size_t words) {
+  const std::vector<uint8_t> bitmap = crtest::PatternBitmap(64);
   s.input = dotype == CR_DO_TYPE_BLOOM_FILTER
-                ? crtest::SerializedBloom(10000, 4096, crtest::PatternBitmap(64),
-                                          {{500, 20}, {70, 10}})
-                : crtest::Sealed(crtest::SerializedDO(dotype, 10000, 4096, 77, crtest::ThreeSegments(kFP)));
+                ? crtest::SerializedBloom(10000, 4096, bitmap, {{500, 20}, {70, 10}})
+                : crtest::Sealed(crtest::SerializedDO(dotype, 10000, 4096, 77,
+                                                      crtest::ThreeSegments(kFP)));
   s.mode = dotype;
   s.callers.resize(words);
 }
@@ -218,8 +219,7 @@ const std::vector<Row> kRows = {
     ROW(SerializedType3, Serialized(s, 3, 0), Deserialize(s), {kDeserialize + "188 bytes"}),
     ROW(SerializedBloom, Serialized(s, 4, 0), Deserialize(s), {kDeserialize + "204 bytes"}),
     ROW(SerializedInCallersBuffer, Serialized(s, 1, 512), Deserialize(s), {}),
-    ROW(StoredWithRefsMode1, Stored(s, WithRefsImage(), 1), Open(s), {kCorrupt, kBadAlloc}),
-    ROW(StoredWithRefsMode2, Stored(s, WithRefsImage(), 2), Open(s), {kCorrupt, kBadAlloc}),
+    ROW(StoredWithRefs, Stored(s, WithRefsImage(), 2), Open(s), {kCorrupt, kBadAlloc}),
     ROW(StoredOldListsMode1, Stored(s, OldListsImage(), 1), Open(s), {kCopy, kBadAlloc, kExpand}),
     ROW(StoredOldListsMode2, Stored(s, OldListsImage(), 2), Open(s), {kCopy, kBadAlloc, kExpand}),
     ROW(SegmentRecord, , (SegmentRecord(s), 0),
@@ -249,7 +249,6 @@ const std::vector<Row> kRows = {
         {"return 22: GetUDCIDSizeList: failed to construct SO info vector, out of memory."}),
     ROW(AppendBloom, Bloom(s), s.rec->AppendBloom(s.sizes), {kBadAlloc}, kMTimeOnly),
     ROW(AddTaskID, Tight(s), s.rec->AddTaskID(7ul), {kBadAlloc, kExpand}),
-    ROW(AddDSIDWithRoom, Tight(s); s.rec->AddTaskID(7ul), s.rec->AddDSID(3u), {kBadAlloc}),
     ROW(AddTaskIDPurging, Tight(s); s.rec->AddTaskID(3ul),
         s.rec->AddTaskID(9ul, &AllActive, nullptr), {kBadAlloc}, kAllButMTime),
     ROW(OwnTRef, Tight(s); s.held.reset(new Cr_TRef(5ul)), s.rec->OwnTRef(s.held),
@@ -257,11 +256,6 @@ const std::vector<Row> kRows = {
     ROW(OwnRawTRef, Tight(s), s.rec->OwnTRef(*std::exchange(s.raw, nullptr)),
         {kBadAlloc, kExpand}),
     ROW(AddRawTRef, Tight(s), s.rec->AddTRef(*s.raw), {kBadAlloc, kExpand}),
-    ROW(AddHeldTRefWithRoom, WithRefs(s); s.held.reset(new Cr_TRef(1u)), s.rec->AddTRef(s.held),
-        {kBadAlloc}),
-    ROW(CheckTRef, WithRefs(s), s.rec->CheckTRef(s.raw), {kBadAlloc}),
-    ROW(HasTaskID, WithRefs(s), !s.rec->HasTaskID(5), {kBadAlloc}),
-    ROW(DelTRef, WithRefs(s), s.rec->DelTRef(s.raw) != 1, {kBadAlloc}),
     ROW(AddSection, Tight(s), AddSection(s), {kExpand, kCorrupt, kBadAlloc}, kMTimeOnly),
     // The pool's own blocks: it retries with half a block, and a reference
     // it has no chunk for is released.
