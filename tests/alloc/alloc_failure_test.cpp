@@ -247,8 +247,10 @@ const std::vector<Row> kRows = {
         [](Subject& s) { EXPECT_EQ(s.rec->GetSegmentUDCID(0), 70u); }),  // sorted in place
     ROW(UDCIDSizeList, Bloom(s), s.rec->GetUDCIDSizeList(s.sizes),
         {"return 22: GetUDCIDSizeList: failed to construct SO info vector, out of memory."}),
+    // AppendBloom swaps the Bloom section's length word whatever follows.
     ROW(AppendBloom, Bloom(s), s.rec->AppendBloom(s.sizes), {kBadAlloc}, kMTimeOnly),
     ROW(AddTaskID, Tight(s), s.rec->AddTaskID(7ul), {kBadAlloc, kExpand}),
+    // The purge before the addition stamps the mtime.
     ROW(AddTaskIDPurging, Tight(s); s.rec->AddTaskID(3ul),
         s.rec->AddTaskID(9ul, &AllActive, nullptr), {kBadAlloc}, kAllButMTime),
     ROW(OwnTRef, Tight(s); s.held.reset(new Cr_TRef(5ul)), s.rec->OwnTRef(s.held),
@@ -256,6 +258,7 @@ const std::vector<Row> kRows = {
     ROW(OwnRawTRef, Tight(s), s.rec->OwnTRef(*std::exchange(s.raw, nullptr)),
         {kBadAlloc, kExpand}),
     ROW(AddRawTRef, Tight(s), s.rec->AddTRef(*s.raw), {kBadAlloc, kExpand}),
+    // A section keeps the references loaded before the failure.
     ROW(AddSection, Tight(s), AddSection(s), {kExpand, kCorrupt, kBadAlloc}, kMTimeOnly),
     // The pool's own blocks: it retries with half a block, and a reference
     // it has no chunk for is released.
