@@ -20,12 +20,10 @@ namespace fs = std::filesystem;
 
 const fs::path kFuzzDir = CRRECORD_FUZZ_DIR;
 
+// The files of dir in name order; none when there is no such directory.
 std::vector<fs::path> FilesIn(const fs::path& dir) {
   std::vector<fs::path> files;
-  if (!fs::is_directory(dir)) return files;
-  for (const fs::directory_entry& e : fs::directory_iterator(dir)) {
-    if (e.is_regular_file()) files.push_back(e.path());
-  }
+  if (fs::is_directory(dir)) files.assign(fs::directory_iterator(dir), fs::directory_iterator());
   std::sort(files.begin(), files.end());
   return files;
 }

@@ -27,14 +27,13 @@ TEST(PlatformFingerprint, KnownDigestsAndTheirTexts) {
                          Row{2, "abc", false, abcSha256.substr(0, 32)},
                          Row{3, "abc", false, abcSha256},
                          Row{1, "segment list bytes", true, "941522c73d519dcd744a09ec8a618733"},
-                         Row{2, "segment list bytes", true, doSha256.substr(0, 32)},
                          Row{3, "segment list bytes", true, doSha256}}) {
     SCOPED_TRACE(testing::Message() << int(row.type) << " " << row.input);
     const std::string field = row.hex + std::string(64 - row.hex.size(), '0');
     const size_t n = std::strlen(row.input);
     crfp_digest_t d;
+    std::memset(&d, 0xAA, sizeof d);
     if (!row.forDO) {
-      std::memset(&d, 0xAA, sizeof d);
       ASSERT_EQ(CRFPCompute(row.type, row.input, n, &d), 0);
       EXPECT_EQ(crtest::Hex(d.digest, 32), field);
     }
@@ -63,12 +62,8 @@ TEST(PlatformFingerprint, KnownDigestsAndTheirTexts) {
 // writes nothing to the caller's digest or text.
 TEST(PlatformFingerprint, RefusalsAndTheirStatuses) {
   const std::string md5 = "900150983cd24fb0d6963f7d28e17f72";
-  crfp_ctx_t open, done, bad;
-  ASSERT_EQ(CRFPInitialize(&open, 3), 0);
-  ASSERT_EQ(CRFPInitialize(&done, 3), 0);
-  ASSERT_EQ(CRFPFinalize(&done), 0);
-  ASSERT_EQ(CRFPInitialize(&bad, 1), 0);
-  ASSERT_EQ(CRFPFinalize(&bad), 0);
+  crfp_ctx_t ctx;  // the rows take it from state to state
+  ASSERT_EQ(CRFPInitialize(&ctx, 3), 0);
   crfp_digest_t d, untouched;
   std::memset(&untouched, 0x5C, sizeof untouched);
   unsigned char fps[32] = {};
@@ -81,26 +76,22 @@ TEST(PlatformFingerprint, RefusalsAndTheirStatuses) {
   };
   struct Row { const char* what; std::function<bool()> refused; cr_status_t status; };
   const Row rows[] = {
-      {"digest before the end", [&] { return !CRFPGetDigest_r(&open, &d); }, 9},
-      {"append of null bytes", [&] { return CRFPAppend(&open, nullptr, 4) == -1; }, 65},
-      {"append after the end", [&] { return CRFPAppend(&done, "x", 1) == -1; }, 9},
-      {"DO end after the end", [&] { return CRFPFinalizeDO(&done) == -1; }, 9},
-      {"no such type: init", [&] { return CRFPInitialize(&bad, 4) == -1; }, 9},
-      {"the earlier end is gone", [&] { return CRFPAppend(&bad, "x", 1) == -1; }, 9},
-      {"nor is there a digest", [&] { return !CRFPGetDigest_r(&bad, &d); }, 9},
+      {"digest before the end", [&] { return !CRFPGetDigest_r(&ctx, &d); }, 9},
+      {"append of null bytes", [&] { return CRFPAppend(&ctx, nullptr, 4) == -1; }, 65},
+      {"after the end", [&] { return !CRFPFinalize(&ctx) && CRFPAppend(&ctx, "x", 1) == -1; }, 9},
+      {"DO end after the end", [&] { return CRFPFinalizeDO(&ctx) == -1; }, 9},
+      {"no such type", [&] { return CRFPInitialize(&ctx, 4) == -1; }, 9},
+      {"which ends the context", [&] { return !CRFPGetDigest_r(&ctx, &d); }, 9},
       {"type 0: compute", [&] { return CRFPCompute(0, "x", 1, &d) == -1; }, 9},
       {"no context", [&] { return CRFPInitialize(nullptr, 1) == -1; }, 65},
       {"no digest", [&] { return CRFPCompute(1, "x", 1, nullptr) == -1; }, 65},
       {"64 bytes for 64 digits", [&] { return !CRFPDigestToString_r(&d, 3, text, 64); }, 122},
-      {"32 bytes for 32 digits", [&] { return !CRFPDigestToString_r(&d, 2, text, 32); }, 122},
       {"text of type 0", [&] { return !CRFPDigestToString_r(&d, 0, text, 70); }, 9},
       {"31 digits", [&] { return parse(md5, 31, 1); }, 121},
-      {"33 digits", [&] { return parse(md5 + "0", 33, 1); }, 121},
       {"32 digits for type 3", [&] { return parse(md5, 32, 3); }, 121},
       {"parse type 0", [&] { return parse(md5, 32, 0); }, 9},
       {"a non-digit", [&] { return parse(md5.substr(0, 31) + "g", 32, 2); }, 121},
       {"batch text type 4", [&] { return CRFPDigestsToStrings(fps, 32, 4, text, 65, 1) == -1; }, 9},
-      {"batch parse type 0", [&] { return CRFPStringsToDigests("00", 2, 0, fps, 32, 1) == 0; }, 9},
       {"batch of null", [&] { return CRFPDigestsToStrings(nullptr, 32, 1, text, 65, 1); }, 65},
   };
   for (const Row& row : rows) {

@@ -1,15 +1,13 @@
-// Status and logging: the platform's status texts, log lines and per-thread
-// last message and status word; the record library's exception and its
-// reporting patterns, each with its status, text and log lines.
+// Status and logging: the platform's status texts and log lines, and the
+// record library's errno exception. The last message per thread is
+// thread_test.cpp's; the reporting patterns' statuses and texts are checked
+// exactly by every refusal the record tests make.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "crrecord/Status.h"
 #include "crrecord/platform/status.h"
@@ -36,65 +34,34 @@ TEST(PlatformStatus, KnownTexts) {
     EXPECT_EQ(_crMapError("SegmentRecordSerialize", "SOmarshall", 20), c.second) << c.first;
   }
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_STREQ(Cr_ErrnoException(32, static_cast<const char*>(nullptr), nullptr).what(), "");
   // The bounded copy: nothing to copy from, or nowhere to copy to.
   char buf[4] = "abc";
   EXPECT_STREQ(qorstrcpy(buf, nullptr, sizeof buf), "");
   EXPECT_EQ(qorstrcpy(nullptr, "abc", 4), nullptr);
 }
 
-// Lines reach the sink as they are made, trace lines only while tracing is
-// on; the last message (itself loggable again) is cut to 1023 bytes; with
-// no sink, each line goes to stderr in its own format.
+// Trace lines only while tracing is on; the last message (itself loggable
+// again) is cut to 1023 bytes; with no sink, each line goes to stderr in
+// its own format. Where a sink is set instead, every test's LogCapture
+// shows.
 TEST(PlatformStatus, LogLinesAndTheLastMessage) {
-  {
-    crtest::LogCapture log;
-    ErrorA(9, "%s: bad kind %d", "CheckTRef", 12);
-    CR_TRACE("hidden %d", 1);
-    WarningA(72, "not found %u", 5u);
-    ErrorA(9, "again: %s", qorLogLastMessageA());
-    CRTraceSet(true);
-    CR_TRACE("offset %lu: %s", 40ul, "truncated input");
-    EXPECT_STREQ(qorLogLastMessageA(), "again: not found 5");
-    ErrorA(9, "%s", std::string(3000, 'x').c_str());
-    EXPECT_EQ(std::string(qorLogLastMessageA()), std::string(1023, 'x'));
-    std::string lines;
-    for (const crtest::LogLine& l : log.lines()) {
-      lines += std::to_string(l.level) + "/" + std::to_string(l.status) + " " + l.text + "\n";
-    }
-    EXPECT_EQ(lines, std::to_string(CR_LOG_ERROR) + "/9 CheckTRef: bad kind 12\n" +
-                         std::to_string(CR_LOG_WARNING) + "/72 not found 5\n" +
-                         std::to_string(CR_LOG_ERROR) + "/9 again: not found 5\n" +
-                         std::to_string(CR_LOG_TRACE) + "/0 offset 40: truncated input\n" +
-                         std::to_string(CR_LOG_ERROR) + "/9 " + std::string(1023, 'x') + "\n");
-  }
+  testing::internal::CaptureStderr();
+  ErrorA(9, "%s: bad kind %d", "CheckTRef", 12);
+  CR_TRACE("hidden %d", 1);
+  WarningA(72, "not found %u", 5u);
+  ErrorA(9, "again: %s", qorLogLastMessageA());
   EXPECT_FALSE(TraceOn());
   CRTraceSet(true);
-  testing::internal::CaptureStderr();
-  ErrorA(9, "boom %d", 1);
-  WarningA(72, "gone");
-  __Trace("step %d", 2);
-  const std::string out = testing::internal::GetCapturedStderr();
+  __Trace("offset %lu: %s", 40ul, "truncated input");
+  EXPECT_STREQ(qorLogLastMessageA(), "again: not found 5");
+  ErrorA(9, "%s", std::string(3000, 'x').c_str());
   CRTraceSet(false);
-  EXPECT_EQ(out, "crrecord: error 9: boom 1\ncrrecord: warning 72: gone\ncrrecord: trace: step 2\n");
-}
-
-TEST(PlatformStatus, LastMessageAndStatusWordArePerThread) {
-  crtest::LogCapture log;
-  ErrorA(9, "main thread");
-  *__cr_errno_location() = 9;
-  std::string seen;
-  std::thread other([&] {
-    seen = qorLogLastMessageA() + std::to_string(*__cr_errno_location());
-    ErrorA(22, "other thread");
-    *__cr_errno_location() = 65;
-    seen += qorLogLastMessageA() + std::to_string(*__cr_errno_location());
-  });
-  other.join();
-  EXPECT_EQ(seen, "0other thread65");
-  EXPECT_STREQ(qorLogLastMessageA(), "main thread");
-  EXPECT_EQ(*__cr_errno_location(), 9u);
-  *__cr_errno_location() = 0;
+  CR_TRACE("hidden %d", 2);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "crrecord: error 9: CheckTRef: bad kind 12\ncrrecord: warning 72: not found 5\n"
+            "crrecord: error 9: again: not found 5\ncrrecord: trace: offset 40: truncated input\n"
+            "crrecord: error 9: " + std::string(1023, 'x') + "\n");
+  EXPECT_EQ(std::string(qorLogLastMessageA()), std::string(1023, 'x'));
 }
 
 // Errno 0 reads as 75; the message is cut to the buffer; without a message
@@ -109,43 +76,6 @@ TEST(ZoErrnoException, ErrnoAndStringFollowTheirRules) {
   EXPECT_STREQ(Zo_ErrnoException(ENOENT).GetString(buffer, sizeof buffer), std::strerror(ENOENT));
   EXPECT_EQ(Zo_ErrnoException(ENOENT).GetString(nullptr, 10), nullptr);
   EXPECT_EQ(Zo_ErrnoException(ENOENT, "x").GetString(nullptr, 10), nullptr);
-}
-
-// Each pattern's "<status> <text>" (thrown, or returned by AllocFailure)
-// and the lines it logs as "<status> <text>".
-TEST(Report, EveryPatternGivesItsStatusTextAndLogLines) {
-  const std::string unsupported = "The type of reference tref1:01 is unsupported for a DO";
-  const std::string alloc = "Could not serialize DO: malloc failed for 29 bytes (out of memory)";
-  struct Row { std::function<void()> call; std::string result; std::vector<std::string> logged; };
-  const Row rows[] = {
-      {[] {
-         ErrorA(9, "The type of reference %s is unsupported for a DO", "tref1:01");
-         crrecord::ThrowLastLogged(9);
-       }, "9 " + unsupported, {"9 " + unsupported}},
-      {[] { crrecord::ThrowFixed(22, "Not enough memory to create DORecord."); },
-       "22 Not enough memory to create DORecord.", {}},
-      {[] { crrecord::ThrowStatus(111); }, "111 ", {}},
-      {[] {
-         errno = ENOMEM;
-         const char* format = "Could not serialize DO: malloc failed for %u bytes (%s)";
-         throw Cr_ErrnoException(crrecord::AllocFailure("Serialize", "DORecord", 1, format, 29));
-       }, "22 ", {"22 " + alloc}},
-  };
-  for (const Row& row : rows) {
-    crtest::LogCapture log;
-    std::string result = "nothing thrown";
-    try {
-      row.call();
-    } catch (const Cr_ErrnoException& e) {
-      result = std::to_string(e.GetStatus()) + " " + e.what();
-    }
-    EXPECT_EQ(result, row.result);
-    std::vector<std::string> logged;
-    for (const crtest::LogLine& l : log.lines()) {
-      logged.push_back(std::to_string(l.status) + " " + l.text);
-    }
-    EXPECT_EQ(logged, row.logged) << row.result;
-  }
 }
 
 }  // namespace
