@@ -79,7 +79,6 @@ TEST(PlatformFingerprint, RefusalsAndTheirStatuses) {
       {"digest before the end", [&] { return !CRFPGetDigest_r(&ctx, &d); }, 9},
       {"append of null bytes", [&] { return CRFPAppend(&ctx, nullptr, 4) == -1; }, 65},
       {"after the end", [&] { return !CRFPFinalize(&ctx) && CRFPAppend(&ctx, "x", 1) == -1; }, 9},
-      {"DO end after the end", [&] { return CRFPFinalizeDO(&ctx) == -1; }, 9},
       {"no such type", [&] { return CRFPInitialize(&ctx, 4) == -1; }, 9},
       {"which ends the context", [&] { return !CRFPGetDigest_r(&ctx, &d); }, 9},
       {"type 0: compute", [&] { return CRFPCompute(0, "x", 1, &d) == -1; }, 9},

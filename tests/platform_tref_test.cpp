@@ -2,7 +2,6 @@
 // and each refusal with its status.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -49,7 +48,6 @@ TEST(PlatformTRef, KnownFormsAndOrder) {
   for (size_t i = 0; i < count; ++i) {
     const Row& row = rows[i];
     SCOPED_TRACE(row.text);
-    ASSERT_TRUE(row.ref);
     EXPECT_EQ(CRTRefGetTaskID(row.ref.get()), row.taskID);
     std::vector<uint8_t> out(128, 0xEE);
     const size_t n = CRTRefSerialize(out.data(), out.size(), row.ref.get(), 1);
@@ -84,19 +82,15 @@ TEST(PlatformTRef, RefusalsAndTheirStatuses) {
   unsigned long consumed = 99;
   auto decode = [&](std::vector<uint8_t> bytes, size_t n, int mode = 1) {
     std::unique_ptr<uint8_t[]> exact(new uint8_t[n + 1]);
-    std::memcpy(exact.get(), bytes.data(), std::min(n, bytes.size()));
+    std::memcpy(exact.get(), bytes.data(), n);
     return !CRTRefNewDeserialize(exact.get(), n, mode, &consumed);
-  };
-  auto header = [&](uint8_t kind, uint8_t length) {
-    return decode(crtest::Bytes().u8(kind).u8(length).zeros(40).vec(), 42);
   };
   const uint8_t payload[33] = {1, 1, 0};
   struct Row { std::string what; std::function<bool()> refused; cr_status_t status; };
   std::vector<Row> rows = {
-      {"kind 11", [&] { return header(11, 1); }, 121},
-      {"length 0", [&] { return header(3, 0); }, 121},
-      {"length 33", [&] { return header(3, 33); }, 121},
-      {"text form", [&] { return decode({'t', 'r', 'e', 'f', '1', ':', '0', '1', 0}, 9, 0); }, 121},
+      {"kind 11", [&] { return decode(crtest::Bytes().u8(11).u8(1).zeros(40).vec(), 42); }, 121},
+      {"len 0", [&] { return decode(crtest::Bytes().u8(3).u8(0).zeros(40).vec(), 42); }, 121},
+      {"len 33", [&] { return decode(crtest::Bytes().u8(3).u8(33).zeros(40).vec(), 42); }, 121},
       {"no bytes", [&] { return !CRTRefNewDeserialize(nullptr, 3, 1, &consumed); }, 65},
       {"nowhere to count", [&] { return !CRTRefNewDeserialize(payload, 3, 1, nullptr); }, 65},
       {"mode 2", [&] { return decode(full, full.size(), 2); }, 9},
@@ -110,7 +104,7 @@ TEST(PlatformTRef, RefusalsAndTheirStatuses) {
       {"16 bytes", [&] { return !CRTRefSerialize(out.data(), 16, task.get(), 0); }, 122},
   };
   for (size_t left = 0; left < full.size(); ++left) {
-    rows.push_back({"cut to " + std::to_string(left), [&, left] { return decode(full, left); }, 120});
+    rows.push_back({"cut " + std::to_string(left), [&, left] { return decode(full, left); }, 120});
   }
   for (const Row& row : rows) {
     consumed = 99;

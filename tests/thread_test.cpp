@@ -52,11 +52,10 @@ TEST(ThreadTest, TRefPoolGivesEveryHolderAChunkOfItsOwn) {
         copies.emplace_back(Cr_TRef::Factory(refs.back()->Get()));
       }
       for (size_t i = 0; i < 48; ++i) {
-        if (CRTRefGetTaskID(refs[i]->Get()) != id(i) || CRTRefGetTaskID(copies[i]->Get()) != id(i)) {
-          fail("reference " + std::to_string(id(i)) + " no longer carries its task ID");
-        }
-        if (refs[i]->UseCount() != 2 || copies[i]->UseCount() != 1) {
-          fail("reference " + std::to_string(id(i)) + " has a wrong count");
+        const bool kept = CRTRefGetTaskID(refs[i]->Get()) == id(i) &&
+                          CRTRefGetTaskID(copies[i]->Get()) == id(i);
+        if (!kept || refs[i]->UseCount() != 2 || copies[i]->UseCount() != 1) {
+          fail("reference " + std::to_string(id(i)) + " lost its task ID or its count");
         }
       }
     }
@@ -87,7 +86,7 @@ TEST(ThreadTest, IndependentRecordsOnSeveralThreadsAtOnce) {
         r->AddTRef(*unsupported);
         fail("an unsupported reference was added");
       } catch (const Cr_ErrnoException& e) {
-        if (e.GetStatus() != 9 || expected != e.what()) fail("refusal reads " + std::string(e.what()));
+        if (e.GetStatus() != 9 || expected != e.what()) fail(e.what());
       }
       CRTRefDelete(&unsupported);
       if (!r->HasTaskID(static_cast<unsigned long>(1000 * t + i)) || r->GetNTRefs() != 1) {

@@ -18,8 +18,7 @@ TEST(TRefObject, KindsOwnershipAndOrder) {
   const unsigned char payload[3] = {1, 2, 3};
   _cr_tref_t* raw = CRTRefNew(CR_TREF_TYPE_HOLD, payload, sizeof payload);
   TRefPtr copy(Cr_TRef::Factory(raw));  // the raw reference stays the caller's
-  EXPECT_NE(copy->Get(), raw);
-  EXPECT_TRUE(CRTRefEqual(copy->Get(), raw));
+  EXPECT_NE(copy->Get(), raw);  // and equal to it: the set below keeps one of the two
   TRefPtr owner(new Cr_TRef(raw));  // takes it over: released with the object
   TRefPtr shared = owner;
   EXPECT_EQ(owner->UseCount(), 2u);
@@ -33,7 +32,8 @@ TEST(TRefObject, KindsOwnershipAndOrder) {
   std::vector<std::string> texts;
   char text[CR_TREF_TEXT_SIZE];
   for (const TRefPtr& r : set) texts.push_back(CRTRefToString(text, sizeof text, r->Get()));
-  EXPECT_EQ(texts, (std::vector<std::string>{"taskid:255", "taskid:256", "dsid:9", "tref9:010203"}));
+  EXPECT_EQ(texts,
+            (std::vector<std::string>{"taskid:255", "taskid:256", "dsid:9", "tref9:010203"}));
 }
 
 }  // namespace
