@@ -203,12 +203,13 @@ std::vector<crtest::Seg> ManySegments(size_t n, uint32_t containers) {
   return segs;
 }
 
-// 200,000 segments in 50,000 containers: hundreds of the builder's, the
-// serializer's and the reader's pieces, a 9 MB segment list, and more
-// containers than the unique-DCID table keeps in the cache, so that the
-// rest are gathered by partitions.
+// 320,000 segments in 50,000 containers: hundreds of the builder's, the
+// serializer's, the reader's and the digest's pieces, a segment list large
+// enough (9 MB) for the builder and the reader to stream it past the cache,
+// and more containers than the unique-DCID table keeps in the cache, so
+// that the rest are gathered by partitions.
 TEST(LargeRecord, RoundTripAndUniqueDCIDsMatchTheirHandWrittenForms) {
-  const size_t n = 200000;
+  const size_t n = 320000;
   std::vector<crtest::Seg> segs = ManySegments(n, 50000);
   uint64_t size = 0;
   std::map<uint64_t, uint64_t> containers;
@@ -247,19 +248,30 @@ TEST(LargeRecord, RoundTripAndUniqueDCIDsMatchTheirHandWrittenForms) {
                                std::to_string(c.reported) + " is not 32 hex digits and a NUL"});
   }
 
+  // The digest hashes the serialized form's segment entries, DO-labelled.
+  crfp_ctx_t ctx;
+  crfp_digest_t expected;
+  ASSERT_EQ(CRFPInitialize(&ctx, 1), 0);
+  ASSERT_EQ(CRFPAppend(&ctx, &plain[28], static_cast<unsigned int>(n * 45)), 0);
+  ASSERT_EQ(CRFPFinalizeDO(&ctx), 0);
+  ASSERT_NE(CRFPGetDigest_r(&ctx, &expected), nullptr);
+  cr_tdigest_t* digest = r->GetDigest();
+  EXPECT_EQ(crtest::Hex(digest->digest.digest, 16), crtest::Hex(expected.digest, 16));
+  CRTDigestDelete(&digest);
+
   // Invalid DCIDs far past the turn to partitions: the first is named and
   // the record stays as it was; put right, the list comes out ascending.
-  r->SetSegmentDCID(150001, 63);
-  r->SetSegmentDCID(199999, 0);
+  r->SetSegmentDCID(250001, 63);
+  r->SetSegmentDCID(n - 1, 0);
   crtest::LogCapture log;
   EXPECT_EQ(r->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
   EXPECT_EQ(log.texts(), std::vector<std::string>{
                              "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
-                             crtest::Hex(segs[150001].fp.data(), 16) + " at index 150001."});
+                             crtest::Hex(segs[250001].fp.data(), 16) + " at index 250001."});
   EXPECT_EQ(r->GetNudcid(), 0u);
   EXPECT_EQ(r->GetHeaderSize(), 80 + n * (16 + 12 + 8));
-  r->SetSegmentDCID(150001, segs[150001].dcid);
-  r->SetSegmentDCID(199999, segs[199999].dcid);
+  r->SetSegmentDCID(250001, segs[250001].dcid);
+  r->SetSegmentDCID(n - 1, segs[n - 1].dcid);
   ASSERT_EQ(r->AppendBloomAndUniqueDCIDList(), 0u);
   crtest::Bytes body, section;
   body.le32(static_cast<uint32_t>(containers.size()));

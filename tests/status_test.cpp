@@ -26,12 +26,6 @@ TEST(PlatformStatus, KnownTexts) {
       {1000 + EACCES, "Permission denied"}, {1, "unknown status"}, {123, "unknown status"},
       {1000, "unknown status"}, {1000 + 4096, "unknown status"}, {UINT_MAX, "unknown status"}};
   for (const auto& row : rows) EXPECT_STREQ(CRStatusToStringA(row.first), row.second) << row.first;
-  // errno to status
-  for (auto c : {std::make_pair(ENOMEM, 22u), std::make_pair(0, 22u), std::make_pair(EINVAL, 9u),
-                 std::make_pair(EACCES, 1000u + EACCES)}) {
-    errno = c.first;
-    EXPECT_EQ(_crMapError("SegmentRecordSerialize", "SOmarshall", 20), c.second) << c.first;
-  }
   // The bounded copy: nothing to copy from, or nowhere to copy to.
   char buf[4] = "abc";
   EXPECT_STREQ(qorstrcpy(buf, nullptr, sizeof buf), "");
