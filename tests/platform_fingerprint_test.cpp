@@ -86,7 +86,7 @@ TEST(PlatformFingerprint, RefusalsAndTheirStatuses) {
       {"parse type 0", [&] { return parse(md5, 32, 0); }, 9},
       {"a non-digit", [&] { return parse(md5.substr(0, 31) + "g", 32, 2); }, 121},
       {"batch text type 4", [&] { return CRFPDigestsToStrings(fps, 32, 4, text, 65, 1) == -1; }, 9},
-      {"batch of null", [&] { return CRFPDigestsToStrings(nullptr, 32, 1, text, 65, 1); }, 65},
+      {"null batch", [&] { return CRFPDigestsToStrings(nullptr, 32, 1, text, 65, 1) == -1; }, 65},
   };
   for (const Row& row : rows) {
     d = untouched;
