@@ -136,7 +136,6 @@ TEST_P(HexPaths, StridedFieldsAndBatchFingerprintTexts) {
     EXPECT_EQ(crtest::Hex(&back[21 * inStride], inStride), std::string(2 * inStride, 'e'));
     text[20 * outStride + 2 * width - 1] = '0';
     EXPECT_EQ(decode(text, false), count);
-    EXPECT_EQ(decode(terminated, true), count);
     terminated[9 * outStride + 2 * width] = '0';  // digits, but no NUL after them
     EXPECT_EQ(decode(terminated, true), 9u);
     if (fptype != 0) {
