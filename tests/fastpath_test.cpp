@@ -1,8 +1,8 @@
 // The vectorised codecs, each implementation the CPU offers, against
 // references written in the tests (hex) or taken from zlib (Adler-32), on
-// random input of many lengths and alignments; the batch fingerprint texts
-// against the one-at-a-time calls; and one record long enough that every
-// operation working a piece of the segment list at a time spans many pieces.
+// random input of many lengths and alignments, the batch fingerprint texts
+// among them; and one record long enough that the operations working a piece
+// of the segment list at a time span many pieces.
 #include <zlib.h>
 
 #include <cctype>
