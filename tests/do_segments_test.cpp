@@ -12,38 +12,27 @@
 namespace {
 
 using namespace crtest;
-
-// Segments with 16-byte fingerprints in container 64; `offset` serves as
-// the file offset (DO type 3) and the object offset (DO type 5).
-std::vector<Seg> Segs(const std::vector<std::pair<uint32_t, uint64_t>>& sizeOffset) {
-  std::vector<Seg> out;
-  for (const auto& so : sizeOffset) {
-    out.push_back({PatternFP(0x30, 16), so.first, so.second, static_cast<uint32_t>(so.second), 64});
-  }
-  return out;
-}
-
-std::unique_ptr<DORecord> MakeThree(uint8_t dotype, uint8_t fptype) {
-  return Make(dotype, fptype, 10000, 4096, ThreeSegments(fptype));
-}
+typedef std::unique_ptr<DORecord> Rec;
 
 const unsigned char* Base(const DORecord& r) {
   return reinterpret_cast<const unsigned char*>(r.GetHeader());
 }
 
-// `expected` with the record's current mtime (offset 48), which the caller
-// checks on its own, against the record's bytes.
-void ExpectImageApartFromMtime(const DORecord& r, std::vector<uint8_t> expected) {
-  std::memcpy(expected.data() + 48, Base(r) + 48, 4);
-  EXPECT_EQ(Hex(expected.data(), expected.size()), Hex(Base(r), r.getRecSize()));
+// DO type `dotype`, the three segments of a 10000-byte file; mtime 1.
+Rec Three(uint8_t dotype, uint8_t fptype = 1) {
+  return Make(dotype, fptype, 10000, 4096, ThreeSegments(fptype));
 }
 
-template <typename T>
-void PutLE(std::vector<uint8_t>* image, size_t at, T v) {
-  for (size_t k = 0; k < sizeof(T); ++k) (*image)[at + k] = static_cast<uint8_t>(v >> (8 * k));
+// 16-byte-fingerprint segments in container 64, {size, offset}; the offset
+// serves as file offset (DO type 3) and object offset (DO type 5).
+Rec Sized(uint8_t dotype, uint64_t size, uint64_t ssize,
+          const std::vector<std::pair<uint32_t, uint64_t>>& sizeOffset) {
+  std::vector<Seg> segs;
+  for (const auto& so : sizeOffset) {
+    segs.push_back({PatternFP(0x30, 16), so.first, so.second, uint32_t(so.second), 64});
+  }
+  return Make(dotype, 1, size, ssize, segs);
 }
-
-// --- Getters ------------------------------------------------------------------------
 
 void ExpectSegments(const DORecord& r, uint8_t dotype, uint8_t fptype) {
   const unsigned entry = FPWidth(fptype) + EntryExtra(dotype);
@@ -70,98 +59,77 @@ class SegmentGetters : public ::testing::TestWithParam<TypeAndWidth> {};
 
 TEST_P(SegmentGetters, ReadHostValuesInBothByteOrders) {
   const uint8_t dotype = GetParam().first, fptype = GetParam().second;
-  std::unique_ptr<DORecord> r = MakeThree(dotype, fptype);
-  {
-    SCOPED_TRACE("host order");
-    ExpectSegments(*r, dotype, fptype);
-  }
+  Rec r = Three(dotype, fptype);
+  ExpectSegments(*r, dotype, fptype);
   r->HostToNetwork(0);
-  ASSERT_TRUE(r->IsInNetworkOrder());
   // The stored fields really are big-endian now: nfp, and segment 1's size.
   EXPECT_EQ(Hex(Base(*r) + 56, 4), "00000003");
   if (EntryExtra(dotype) != 0) {
     const unsigned w = FPWidth(fptype);
     EXPECT_EQ(Hex(Base(*r) + 80 + w + EntryExtra(dotype) + w, 4), "00001000");
   }
-  {
-    SCOPED_TRACE("network order");
-    ExpectSegments(*r, dotype, fptype);
-  }
+  ExpectSegments(*r, dotype, fptype);
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryTypeAndWidth, SegmentGetters, EveryTypeAndWidth(), TypeAndWidthName);
 
-// --- Setters ------------------------------------------------------------------------
+// Each setter against the record's bytes: the field it writes (hex, at a
+// hand-computed offset; none for a field the DO type lacks) and whether it
+// stamps mtime (offset 48).
+enum Field { kSize, kOffset, kObjectOffset, kFP, kDCID };
 
-TEST(SegmentSetters, StoredFieldsAreWrittenInPlaceAndStampMtime) {
-  // DO type 3, 16-byte fingerprints: entries of 28 bytes, size at +16,
-  // offset at +20. DO type 5, 32-byte fingerprints: entries of 40 bytes,
-  // object offset at +36.
-  std::unique_ptr<DORecord> r = MakeThree(3, 1), r5 = MakeThree(5, 3);
-  std::vector<uint8_t> expected = RecordBytes(*r), expected5 = RecordBytes(*r5);
-  const uint32_t before = Now();
-  r->SetSegmentSize(1, 0x11223344);
-  r->SetSegmentOffset(2, 0x0A0B0C0D0E0F1011);
-  r5->SetSegmentObjectOffset(1, 0xCAFEBABE);
-  const uint32_t after = Now();
-  PutLE<uint32_t>(&expected, 80 + 28 + 16, 0x11223344);
-  PutLE<uint64_t>(&expected, 80 + 2 * 28 + 20, 0x0A0B0C0D0E0F1011);
-  PutLE<uint32_t>(&expected5, 80 + 40 + 36, 0xCAFEBABE);
-  ExpectImageApartFromMtime(*r, expected);
-  ExpectImageApartFromMtime(*r5, expected5);
-  for (const DORecord* x : {r.get(), r5.get()}) {
-    EXPECT_GE(x->GetMTime(), before);
-    EXPECT_LE(x->GetMTime(), after);
-  }
-}
-
-// A value for a field the record does not have is dropped; only mtime moves.
-TEST(SegmentSetters, FieldsTheTypeLacksAreDroppedButMtimeIsStamped) {
-  struct Case {
-    uint8_t dotype;
-    void (*set)(DORecord*);
-  };
-  const Case cases[] = {
-      {0, [](DORecord* r) { r->SetSegmentSize(0, 7); }},
-      {1, [](DORecord* r) { r->SetSegmentSize(2, 7); }},
-      {0, [](DORecord* r) { r->SetSegmentOffset(0, 7); }},
-      {2, [](DORecord* r) { r->SetSegmentOffset(2, 0xFFFFFFFFFFFFFFFF); }},
-      {5, [](DORecord* r) { r->SetSegmentOffset(2, 0xFFFFFFFFFFFFFFFF); }},
-      {2, [](DORecord* r) { r->SetSegmentObjectOffset(2, 0xFFFFFFFF); }},
-      {3, [](DORecord* r) { r->SetSegmentObjectOffset(1, 0xFFFFFFFF); }},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE("DO type " + std::to_string(c.dotype));
-    std::unique_ptr<DORecord> r = MakeThree(c.dotype, 1);
-    const std::vector<uint8_t> before = RecordBytes(*r);
-    ASSERT_EQ(r->GetMTime(), 1u);
-    c.set(r.get());
-    EXPECT_NE(r->GetMTime(), 1u);
-    ExpectImageApartFromMtime(*r, before);
-    EXPECT_EQ(r->GetSegmentSize(2), 1808u);
-  }
-}
-
-TEST(SegmentSetters, FingerprintCopiesTheRecordsWidthAndDcidIsStored) {
+TEST(SegmentSetters, WriteTheirFieldInPlaceAndStampAsDocumented) {
   crfp_digest_t digest;
   for (unsigned k = 0; k < 32; ++k) digest.digest[k] = static_cast<uint8_t>(0xA0 + k);
-  for (uint8_t fptype : {1, 3}) {
-    SCOPED_TRACE("fptype " + std::to_string(fptype));
-    const unsigned w = FPWidth(fptype), entry = w + 4;
-    std::unique_ptr<DORecord> r = MakeThree(2, fptype);
-    std::vector<uint8_t> expected = RecordBytes(*r);
-    r->SetSegmentFP(1, digest);
-    r->SetSegmentDCID(2, 0x8877665544332211);
-    std::memcpy(expected.data() + 80 + entry, digest.digest, w);
-    PutLE<uint64_t>(&expected, 80 + 3 * entry + 16, 0x8877665544332211);
-    // Neither setter stamps mtime, so the whole image matches.
-    EXPECT_EQ(Hex(expected.data(), expected.size()), Hex(Base(*r), r->getRecSize()));
+  struct Row {
+    uint8_t dotype, fptype;
+    Field field;
+    unsigned long value;
+    size_t at;
+    std::string bytes;
+    bool stamps;
+  };
+  const std::string fp16 = Hex(digest.digest, 16), fp32 = Hex(digest.digest, 32);
+  // Entries: type 3 fp 16 is 28 bytes (size +16, offset +20); type 5 fp 32 is
+  // 40 (object offset +36); type 2 is 20 or 36; the DCIDs follow the entries.
+  const Row rows[] = {
+      {3, 1, kSize, 0x11223344, 80 + 28 + 16, "44332211", true},
+      {3, 1, kOffset, 0x0A0B0C0D0E0F1011, 80 + 56 + 20, "11100f0e0d0c0b0a", true},
+      {5, 3, kObjectOffset, 0xCAFEBABE, 80 + 40 + 36, "bebafeca", true},
+      {0, 1, kSize, 7, 0, "", true},
+      {1, 1, kSize, 7, 0, "", true},
+      {0, 1, kOffset, 7, 0, "", true},
+      {2, 1, kOffset, ~0ul, 0, "", true},
+      {5, 1, kOffset, ~0ul, 0, "", true},
+      {2, 1, kObjectOffset, 0xFFFFFFFF, 0, "", true},
+      {3, 1, kObjectOffset, 0xFFFFFFFF, 0, "", true},
+      {2, 1, kFP, 0, 80 + 20, fp16, false},
+      {2, 3, kFP, 0, 80 + 36, fp32, false},
+      {2, 3, kDCID, 0x8877665544332211, 80 + 3 * 36 + 8, "1122334455667788", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::Message() << "type " << int(row.dotype) << " at " << row.at);
+    Rec r = Three(row.dotype, row.fptype);
+    std::string expected = Hex(Base(*r), r->getRecSize());
+    expected.replace(2 * row.at, row.bytes.size(), row.bytes);
+    const uint32_t before = Now();
+    if (row.field == kSize) r->SetSegmentSize(1, static_cast<uint32_t>(row.value));
+    if (row.field == kOffset) r->SetSegmentOffset(2, row.value);
+    if (row.field == kObjectOffset) r->SetSegmentObjectOffset(1, uint32_t(row.value));
+    if (row.field == kFP) r->SetSegmentFP(1, digest);
+    if (row.field == kDCID) r->SetSegmentDCID(1, row.value);
+    if (row.stamps) {
+      EXPECT_GE(r->GetMTime(), before);
+      EXPECT_LE(r->GetMTime(), Now());
+      expected.replace(2 * 48, 8, Hex(Base(*r) + 48, 4));
+    }
+    EXPECT_EQ(Hex(Base(*r), r->getRecSize()), expected);
   }
 }
 
 TEST(SegmentSetters, ValuesAreStoredAsGivenInNetworkOrder) {
-  std::unique_ptr<DORecord> r = MakeThree(2, 1);
+  Rec r = Three(2);
   r->HostToNetwork(0);
   const uint32_t before = Now();
   r->SetSegmentSize(0, 0x01020304);
@@ -172,129 +140,142 @@ TEST(SegmentSetters, ValuesAreStoredAsGivenInNetworkOrder) {
   EXPECT_LE(r->GetMTime(), Now());
 }
 
-// --- checkSegmentList ----------------------------------------------------------------
+// --- checkSegmentList and its two magnitude passes -----------------------------------
 
-const Failure kSizeMagnitude(
-    89, "Segment list of a DORecord is corrupt. Segment 0 has size 2147483648 (> 2 GiB). "
-        "Data is probably in wrong byte order (host vs. network order)");
-const Failure kOffsetMagnitude(
-    89, "Segment list of a DORecord is corrupt. Segment 0 has offset 9223372036854775808 "
-        "(> 8192 PetaB). Data is probably in wrong byte order (host vs. network order)");
+enum Check { kList, kSizes, kOffsets };
 
-TEST(CheckSegmentList, DerivedSizeTypesBoundTheFileSize) {
-  const std::vector<Seg> three = Segs({{0, 0}, {0, 0}, {0, 0}});
-  for (uint8_t dotype : {0, 1}) {
-    SCOPED_TRACE("DO type " + std::to_string(dotype));
-    EXPECT_EQ(Thrown([&] { Make(dotype, 1, 0, 4096, three); }), kPass);
-    EXPECT_EQ(Thrown([&] { Make(dotype, 1, 12288, 4096, three); }), kPass);
-    EXPECT_EQ(Thrown([&] { Make(dotype, 1, 12289, 4096, three); }),
-              Failure(89, "Segment list of DORecord CR_DO_TYPE_ORIGINAL|CR_DO_TYPE_NO_SIZE is "
-                          "corrupt. Original file size:12289. "
-                          "Segm. size times segm. count:12288."));
-  }
+Failure Magnitude(const std::string& what) {
+  return Failure(89, "Segment list of a DORecord is corrupt. Segment 0 has " + what +
+                         ". Data is probably in wrong byte order (host vs. network order)");
 }
+const Failure kSizeMagnitude = Magnitude("size 2147483648 (> 2 GiB)");
+const Failure kOffsetMagnitude = Magnitude("offset 9223372036854775808 (> 8192 PetaB)");
 
-TEST(CheckSegmentList, StoredSizesMustAddUpToTheFileSizeInEitherOrder) {
-  for (uint8_t dotype : {2, 5}) {
-    std::unique_ptr<DORecord> r = MakeThree(dotype, 3);
-    r->SetSegmentSize(1, 4000);
-    const Failure sum(89, std::string("Segment list of DORecord ") +
-                              (dotype == 2 ? "CR_DO_TYPE_NO_OFFSET" : "CR_DO_TYPE_4_BYTE_OFFSET") +
-                              " is corrupt. Original file size:10000. Sum of segm. sizes:9904.");
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), sum);
-    r->HostToNetwork(0);
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), sum);
-  }
+Failure Total(uint64_t size, uint64_t bound) {
+  return Failure(89, "Segment list of DORecord CR_DO_TYPE_ORIGINAL|CR_DO_TYPE_NO_SIZE is "
+                     "corrupt. Original file size:" + std::to_string(size) +
+                         ". Segm. size times segm. count:" + std::to_string(bound) + ".");
 }
+Failure Sum(const std::string& type, uint64_t sum) {
+  return Failure(89, "Segment list of DORecord " + type + " is corrupt. Original file "
+                     "size:10000. Sum of segm. sizes:" + std::to_string(sum) + ".");
+}
+const std::string kOffset8 = "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. ";
+const Failure kOverlap(89, kOffset8 + "Offset of segm. 1:4095. Previous segm. end:4096.");
 
-TEST(CheckSegmentList, SizeMagnitudeStopsAtBit31UnlessSubDO) {
-  for (uint8_t dotype : {2, 3, 5}) {
-    SCOPED_TRACE("DO type " + std::to_string(dotype));
-    // Sizes 2^31 - 1 and 1 back to back, adding up to 2^31.
-    std::unique_ptr<DORecord> r =
-        Make(dotype, 1, 2147483648, 4096, Segs({{2147483647, 0}, {1, 2147483647}}));
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
+// Sizes 2^31 - 1 and 1 back to back, adding up to 2^31; `big` makes the
+// first 2^31 (moving the second to offset 2^31); `sub` marks a sub-DO.
+Rec Bit31(uint8_t dotype, bool big, bool sub) {
+  Rec r = Sized(dotype, 2147483648, 4096, {{2147483647, 0}, {1, 2147483647}});
+  if (big) {
     r->SetSegmentSize(0, 2147483648u);
     r->SetSegmentSize(1, 0);
     r->SetSegmentOffset(1, 2147483648u);
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kSizeMagnitude);
-    EXPECT_EQ(Thrown([&] { r->checkSegmentSizeEndiannes(); }), kSizeMagnitude);
-    r->SetSubDO(true);
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
-    EXPECT_EQ(Thrown([&] { r->checkSegmentSizeEndiannes(); }), kPass);
   }
+  r->SetSubDO(sub);
+  return r;
 }
 
-TEST(CheckSegmentList, OffsetMagnitudeStopsAtBit63EvenForSubDO) {
-  std::unique_ptr<DORecord> r =
-      Make(3, 1, 9223372036854775807u, 4096, Segs({{0, 9223372036854775807u}}));
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
-  r->SetSegmentOffset(0, 9223372036854775808u);
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kOffsetMagnitude);
-  r->SetSubDO(true);
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kOffsetMagnitude);
-  EXPECT_EQ(Thrown([&] { r->checkSegmentOffsetEndiannes(); }), kOffsetMagnitude);
-  // With both unsound, size is reported first unless the record is a sub-DO.
-  r->SetSubDO(false);
-  r->SetSegmentSize(0, 2147483648u);
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kSizeMagnitude);
+// One segment at offset 2^63 - 1 (`big`: 2^63), of size 0 (`bigSize`: 2^31).
+Rec Bit63(bool big, bool sub, bool bigSize = false) {
+  Rec r = Sized(3, 9223372036854775807u, 4096, {{0, 9223372036854775807u}});
+  if (big) r->SetSegmentOffset(0, 9223372036854775808u);
+  if (bigSize) r->SetSegmentSize(0, 2147483648u);
+  r->SetSubDO(sub);
+  return r;
 }
 
-TEST(CheckSegmentList, EightByteOffsetsMustNotOverlapOrPassTheEnd) {
-  const std::vector<Seg> two = Segs({{4096, 0}, {100, 4096}});
-  EXPECT_EQ(Thrown([&] { Make(3, 1, 4196, 4096, two); }), kPass);
-  EXPECT_EQ(Thrown([&] { Make(3, 1, 4195, 4096, two); }),
-            Failure(89, "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
-                        "Original file size:4195. End offset of last segment:4196. "));
-  // Gaps are fine, and a zero-size segment may share the next one's offset.
-  EXPECT_EQ(Thrown([&] { Make(3, 1, 9000, 4096, Segs({{0, 10}, {4096, 10}})); }), kPass);
+// Segment 1 of 4000 bytes in place of 4096.
+Rec ShortSum(uint8_t dotype, bool network) {
+  Rec r = Three(dotype);
+  r->SetSegmentSize(1, 4000);
+  if (network) r->HostToNetwork(0);
+  return r;
+}
 
-  std::unique_ptr<DORecord> r = Make(3, 1, 4196, 4096, two);
+// Segment 1 starts a byte before segment 0 ends.
+Rec Overlap(bool network) {
+  Rec r = Sized(3, 4196, 4096, {{4096, 0}, {100, 4096}});
   r->SetSegmentOffset(1, 4095);
-  const Failure overlap(89, "Segment list of DORecord CR_DO_TYPE_8_BYTE_OFFSET is corrupt. "
-                            "Offset of segm. 1:4095. Previous segm. end:4096.");
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), overlap);
-  r->HostToNetwork(0);
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), overlap);
+  if (network) r->HostToNetwork(0);
+  return r;
 }
 
-TEST(CheckSegmentList, DoTypeDecidesWhetherAnythingIsChecked) {
-  std::unique_ptr<DORecord> r = MakeThree(2, 1);
+Rec WithType(uint8_t dotype) {
+  Rec r = Three(2);
   r->SetSegmentSize(0, 2147483648u);  // unsound for DO type 2
-  DORecordHeader* h = r->GetHeader();
-  h->dotype = 255;
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), Failure(9, "invalid DO type"));
-  for (uint8_t dotype : {4, 6, 254}) {
-    h->dotype = dotype;
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
-  }
-  // A type without sizes reads all-ones in the size pass run on its own.
-  h->dotype = 200;
-  EXPECT_EQ(Thrown([&] { r->checkSegmentSizeEndiannes(); }),
-            Failure(89, "Segment list of a DORecord is corrupt. Segment 0 has size 4294967295 "
-                        "(> 2 GiB). Data is probably in wrong byte order (host vs. network "
-                        "order)"));
+  r->GetHeader()->dotype = dotype;
+  return r;
 }
 
-TEST(CheckSegmentList, EmptyListPassesOnlyForEmptyFileExceptType3) {
-  for (uint8_t dotype : {0, 1, 2, 3, 5}) {
-    SCOPED_TRACE("DO type " + std::to_string(dotype));
-    std::unique_ptr<DORecord> r = MakeThree(dotype, 1);
-    r->GetHeader()->nfp = 0;  // as a received record with no segments reads
-    EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }).first, dotype == 3 ? 0u : 89u);
-  }
+Rec NoSegments(uint8_t dotype) {
+  Rec r = Three(dotype);
+  r->GetHeader()->nfp = 0;  // as a received record with no segments reads
+  return r;
 }
 
-TEST(CheckSegmentList, MagnitudePassesRunAloneOnAnyType) {
-  // ssize 2^31 over two segments: within the total-size bound, yet every
-  // derived size has bit 31 set.
-  std::unique_ptr<DORecord> r = Make(0, 1, 4294967296u, 2147483648u, Segs({{0, 0}, {0, 0}}));
-  EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);
-  EXPECT_EQ(Thrown([&] { r->checkSegmentSizeEndiannes(); }), kSizeMagnitude);
-  EXPECT_EQ(Thrown([&] { MakeThree(2, 1)->checkSegmentOffsetEndiannes(); }),
-            Failure(89, "Segment list of a DORecord is corrupt. Segment 0 has offset "
-                        "18446744073709551615 (> 8192 PetaB). Data is probably in wrong byte "
-                        "order (host vs. network order)"));
+TEST(CheckSegmentList, EachFaultWithItsStatusAndText) {
+  struct Row {
+    Rec (*make)();
+    Check check;
+    Failure failure;
+  };
+  const Row rows[] = {
+      // Derived sizes (types 0, 1) bound the file size.
+      {[] { return Sized(0, 0, 4096, {{0, 0}, {0, 0}}); }, kList, kPass},
+      {[] { return Sized(1, 12288, 4096, {{0, 0}, {0, 0}, {0, 0}}); }, kList, kPass},
+      {[] { return Sized(0, 12289, 4096, {{0, 0}, {0, 0}, {0, 0}}); }, kList, Total(12289, 12288)},
+      {[] { return Sized(1, 12289, 4096, {{0, 0}, {0, 0}, {0, 0}}); }, kList, Total(12289, 12288)},
+      {[] { return NoSegments(0); }, kList, Total(10000, 0)},
+      // ssize 2^31 over two segments: within the total, yet each derived size has bit 31.
+      {[] { return Sized(0, 1ul << 32, 1ul << 31, {{0, 0}, {0, 0}}); }, kList, kPass},
+      {[] { return Sized(0, 1ul << 32, 1ul << 31, {{0, 0}, {0, 0}}); }, kSizes, kSizeMagnitude},
+      // Stored sizes add up to the file size, in either order.
+      {[] { return ShortSum(2, false); }, kList, Sum("CR_DO_TYPE_NO_OFFSET", 9904)},
+      {[] { return ShortSum(5, true); }, kList, Sum("CR_DO_TYPE_4_BYTE_OFFSET", 9904)},
+      {[] { return NoSegments(2); }, kList, Sum("CR_DO_TYPE_NO_OFFSET", 0)},
+      {[] { return NoSegments(3); }, kList, kPass},
+      // Sizes stop at bit 31 unless the record is a sub-DO.
+      {[] { return Bit31(2, false, false); }, kList, kPass},
+      {[] { return Bit31(2, true, false); }, kList, kSizeMagnitude},
+      {[] { return Bit31(3, true, false); }, kSizes, kSizeMagnitude},
+      {[] { return Bit31(5, true, false); }, kList, kSizeMagnitude},
+      {[] { return Bit31(5, true, true); }, kList, kPass},
+      {[] { return Bit31(3, true, true); }, kSizes, kPass},
+      // Offsets stop at bit 63 even for a sub-DO; a big size is reported first.
+      {[] { return Bit63(false, false); }, kList, kPass},
+      {[] { return Bit63(true, false); }, kList, kOffsetMagnitude},
+      {[] { return Bit63(true, true); }, kList, kOffsetMagnitude},
+      {[] { return Bit63(true, true); }, kOffsets, kOffsetMagnitude},
+      {[] { return Bit63(true, false, true); }, kList, kSizeMagnitude},
+      // Eight-byte offsets: no overlap, no end past the file; gaps are fine and a
+      // zero-size segment may share the next one's offset.
+      {[] { return Sized(3, 4196, 4096, {{4096, 0}, {100, 4096}}); }, kList, kPass},
+      {[] { return Sized(3, 4195, 4096, {{4096, 0}, {100, 4096}}); }, kList,
+       {89, kOffset8 + "Original file size:4195. End offset of last segment:4196. "}},
+      {[] { return Sized(3, 9000, 4096, {{0, 10}, {4096, 10}}); }, kList, kPass},
+      {[] { return Overlap(false); }, kList, kOverlap},
+      {[] { return Overlap(true); }, kList, kOverlap},
+      // The DO type decides whether anything is checked.
+      {[] { return WithType(255); }, kList, {9, "invalid DO type"}},
+      {[] { return WithType(4); }, kList, kPass},
+      {[] { return WithType(6); }, kList, kPass},
+      {[] { return WithType(254); }, kList, kPass},
+      // Passes run alone read all-ones where a type has no such field.
+      {[] { return WithType(200); }, kSizes, Magnitude("size 4294967295 (> 2 GiB)")},
+      {[] { return Three(2); }, kOffsets, Magnitude("offset 18446744073709551615 (> 8192 PetaB)")},
+  };
+  for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
+    SCOPED_TRACE("row " + std::to_string(i));
+    const Row& row = rows[i];
+    EXPECT_EQ(Thrown([&] {
+                Rec r = row.make();
+                if (row.check == kList) r->checkSegmentList();
+                if (row.check == kSizes) r->checkSegmentSizeEndiannes();
+                if (row.check == kOffsets) r->checkSegmentOffsetEndiannes();
+              }),
+              row.failure);
+  }
 }
 
 }  // namespace
