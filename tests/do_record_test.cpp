@@ -65,10 +65,15 @@ TEST(DORecordStored, ReopenedRecordsKeepTheirReferencesAndGrowAsTheirModeSays) {
       EXPECT_EQ(r.GetHeader(), buffer);
       EXPECT_EQ(r.GetAllocatedSize(), size);
       if (mode == 0) {
+        // Changes undo themselves when the buffer may not grow.
         EXPECT_EQ(Thrown([&] { r.AddTaskID(99); }), Failure(9, kCannotGrow));
+        EXPECT_EQ(Thrown([&] { r.AddSerializedTRefs("\x06\x01\x07", 3); }),
+                  Failure(9, kCannotGrow));
         EXPECT_EQ(Thrown([&] { r.expand(size + 1); }), Failure(9, kCannotGrow));
         EXPECT_EQ(Section(r), refs.vec());
-        EXPECT_EQ(r.GetAllocatedSize(), size);
+        EXPECT_EQ((std::vector<unsigned long>{r.GetNTRefs(), r.getTRefsSize(), r.getRecSize(),
+                                              r.GetAllocatedSize(), r.GetMTime()}),
+                  (std::vector<unsigned long>{3, refs.size(), size, size, 20}));
       } else {
         EXPECT_EQ(r.AddTaskID(99), 0);
         EXPECT_EQ(r.GetBufferMode(), 2u);

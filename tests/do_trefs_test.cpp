@@ -3,7 +3,6 @@
 // section (corrupt, duplicate, kind 0), and the walk over all references.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -254,21 +253,6 @@ TEST(DORecordTRefs, WalkSkipsKindZeroAndEndsAtTheEndKind) {
   ++end;
   EXPECT_EQ(end, r->GetTRefEnd());
   EXPECT_EQ(It(), It());
-}
-
-TEST(DORecordTRefs, ChangesUndoThemselvesWhenTheBufferMayNotGrow) {
-  DORecordHeader* buffer = MallocCopy(RecordBytes(*SmallRecord()));
-  {
-    DORecord r(buffer, kSmallSize, 0);
-    EXPECT_EQ(Thrown([&] { r.AddTaskID(5); }), Failure(9, kCannotGrow));
-    EXPECT_EQ(Thrown([&] { r.AddSerializedTRefs("\x04\x01\x07", 3); }), Failure(9, kCannotGrow));
-    EXPECT_EQ(r.GetNTRefs(), 0u);
-    EXPECT_FALSE(r.HasTaskID(5));
-    EXPECT_EQ(r.getTRefsSize(), 0u);
-    EXPECT_EQ(r.getRecSize(), kSmallSize);
-    EXPECT_EQ(r.GetMTime(), 20u);
-  }
-  std::free(buffer);
 }
 
 TEST(DORecordTRefs, RawReferencesAreTakenOverOrCopiedAsPromised) {
