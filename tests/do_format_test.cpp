@@ -152,21 +152,6 @@ TEST(DORecordFormat, HtonConvertsNumbersAndLeavesBytesAndContainersAlone) {
   EXPECT_EQ(buf.bytes(), host.vec());
 }
 
-TEST(DORecordFormat, HtonConvertsObjectOffsetsOfType5AndNothingOfType0) {
-  Bytes t5 = Image(80 + 32, 0, 1, 0, 0, 0, 0, 1, 5);
-  t5.zeros(16).le32(7).le32(9).le64(64);
-  Buffer b5(t5);
-  DORecordHeaderHton(b5.h());
-  EXPECT_EQ(Hex(b5.p + 96, 8), "0000000700000009");
-  EXPECT_EQ(Hex(b5.p + 104, 8), "4000000000000000");  // DCID untouched
-
-  Bytes t0 = Image(80 + 24, 0, 1, 0, 0, 0, 0, 1, 0);
-  t0.raw(PatternFP(1, 16).data(), 16).le64(64);
-  Buffer b0(t0);
-  DORecordHeaderHton(b0.h());
-  EXPECT_EQ(BytesAt(b0.p + 80, 24), BytesAt(t0.data() + 80, 24));
-}
-
 TEST(DORecordFormat, ValidateAcceptsASoundRecordInEitherOrderAndChecksTheUniqueDCIDs) {
   Buffer buf(Type3Record(true));
   const uint32_t n = uint32_t(buf.size);
