@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "do_records.h"
@@ -162,6 +163,16 @@ TEST(DORecordFormat, ValidateAcceptsASoundRecordInEitherOrderAndChecksTheUniqueD
   DORecordHeaderNtoh(buf.h());
   buf.p[n - 8] ^= 1;  // one bit of the byte count
   EXPECT_EQ(DORecordHeaderValidate(buf.h(), n, 0), 32u);
+
+  // A Bloom record's length word tells the bitmap size in either byte order.
+  for (uint32_t word : {0x00000002u, 0x02000000u, 0x00000003u}) {
+    Buffer bloom(Image(80 + 4 + 2 + 16, 0, 0, 0, 0, 0, 2, 1, 4).le32(word).zeros(2 + 16));
+    LogCapture log(/*trace=*/true);
+    EXPECT_EQ(DORecordHeaderValidate(bloom.h(), 80 + 4 + 2 + 16, 0), word == 3 ? 32u : 0u);
+    EXPECT_EQ(log.texts(), word == 3 ? std::vector<std::string>{"Invalid DO record: Bloom "
+                                                                "length word 3, bitmap size 2"}
+                                     : std::vector<std::string>{});
+  }
 }
 
 TEST(DORecordFormat, ValidateRefusesEachFaultWithItsTraceLine) {
