@@ -153,10 +153,10 @@ TEST(DORecordStored, OldListsBecomeReferencesBehindTheData) {
     unsigned int mode;
     Bytes section;
   };
-  Row rows[] = {{{7, 3, 7}, {}, 2, {}}, {{}, {50, 40}, 2, {}}, {{9, 4}, {100, 50, 100}, 1, {}}};
+  Row rows[] = {{{7, 3, 7}, {}, 2, {}}, {{}, {50, 40}, 2, {}}, {{9}, {100, 50, 100}, 1, {}}};
   rows[0].section.u8(2).u8(8).be64(3).u8(2).u8(8).be64(7);
   rows[1].section.u8(4).u8(4).be32(40).u8(4).u8(4).be32(50);
-  rows[2].section.u8(2).u8(8).be64(4).u8(2).u8(8).be64(9);
+  rows[2].section.u8(2).u8(8).be64(9);
   rows[2].section.u8(4).u8(4).be32(50).u8(4).u8(4).be32(100);
   for (const Row& row : rows) {
     Bytes body;

@@ -69,6 +69,15 @@ TEST(DORecordText, EachDOTypeWritesItsEntries) {
   }
   auto bloom = crtest::BuildBloom(crtest::PatternBitmap(3), {}, 1, 0xABCD, 0xABC);
   EXPECT_EQ(Form(*bloom, false), Head(20, 4, 0) + "[[]],[]");
+  // A stream set to hex writes every number in hex.
+  const std::vector<Seg> segs = Segments();
+  std::ostringstream os;
+  os << std::hex;
+  Build(2)->ToStream(os, false);
+  EXPECT_EQ(os.str(), "3,1,2,abc,2710,1000,abcd,a,14,1,2,3,[[" +
+                          crtest::Hex(segs[0].fp.data(), 16) + ",1000],[" +
+                          crtest::Hex(segs[1].fp.data(), 16) + ",1000],[" +
+                          crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
 }
 
 TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
@@ -174,6 +183,10 @@ TEST(DORecordEquality, OnlyTheIdentityReferencesAndByteOrderCount) {
          a->HostToNetwork(0);
          b->HostToNetwork(0);
        }, true},
+      {"kind-0 payloads", [](DORecord* a, DORecord* b) {
+         LoadSection(*a, {0, 1, 0xA1});
+         LoadSection(*b, {0, 1, 0xA2});
+       }, false},
       {"kind-3 payloads", [](DORecord* a, DORecord* b) {
          LoadSection(*a, {3, 1, 0xA1, 3, 1, 0xA2});
          LoadSection(*b, {3, 1, 0xA1, 3, 1, 0xA3});

@@ -156,6 +156,7 @@ TEST(DORecordTRefs, SizeFieldsAndMTimeFollowEveryChange) {
   EXPECT_EQ(sizes(), expect(21));
   EXPECT_EQ(r->calcTRefsSize(), 21u);
   EXPECT_EQ(r->GetTRefTypeTotalSize(CR_TREF_TYPE_DSID), 6u);
+  EXPECT_EQ(r->GetTRefTypeTotalSize(CR_TREF_TYPE_END), 0u);  // a kind with no set
 
   EXPECT_TRUE(Stamps(*r, [&] { EXPECT_EQ(r->DelTRef(Ref(9)), 0u); }));  // absent
   const _cr_tref_t* none = nullptr;
@@ -191,6 +192,7 @@ TEST(DORecordTRefs, SectionIsWrittenKindByKindInSetOrder) {
 TEST(DORecordTRefs, CorruptThirdReferenceKeepsTheFirstTwo) {
   struct Case { std::vector<uint8_t> third; cr_status_t status; const char* text; };
   for (const Case& c : {Case{{6, 0}, 121, "malformed input"},
+                        Case{{11, 1, 0xAA}, 121, "malformed input"},  // past the last kind
                         Case{{9, 4, 0xAA}, 120, "truncated input"}}) {
     auto r = SmallRecord();
     Bytes section;
