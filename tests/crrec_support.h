@@ -1,25 +1,28 @@
-// Shared pieces of the tool's tests: reproducible input bytes, reference
-// digests computed with OpenSSL, and the one line a refusal prints.
+// Shared pieces of the tool's tests: reproducible input bytes, records built
+// by the tool, the line a refusal prints, and runs of the command line.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <stdlib.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "build.h"
 #include "cli.h"
 #include "util.h"
 
 namespace crtest {
 
+using Image = std::vector<unsigned char>;
+
 // Xorshift bytes: the same for the same seed on every machine.
-inline std::vector<unsigned char> Noise(size_t n, uint64_t seed) {
-  std::vector<unsigned char> v(n);
+inline Image Noise(size_t n, uint64_t seed) {
+  Image v(n);
   uint64_t x = seed * 0x9e3779b97f4a7c15ull + 7;
   for (auto& b : v) {
     x ^= x << 13;
@@ -30,11 +33,21 @@ inline std::vector<unsigned char> Noise(size_t n, uint64_t seed) {
   return v;
 }
 
-inline std::vector<unsigned char> Digest(const EVP_MD* md, const unsigned char* p, size_t n) {
-  unsigned char out[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
-  EVP_Digest(p, n, out, &len, md, nullptr);
-  return std::vector<unsigned char>(out, out + len);
+// A record of `size` noise bytes in containers of 100000, with a task-ID
+// and a DSID reference unless told; DO types 0 and 1 cut fixed sizes.
+inline crrec::Built BuildNoise(unsigned char dotype, unsigned char fptype, size_t size = 300000,
+                               bool refs = true) {
+  static const Image data = Noise(400000, 3);
+  crrec::BuildOptions o;
+  o.dotype = dotype;
+  o.fptype = fptype;
+  o.containerSize = 100000;
+  o.time = 1600000000;
+  o.chunking.kind = dotype <= 1 ? crrec::ChunkerKind::kFixed : crrec::ChunkerKind::kContentDefined;
+  if (refs) o.taskIds = {42};
+  if (refs) o.dsids = {5};
+  crrec::MemorySource source(data.data(), size);
+  return crrec::BuildRecord(source, "built", o);
 }
 
 // "<exit code> <line>" of the ToolError the call throws, or "done".
@@ -71,6 +84,15 @@ class ScratchDir : public ::testing::Test {
   }
   void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Write(const std::string& name, const Image& bytes) const {
+    std::ofstream(Path(name), std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
+    return Path(name);
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream f(Path(name), std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  }
   std::string dir_;
 };
 
