@@ -27,16 +27,32 @@ std::string At(std::string s, const std::string& dir) {
 class CrrecCli : public crtest::ScratchDir {};
 
 TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
-  ASSERT_EQ(Crrec({"gen", Path("in.bin"), "--size", "64K"}).code, 0);
-  ASSERT_EQ(Crrec({"build", Path("in.bin"), "-q", "--time", "5", "-o", Path("r.stored"), "-j",
-                   Path("r.json"), "-s", Path("r\x1b[2J.ser")}).code, 0);
-  ASSERT_EQ(Crrec({"build", Path("in.bin"), "-q", "--dotype", "2", "--fptype", "1", "--crc",
+  ASSERT_EQ(Crrec({"gen", Path("g"), "--size", "8K", "--seed", "1"}).code, 0);
+  std::ofstream(Path("in")) << Read("g") << Read("g").substr(0, 4096);
+  const std::vector<std::string> golden[] = {
+      {"build", "@in", "--chunker", "fixed", "--segment-size", "4K", "--dotype", "3", "--fptype",
+       "1", "--time", "1700000000", "--taskid", "42", "--dsid", "7", "--container-size", "4K",
+       "--no-progress", "-o", "@r", "-s", "@r.ser", "-j", "@r.json"},
+      {"show", "@r", "--all"}, {"show", "@r", "--json"}, {"verify", "@r.ser", "--fptype", "1"},
+      {"verify", "--json", "@r", "@bad", "@missing"}};
+  std::string transcript;
+  for (const auto& command : golden) {
+    std::vector<std::string> args;
+    for (const std::string& a : command) args.push_back(At(a, dir_));
+    const Result r = Crrec(args);
+    transcript += "$ crrec " + command[0] + " (exit " + std::to_string(r.code) + ")\n" + r.out;
+    if (command[0] == "build") std::ofstream(Path("bad")) << Read("r").replace(8, 1, "\1");
+  }
+  for (size_t at; (at = transcript.find(dir_ + "/")) != std::string::npos;) {
+    transcript.erase(at, dir_.size() + 1);
+  }
+  const std::string source = __FILE__;
+  std::ifstream f(source.substr(0, source.rfind('/')) + "/golden/crrec_show.txt");
+  EXPECT_EQ(transcript, std::string(std::istreambuf_iterator<char>(f), {}));
+  ASSERT_EQ(Crrec({"build", Path("in"), "-q", "-s", Path("r\x1b[2J.ser")}).code, 0);
+  ASSERT_EQ(Crrec({"build", Path("in"), "-q", "--dotype", "2", "--fptype", "1", "--crc",
                    "0x1234", "--no-checksum", "-s", Path("nock.ser")}).code, 0);
-  std::string damaged = Read("r.stored");
-  damaged[8] = 1;
-  crtest::Image b(damaged.begin(), damaged.end());
-  Write("b", b);
-  Write("empty", {});
+  std::ofstream(Path("empty")).flush();
   std::ofstream(Path("kept")) << "old";
   std::ofstream(Path("c.json")) << R"({"form": "\u001b[31m\u0007\u009b"})";
   crrec::Json j = crrec::Json::parse(Read("r.json"));
@@ -51,7 +67,7 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
                 crtest::SlowAdler32(nock.data() + 28, nock.size() - 28));
   const std::string warn = "@nock.ser: warning: " + std::string(text);
   const std::string untrusted = "@nock.ser: checksum: " + std::string(text);
-  const std::string bad = "@b: reserved: header bytes 8-11 are 01000000";
+  const std::string bad = "@bad: reserved: header bytes 8-11 are 01000000";
   const std::string gone = "@missing: cannot open: No such file or directory";
   const std::string full = ": cannot write: No space left on device";
   const std::string l9(10000, '9'), lx(10000, 'x');
@@ -65,59 +81,54 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
        "--to: xml not in {stored,serialized,text,json} (see crrec --help)"},
       {{"build", "@missing", "--chunker", "cdc", "--segment-size", "4K"}, 2,
        "@missing: --segment-size is for --chunker fixed"},
-      {{"build", "@in.bin", "--dotype", "0", "--chunker", "cdc"}, 2, "@in.bin: DO types 0 and 1 "
+      {{"build", "@in", "--dotype", "0", "--chunker", "cdc"}, 2, "@in: DO types 0 and 1 "
        "derive segment sizes from one segment size: use --chunker fixed"},
-      {{"show", "@r.stored", "--dotype", "9"}, 2, "@r.stored: --dotype: 9 is not in 0 to 5"},
-      {{"digest", "@r.stored", "--fptype", "0x7"}, 2, "@r.stored: --fptype: 0x7 is not in 1 to 3"},
-      {{"verify", "@r.stored", "--fptype", "0"}, 2, "@r.stored: --fptype: 0 is not in 1 to 3"},
-      {{"build", "@in.bin", "--dotype", "256"}, 2, "@in.bin: --dotype: 256 is larger than 255"},
-      {{"build", "@in.bin", "--crc", "4294967296"}, 2,
-       "@in.bin: --crc: 4294967296 is larger than 4294967295"},
-      {{"build", "@in.bin", "--crc", "12a"}, 2, "@in.bin: --crc: \"12a\" is not a number"},
-      {{"show", "@r.stored", "--cid", "0x"}, 2, "@r.stored: --cid: \"0x\" is not a number"},
-      {{"build", "@in.bin", "--dotype", "3", "--dotype", "2"}, 2,
+      {{"show", "@r", "--dotype", "9"}, 2, "@r: --dotype: 9 is not in 0 to 5"},
+      {{"digest", "@r", "--fptype", "0x7"}, 2, "@r: --fptype: 0x7 is not in 1 to 3"},
+      {{"build", "@in", "--dotype", "256"}, 2, "@in: --dotype: 256 is larger than 255"},
+      {{"build", "@in", "--crc", "4294967296"}, 2,
+       "@in: --crc: 4294967296 is larger than 4294967295"},
+      {{"build", "@in", "--crc", "12a"}, 2, "@in: --crc: \"12a\" is not a number"},
+      {{"build", "@in", "--dotype", "3", "--dotype", "2"}, 2,
        "--dotype: At Most 1 required but received 2 (see crrec --help)"},
-      {{"build", "@in.bin", "--dotype", "4", "--bloom-bytes", "0"}, 2,
-       "@in.bin: --bloom-bytes: 0 is less than 1"},
-      {{"build", "@in.bin", "--time", "0x0"}, 2,
-       "@in.bin: --time: 0 stands for the current time: give 1 or more, or leave --time out"},
+      {{"build", "@in", "--dotype", "4", "--bloom-bytes", "0"}, 2,
+       "@in: --bloom-bytes: 0 is less than 1"},
+      {{"build", "@in", "--time", "0x0"}, 2,
+       "@in: --time: 0 stands for the current time: give 1 or more, or leave --time out"},
       {{"gen", "@g", "--size", "K"}, 2, "@g: --size: \"K\" is not a size"},
       {{"gen", "@g", "--size", "5Kx"}, 2, "@g: --size: \"5Kx\" has an unknown unit"},
-      {{"gen", "@g", "--size", "0x10"}, 2, "@g: --size: \"0x10\" has an unknown unit"},
-      {{"gen", "@g", "--size", "99999999999999999999"}, 2,
-       "@g: --size: \"99999999999999999999\" is too large"},
       {{"gen", "@g", "--size", "17179869184G"}, 2, "@g: --size: \"17179869184G\" is too large"},
-      {{"show", "@r.stored", "-n", "-1"}, 2, "@r.stored: --segments: \"-1\" is not a number"},
-      {{"show", "@r.stored", "-n", ""}, 2, "@r.stored: --segments: an empty value"},
-      {{"build", "@in.bin", "-o", ""}, 2, "@in.bin: --stored: an empty value"},
-      {{"build", "@in.bin", "-o", "-", "-j", "-"}, 2, "@in.bin: -o and -j name the same file"},
-      {{"build", "@in.bin", "--min", "4K", "--avg", "2K"}, 2,
-       "@in.bin: segment sizes must grow: minimum 4096 < average 2048 < maximum 16384"},
-      {{"build", "@in.bin", "--min", "32"}, 2,
-       "@in.bin: the minimum segment size must be at least 64 bytes"},
-      {{"build", "@in.bin", "--chunker", "fixed", "--segment-size", "0"}, 2,
-       "@in.bin: the segment size must be at least 1 byte"},
-      {{"build", "@in.bin", "--first-dcid", "63"}, 2,
-       "@in.bin: DCIDs below 64 are invalid: --first-dcid must be at least 64"},
-      {{"show", "@r.stored", "--text", "--json"}, 2, "@r.stored: --text or --json, not both"},
+      {{"show", "@r", "-n", "-1"}, 2, "@r: --segments: \"-1\" is not a number"},
+      {{"show", "@r", "-n", ""}, 2, "@r: --segments: an empty value"},
+      {{"build", "@in", "-o", ""}, 2, "@in: --stored: an empty value"},
+      {{"build", "@in", "-o", "-", "-j", "-"}, 2, "@in: -o and -j name the same file"},
+      {{"build", "@in", "--min", "4K", "--avg", "2K"}, 2,
+       "@in: segment sizes must grow: minimum 4096 < average 2048 < maximum 16384"},
+      {{"build", "@in", "--min", "32"}, 2,
+       "@in: the minimum segment size must be at least 64 bytes"},
+      {{"build", "@in", "--chunker", "fixed", "--segment-size", "0"}, 2,
+       "@in: the segment size must be at least 1 byte"},
+      {{"build", "@in", "--first-dcid", "63"}, 2,
+       "@in: DCIDs below 64 are invalid: --first-dcid must be at least 64"},
+      {{"show", "@r", "--text", "--json"}, 2, "@r: --text or --json, not both"},
       // Outputs are refused before the input is read; nothing is written.
       {{"build", "@missing", "-o", "@no/x"}, 2, "@no/x: cannot create: No such file or directory"},
       {{"convert", "@missing", "--to", "json", "-o", "@."}, 2, "@.: is a directory"},
-      {{"build", "@in.bin", "-q", "-o", "@new", "-s", "@no/x"}, 2,
+      {{"build", "@in", "-q", "-o", "@new", "-s", "@no/x"}, 2,
        "@no/x: cannot create: No such file or directory"},
       {{"build", "@missing", "-q", "-o", "@kept"}, 2, gone},
-      {{"build", "@in.bin", "-q", "-o", "/dev/full"}, 1, "/dev/full" + full},
-      {{"convert", "@r.stored", "--to", "json", "-o", "/dev/full"}, 1, "/dev/full" + full},
-      {{"build", "@in.bin", "-q", "-o", "@kept", "-s", "/dev/full"}, 1, "/dev/full" + full},
+      {{"build", "@in", "-q", "-o", "/dev/full"}, 1, "/dev/full" + full},
+      {{"convert", "@r", "--to", "json", "-o", "/dev/full"}, 1, "/dev/full" + full},
+      {{"build", "@in", "-q", "-o", "@kept", "-s", "/dev/full"}, 1, "/dev/full" + full},
       {{"build", "@empty", "-q", "-o", "@new"}, 1,
        "@empty: empty input: a DO record needs at least one segment"},
       {{"verify", "@empty"}, 1, "@empty: empty file"},
       // Text from outside is escaped and cut, wherever it comes from.
       {{"verify", "@a\nb\x1b]0;\xff"}, 2, "@a\\nb\\x1b]0;\\xff: cannot open: No such file or "
        "directory"},
-      {{"show", "@r.stored", "--cid", l9}, 2,
-       "@r.stored: --cid: " + l9.substr(0, 200) + "... is larger than 18446744073709551615"},
-      {{"show", "@r.stored", "--" + lx}, 2,
+      {{"show", "@r", "--cid", l9}, 2,
+       "@r: --cid: " + l9.substr(0, 200) + "... is larger than 18446744073709551615"},
+      {{"show", "@r", "--" + lx}, 2,
        ("The following argument was not expected: --" + lx).substr(0, 400) +
            "... (see crrec --help)"},
       {{"verify", "@" + lx.substr(0, 250)}, 2, At("@" + lx, dir_).substr(0, 200) + "...: cannot "
@@ -139,15 +150,15 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
       {{"convert", "@nock.ser", "--fptype=1", "--no-checksum", "--to", "serialized",
         "--with-checksum", "-o", "@sum.ser"}, 0, ""},
       // Several files: every one is tried, and the worst status is the exit.
-      {{"verify", "-q", "@r.stored", "@r.stored"}, 0, ""},
-      {{"verify", "-q", "@r.stored", "@b", "@r.stored"}, 1, bad},
-      {{"verify", "-q", "@missing", "@b", "@r.stored"}, 2, gone + "\ncrrec: " + bad},
-      {{"digest", "@r.stored", "@missing", "@r.stored"}, 2, gone},
+      {{"verify", "-q", "@r", "@r"}, 0, ""},
+      {{"verify", "-q", "@r", "@bad", "@r"}, 1, bad},
+      {{"verify", "-q", "@missing", "@bad", "@r"}, 2, gone + "\ncrrec: " + bad},
+      {{"digest", "@r", "@missing", "@r"}, 2, gone},
       // Converting runs every check first; byte order is kept unless told.
       {{"convert", "@bad.json", "--to", "serialized", "-o", "@out"}, 1,
        "@bad.json: size: size " + std::to_string(std::stoull(size) + 1) +
            ", but the last segment ends at " + size},
-      {{"convert", "@r.stored", "--to", "stored", "--network-order", "-o", "@net"}, 0, ""},
+      {{"convert", "@r", "--to", "stored", "--network-order", "-o", "@net"}, 0, ""},
       {{"convert", "@net", "--to", "json", "-o", "@net.json"}, 0, ""},
       {{"convert", "@net.json", "--to", "stored", "-o", "@net2"}, 0, ""},
       {{"convert", "@net2", "--to", "stored", "--host-order", "-o", "@host"}, 0, ""},
@@ -172,11 +183,11 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
   EXPECT_EQ(sum.substr(20), nock.substr(20));
   EXPECT_EQ(Read("net").substr(0, 2), std::string("\0\3", 2));
   EXPECT_EQ(Read("net2"), Read("net"));
-  EXPECT_EQ(Read("host"), Read("r.stored"));
+  EXPECT_EQ(Read("host"), Read("r"));
   // A record read from a serialized form has ctime and mtime 0, or --time.
   EXPECT_EQ(Read("t0").substr(44, 8), std::string(8, '\0'));
   EXPECT_EQ(Read("t1").substr(44, 8), "\4\3\2\1\4\3\2\1");
-  const std::string made = "in.bin|r.stored|r.json|r\x1b\\[2J.ser|nock.ser|b|empty|kept|c.json|"
+  const std::string made = "g|in|r|r.ser|r.json|r\x1b\\[2J.ser|nock.ser|bad|empty|kept|c.json|"
                            "bad.json|same.ser|sum.ser|net|net.json|net2|host|t0|t1";
   EXPECT_EQ(std::system(("ls -A " + dir_ + " | grep -Evqx '" + made + "'").c_str()), 256)
       << "a file was left behind";
@@ -185,44 +196,13 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
 TEST(CrrecText, PrintableEscapesControlsAndBadUtf8AndCutsWholeCharacters) {
   const std::pair<std::string, std::string> cases[] = {
       {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
-      {"a\tb\r\n\x1b[2J\x7f", "a\\tb\\r\\n\\x1b[2J\\x7f"},
       {"\xc2\x9b" "1m \xc2\xa0", "\\xc2\\x9b1m \xc2\xa0"},                    // C1 CSI; NBSP stays
       {"\xe2\x80\xaetxt\xe2\x81\xa6", "\\xe2\\x80\\xaetxt\\xe2\\x81\\xa6"},  // bidi controls
       {"\xff\xc3(\xed\xa0\x80\xe2\x82", "\\xff\\xc3(\\xed\\xa0\\x80\\xe2\\x82"},
-      {std::string(199, 'x') + "\x01", std::string(199, 'x') + "..."},
       {std::string(199, 'x') + "\xc3\xa9", std::string(199, 'x') + "..."},
       {std::string(200, 'x'), std::string(200, 'x')}};
   for (const auto& c : cases) EXPECT_EQ(crrec::Printable(c.first), c.second) << c.second;
-  EXPECT_EQ(crrec::ParseSize("8KiB") + crrec::ParseSize("1G"), 8192u + 1073741824u);
   EXPECT_EQ(crrec::ParseNumber("0xfeedBEEF", UINT32_MAX, "--crc"), 0xfeedbeefu);
-}
-
-// Three segments of 4096, 4096 and 2048 bytes; the third repeats the first.
-// The fingerprints are the MD5 sums of the slices, the CRC that of the file.
-TEST_F(CrrecCli, BuildShowAndVerifyPrintTheGoldenTranscript) {
-  ASSERT_EQ(Crrec({"gen", Path("g"), "--size", "8K", "--seed", "1"}).code, 0);
-  const std::string g = Read("g");
-  std::ofstream(Path("in")) << g << g.substr(0, 4096);
-  const std::vector<std::vector<std::string>> commands = {
-      {"build", "@in", "--chunker", "fixed", "--segment-size", "4K", "--dotype", "3", "--fptype",
-       "1", "--time", "1700000000", "--taskid", "42", "--dsid", "7", "--container-size", "4K",
-       "--no-progress", "-o", "@r", "-s", "@r.ser"},
-      {"show", "@r", "--all"}, {"show", "@r", "--json"}, {"verify", "@r.ser", "--fptype", "1"},
-      {"verify", "--json", "@r", "@bad", "@missing"}};
-  std::string transcript;
-  for (const auto& command : commands) {
-    std::vector<std::string> args;
-    for (const std::string& a : command) args.push_back(At(a, dir_));
-    const Result r = Crrec(args);
-    transcript += "$ crrec " + command[0] + " (exit " + std::to_string(r.code) + ")\n" + r.out;
-    if (command[0] == "build") std::ofstream(Path("bad")) << Read("r").replace(8, 1, "\1");
-  }
-  for (size_t at; (at = transcript.find(dir_ + "/")) != std::string::npos;) {
-    transcript.erase(at, dir_.size() + 1);
-  }
-  const std::string source = __FILE__;
-  std::ifstream f(source.substr(0, source.rfind('/')) + "/golden/crrec_show.txt");
-  EXPECT_EQ(transcript, std::string(std::istreambuf_iterator<char>(f), {}));
 }
 
 }  // namespace

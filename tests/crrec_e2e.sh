@@ -34,8 +34,6 @@ cmp -s pipe.stored r.stored || fail "a pipe and a file built different records"
 "$crrec" convert - --to json <r.stored | cmp -s - r.json || fail "convert from stdin to stdout"
 "$crrec" convert r.json --to serialized -o - | "$crrec" verify -q --fptype 2 - ||
   fail "serialized through a pipe does not verify"
-cmp -s <("$crrec" digest r.stored | cut -d' ' -f1) <("$crrec" digest --fptype 2 r.ser | cut -d' ' -f1) ||
-  fail "the digest depends on the form"
 
 # A stream is refused once its first bytes bound it, not read to its end.
 expect 1 "crrec: /dev/zero: more bytes than any record that begins with these bytes (56 at most)" \

@@ -34,9 +34,8 @@ inline Image Noise(size_t n, uint64_t seed) {
 }
 
 // A record of `size` noise bytes in containers of 100000, with a task-ID
-// and a DSID reference unless told; DO types 0 and 1 cut fixed sizes.
-inline crrec::Built BuildNoise(unsigned char dotype, unsigned char fptype, size_t size = 300000,
-                               bool refs = true) {
+// and a DSID reference; DO types 0 and 1 cut fixed sizes.
+inline crrec::Built BuildNoise(unsigned char dotype, unsigned char fptype, size_t size = 300000) {
   static const Image data = Noise(400000, 3);
   crrec::BuildOptions o;
   o.dotype = dotype;
@@ -44,11 +43,18 @@ inline crrec::Built BuildNoise(unsigned char dotype, unsigned char fptype, size_
   o.containerSize = 100000;
   o.time = 1600000000;
   o.chunking.kind = dotype <= 1 ? crrec::ChunkerKind::kFixed : crrec::ChunkerKind::kContentDefined;
-  if (refs) o.taskIds = {42};
-  if (refs) o.dsids = {5};
+  o.taskIds = {42};
+  o.dsids = {5};
   crrec::MemorySource source(data.data(), size);
   return crrec::BuildRecord(source, "built", o);
 }
+
+// A segment DB record: one task ID (42), one MD5 fingerprint, DCID 1000.
+constexpr const char* kSegmentDbHex =
+    "0200020080000000000000000100000000f1536500000000e8030000000000000000000000000000"
+    "00000100000000000700000001000000404142434445464748494a4b4c4d4e4f5051525354555657"
+    "58595a5b5c5d5e5f60010400000000002a000000000000000102030405060708090a0b0c0d0e0f10"
+    "0000000000000000";
 
 // "<exit code> <line>" of the ToolError the call throws, or "done".
 template <typename F>
@@ -84,11 +90,6 @@ class ScratchDir : public ::testing::Test {
   }
   void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  std::string Write(const std::string& name, const Image& bytes) const {
-    std::ofstream(Path(name), std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
-    return Path(name);
-  }
   std::string Read(const std::string& name) const {
     std::ifstream f(Path(name), std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());

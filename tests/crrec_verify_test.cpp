@@ -40,13 +40,8 @@ TEST(CrrecVerify, EachDamageIsNamedByTheCheckItFails) {
   auto ser = [](int t) { return crrec::SerializedBytes(*crtest::BuildNoise(t, 2).record, 1, "b"); };
   const Image do0 = stored(0), ser1 = ser(1), do3 = stored(3), ser3 = ser(3), do4 = stored(4);
   const Image ser4 = ser(4);
-  // A segment DB record: one task ID (42), one MD5 fingerprint, DCID 1000.
   Image seg;
-  ASSERT_TRUE(crrec::HexDecode(
-      "0200020080000000000000000100000000f1536500000000e8030000000000000000000000000000"
-      "00000100000000000700000001000000404142434445464748494a4b4c4d4e4f5051525354555657"
-      "58595a5b5c5d5e5f60010400000000002a000000000000000102030405060708090a0b0c0d0e0f10"
-      "0000000000000000", &seg));
+  ASSERT_TRUE(crrec::HexDecode(crtest::kSegmentDbHex, &seg));
   // Stored layout: size at 24, ssize at 32, nfp at 56, bsize at 72; the
   // unique-DCID section behind 36-byte DO type 3 entries and 8-byte DCIDs,
   // or behind a Bloom record's length word, bitmap and 16 reserved bytes.
