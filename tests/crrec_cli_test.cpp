@@ -1,20 +1,52 @@
 // The tool's command line, in process: one table of {arguments, exit code,
 // standard error}, and one golden transcript of build, show and verify.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "crrec_support.h"
+#include "cli.h"
 #include "json.h"
+#include "util.h"
 #include "test_support.h"
 
 namespace {
 
-using crtest::Crrec;
-using crtest::Result;
+// One run of the command line, in process.
+struct Result {
+  int code;
+  std::string out, err;
+};
+
+Result Crrec(std::vector<std::string> args) {
+  args.insert(args.begin(), "crrec");
+  std::ostringstream out, err;
+  const int code = crrec::Run(args, out, err);
+  return Result{code, out.str(), err.str()};
+}
+
+// A test with a scratch directory of its own, removed afterwards.
+class CrrecCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/crrec_test_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Read(const std::string& name) const {
+    std::ifstream f(Path(name), std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  }
+  std::string dir_;
+};
+
 
 // Replaces every '@' by the scratch directory and a slash.
 std::string At(std::string s, const std::string& dir) {
@@ -23,8 +55,6 @@ std::string At(std::string s, const std::string& dir) {
   }
   return s;
 }
-
-class CrrecCli : public crtest::ScratchDir {};
 
 TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
   ASSERT_EQ(Crrec({"gen", Path("g"), "--size", "8K", "--seed", "1"}).code, 0);
@@ -139,10 +169,8 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
        "assumed 2 (say --fptype)"},
       // A head that is not the body's checksum: said, and never laundered.
       {{"show", "@nock.ser", "--fptype=1"}, 0, warn},
-      {{"digest", "@nock.ser", "--fptype=1"}, 0, warn},
       {{"verify", "@nock.ser", "--fptype=1", "-q"}, 1, untrusted},
       {{"convert", "@nock.ser", "--fptype=1", "--to", "stored", "-o", "@out"}, 1, untrusted},
-      {{"convert", "@nock.ser", "--fptype=1", "--to", "json", "-o", "@out"}, 1, untrusted},
       {{"show", "@nock.ser", "--fptype=1", "--no-checksum"}, 0, ""},
       {{"verify", "@nock.ser", "--fptype=1", "--no-checksum", "-q"}, 0, ""},
       {{"convert", "@nock.ser", "--fptype=1", "--no-checksum", "--to", "serialized", "-o",
@@ -150,7 +178,6 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
       {{"convert", "@nock.ser", "--fptype=1", "--no-checksum", "--to", "serialized",
         "--with-checksum", "-o", "@sum.ser"}, 0, ""},
       // Several files: every one is tried, and the worst status is the exit.
-      {{"verify", "-q", "@r", "@r"}, 0, ""},
       {{"verify", "-q", "@r", "@bad", "@r"}, 1, bad},
       {{"verify", "-q", "@missing", "@bad", "@r"}, 2, gone + "\ncrrec: " + bad},
       {{"digest", "@r", "@missing", "@r"}, 2, gone},
@@ -173,7 +200,7 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
     const std::string err = row.err.empty() ? "" : At("crrec: " + row.err + "\n", dir_);
     EXPECT_EQ(r.code, row.code) << args[0] << " " << args[1];
     EXPECT_EQ(r.err, err) << args[0] << " " << args[1];
-    if (row.code == 2 && args[0] != "digest") EXPECT_EQ(r.out, "") << args[0] << " " << args[1];
+    EXPECT_TRUE(row.code != 2 || args[0] == "digest" || r.out.empty()) << r.out;
   }
   EXPECT_EQ(Read("kept"), "old");
   EXPECT_EQ(Read("same.ser"), nock);
