@@ -169,7 +169,6 @@ TEST(CrrecJson, EachMistakeIsRefusedInOneLineNamingItsField) {
       {"/header/nfp", "1", "header.nfp: 1, but the rebuilt record has " + nfp},
       {"/header/flags", "8", "header.flags: 0x0008 sets bits outside 0x0006"},
       {"/header/CRC", "-1", "header.CRC: expected a " + whole + "4294967295"},
-      {"/header/CRC", "[{}]", "header.CRC: expected a " + whole + "4294967295"},
       {"/header/ctime", "4294967296", "header.ctime: 4294967296 is larger than 4294967295"},
       {"/unique_dcids/1/bytes", "\"7\"",
        "unique_dcids[1].bytes: expected a " + whole + "18446744073709551615"},
@@ -239,7 +238,7 @@ TEST(CrrecJson, EachMistakeIsRefusedInOneLineNamingItsField) {
 TEST(CrrecJson, SegmentDbRecordKeepsEveryByte) {
   Image so;
   ASSERT_TRUE(crrec::HexDecode(kSegmentDbHex, &so));
-  for (size_t at : {8, 20, 90, 91, 92, 93, 94, 95, 120, 127}) so[at] = static_cast<unsigned char>(at);
+  for (size_t at : {8, 20, 90, 91, 92, 93, 94, 95, 120, 127}) so[at] = static_cast<uint8_t>(at);
   const crrec::Loaded loaded = crrec::Load("so", so, crrec::Hints());
   EXPECT_EQ(crrec::ToJson(loaded)["keyIndex"], 92u + 256 * 93u);
   const crrec::Loaded back = FromJson(crrec::ToJson(loaded).dump());
@@ -277,14 +276,12 @@ TEST(CrrecVerify, EachDamageIsNamedByTheCheckItFails) {
   // unique-DCID section behind 36-byte DO type 3 entries and 8-byte DCIDs,
   // or behind a Bloom record's length word, bitmap and 16 reserved bytes.
   const uint64_t size = Get(do3, 24, 8), nfp0 = Get(do0, 56, 4), ssize0 = Get(do0, 32, 8);
-  const size_t unique3 = 80 + 36 * Get(do3, 56, 4), trefs3 = do3.size() - Get(do3, 68, 4);
-  const size_t zeros4 = 84 + Get(do4, 72, 4), unique4 = zeros4 + 16;
+  const size_t list3 = 80 + 36 * Get(do3, 56, 4), trefs3 = do3.size() - Get(do3, 68, 4);
+  const size_t zeros4 = 84 + Get(do4, 72, 4), list4 = zeros4 + 16;
   const size_t block4 = 32 + Get(ser4, 28, 4, true);  // serialized Bloom: the unique-DCID block
   const uint64_t nfp1 = Get(ser1, 20, 4, true), ssize1 = Get(ser1, 8, 8, true);
-  ASSERT_GE(Get(do3, 60, 4), 2u);
-  ASSERT_GE(Get(ser4, block4 + 4, 4, true), 2u);
-  const std::string dcid0 = std::to_string(Get(do3, unique3 + 8, 8));
-  const std::string dcid1 = std::to_string(Get(do3, unique3 + 24, 8));
+  const std::string dcid0 = std::to_string(Get(do3, list3 + 8, 8));
+  const std::string dcid1 = std::to_string(Get(do3, list3 + 24, 8));
   const std::string bdcid0 = std::to_string(Get(ser4, block4 + 8, 8, true));
   const std::string bdcid1 = std::to_string(Get(ser4, block4 + 24, 8, true));
   // A list is sealed by an Adler-32: a stored one in host order, a
@@ -307,7 +304,6 @@ TEST(CrrecVerify, EachDamageIsNamedByTheCheckItFails) {
   } rows[] = {
       {do3, [](Image&) {}, "done"},
       {ser4, [](Image&) {}, "done"},
-      {seg, [](Image&) {}, "done"},
       {seg, [](Image& b) { Put(b, 24, 5, 8), Put(b, 32, 9, 8); }, "done"},  // a path ID
       {do3, [](Image& b) { b.clear(); }, "empty file"},
       {do3, [](Image& b) { b.resize(20); }, "Invalid DO record: size 20, expected at least 80 "
@@ -340,13 +336,13 @@ TEST(CrrecVerify, EachDamageIsNamedByTheCheckItFails) {
       {do4, [&](Image& b) { Put(b, 24, size - 1, 8); }, "size: size " + std::to_string(size - 1) +
        ", but the unique-DCID byte counts sum to " + std::to_string(size)},
       {do3, [&](Image& b) {
-         std::swap_ranges(&b[unique3 + 8], &b[unique3 + 24], &b[unique3 + 24]);
-         reseal(b, unique3, false);
+         std::swap_ranges(&b[list3 + 8], &b[list3 + 24], &b[list3 + 24]);
+         reseal(b, list3, false);
        }, "unique: entry 1 (container " + dcid0 + ") follows container " + dcid1 +
            ": not ascending"},
-      {do3, [&](Image& b) { Put(b, unique3 + 24, Get(b, unique3 + 8, 8), 8), reseal(b, unique3, 0); },
+      {do3, [&](Image& b) { Put(b, list3 + 24, Get(b, list3 + 8, 8), 8), reseal(b, list3, 0); },
        "unique: the list names container " + dcid0 + " twice"},
-      {do4, [&](Image& b) { Put(b, unique4 + 8, 5, 8), reseal(b, unique4, false); },
+      {do4, [&](Image& b) { Put(b, list4 + 8, 5, 8), reseal(b, list4, false); },
        "unique: entry 0 names container 5, below 64"},
       {ser4, [&](Image& b) {
          std::swap_ranges(&b[block4 + 8], &b[block4 + 24], &b[block4 + 24]);
@@ -445,8 +441,8 @@ TEST(CrrecBuild, StoredRecordHasTheBytesWrittenByHand) {
   e.insert(e.end(), fps.begin(), fps.end());
   le(64, 8), le(65, 8), le(64, 8), le(0x0fcc00b4, 4), le(2, 4), le(64, 8), le(8192, 8);
   le(65, 8), le(4096, 8);
-  const auto* stored = reinterpret_cast<const unsigned char*>(built.record->GetHeader());
-  EXPECT_EQ(crtest::Hex(stored, built.record->GetHeader()->recsize), crtest::Hex(e.data(), e.size()));
+  const auto* h = reinterpret_cast<const unsigned char*>(built.record->GetHeader());
+  EXPECT_EQ(crtest::Hex(h, built.record->GetHeader()->recsize), crtest::Hex(e.data(), e.size()));
 }
 
 // 40 segments of 1000 bytes, segment k all bytes k, in containers of 16000.
