@@ -11,8 +11,8 @@
 
 #include "cli.h"
 #include "json.h"
-#include "util.h"
 #include "test_support.h"
+#include "util.h"
 
 namespace {
 
@@ -54,7 +54,6 @@ class CrrecCli : public ::testing::Test {
   }
   std::string dir_;
 };
-
 
 TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
   ASSERT_EQ(Crrec({"gen", "@g", "--size", "8K", "--seed", "1"}).code, 0);

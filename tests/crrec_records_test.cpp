@@ -245,8 +245,6 @@ TEST(CrrecJson, SegmentDbRecordKeepsEveryByte) {
   EXPECT_EQ(crtest::Hex(back.so(), back.soLength), crtest::Hex(so.data(), so.size()));
 }
 
-
-
 // Little-endian, or big-endian when `big`.
 uint64_t Get(const Image& b, size_t at, int n, bool big = false) {
   uint64_t v = 0;
@@ -368,8 +366,6 @@ TEST(CrrecVerify, EachDamageIsNamedByTheCheckItFails) {
     EXPECT_EQ(Verdict(damaged), row.line == "done" ? row.line : "1 crrec: f: " + row.line);
   }
 }
-
-
 
 ChunkerParams Params(ChunkerKind kind, uint32_t min, uint32_t avg = 0, uint32_t max = 0) {
   ChunkerParams p;
