@@ -430,7 +430,7 @@ TEST(CrrecBuild, StoredRecordHasTheBytesWrittenByHand) {
   };
   le(3, 2), le(2, 2), le(80 + 3 * 24 + 8 + 32, 4), le(0, 8), le(100, 8), le(12288, 8);
   le(4096, 8), le(0x2916f42e, 4), le(1700000000, 4), le(1700000000, 4);
-  le(0, 4), le(3, 4), le(2, 4), le(0, 12), le(CR_FP_TYPE_MD5, 1), le(1, 1), le(0, 2);
+  le(0, 4), le(3, 4), le(2, 4), le(0, 4), le(0, 8), le(CR_FP_TYPE_MD5, 1), le(1, 1), le(0, 2);
   const std::string a = "21a199c53f422a380e20b162fb6ebe9c", b = "bdb166b6061ee9331efe719dcee62b41";
   Image fps;
   ASSERT_TRUE(crrec::HexDecode(a + b + a, &fps));
