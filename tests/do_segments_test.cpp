@@ -87,24 +87,26 @@ TEST(SegmentSetters, WriteTheirFieldInPlaceAndStampAsDocumented) {
     uint64_t value;
     size_t at;
     std::string bytes;
-    bool stamps;
+    bool stamps, network;
   };
   const std::string fp = Hex(PatternFP(0xA0, 32).data(), 32);
   const Row rows[] = {
-      {3, 1, kSize, 1, 0x11223344, 80 + 28 + 16, "44332211", true},
-      {3, 1, kOffset, 2, 0x0A0B0C0D0E0F1011, 80 + 56 + 20, "11100f0e0d0c0b0a", true},
-      {5, 3, kObjectOffset, 1, 0xCAFEBABE, 80 + 40 + 36, "bebafeca", true},
-      {0, 1, kSize, 0, 7, 0, "", true},
-      {2, 1, kOffset, 2, ~0ul, 0, "", true},
-      {5, 1, kOffset, 2, ~0ul, 0, "", true},
-      {3, 1, kObjectOffset, 1, 0xFFFFFFFF, 0, "", true},
-      {2, 1, kFP, 1, 0, 80 + 20, fp.substr(0, 32), false},
-      {2, 3, kFP, 1, 0, 80 + 36, fp, false},
-      {2, 3, kDCID, 1, 0x8877665544332211, 80 + 3 * 36 + 8, "1122334455667788", false},
+      {3, 1, kSize, 1, 0x11223344, 80 + 28 + 16, "44332211", true, false},
+      // In network order the value is stored as given, mtime in the record's order.
+      {2, 1, kSize, 0, 0x01020304, 80 + 16, "04030201", true, true},
+      {3, 1, kOffset, 2, 0x0A0B0C0D0E0F1011, 80 + 56 + 20, "11100f0e0d0c0b0a", true, false},
+      {5, 3, kObjectOffset, 1, 0xCAFEBABE, 80 + 40 + 36, "bebafeca", true, false},
+      {0, 1, kSize, 0, 7, 0, "", true, false},
+      {2, 1, kOffset, 2, ~0ul, 0, "", true, false},
+      {3, 1, kObjectOffset, 1, 0xFFFFFFFF, 0, "", true, false},
+      {2, 1, kFP, 1, 0, 80 + 20, fp.substr(0, 32), false, false},
+      {2, 3, kFP, 1, 0, 80 + 36, fp, false, false},
+      {2, 3, kDCID, 1, 0x8877665544332211, 80 + 3 * 36 + 8, "1122334455667788", false, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "type " << int(row.dotype) << " at " << row.at);
     Rec r = Make(row.dotype, row.fptype, 10000, 4096, ThreeSegments(row.fptype));
+    if (row.network) r->HostToNetwork(0);
     std::string expected = Hex(Base(*r), r->getRecSize());
     expected.replace(2 * row.at, row.bytes.size(), row.bytes);
     const uint32_t before = Now();
@@ -116,14 +118,6 @@ TEST(SegmentSetters, WriteTheirFieldInPlaceAndStampAsDocumented) {
     }
     EXPECT_EQ(Hex(Base(*r), r->getRecSize()), expected);
   }
-  // In network order the value is stored as given, mtime in the record's order.
-  Rec r = Sized(2, 10000, 4096, {{4096, 0}, {4096, 0}, {1808, 0}});
-  r->HostToNetwork(0);
-  const uint32_t before = Now();
-  r->SetSegmentSize(0, 0x01020304);
-  EXPECT_EQ(Hex(Base(*r) + 80 + 16, 4), "04030201");
-  EXPECT_GE(r->GetMTime(), before);
-  EXPECT_LE(r->GetMTime(), Now());
 }
 
 // --- checkSegmentList and its two magnitude passes -----------------------------------
@@ -180,9 +174,7 @@ TEST(CheckSegmentList, EachFaultWithItsStatusAndText) {
   const Row rows[] = {
       // Derived sizes (types 0, 1) bound the file size, and the size pass
       // sees each derived size: ssize 2^31 has bit 31 set.
-      {0, 0, 4096, zeros, none, 0, 0, kList, kPass},
       {1, 12288, 4096, zeros, none, 0, 0, kList, kPass},
-      {0, 12289, 4096, zeros, none, 0, 0, kList, Total(12289, 12288)},
       {1, 12289, 4096, zeros, none, 0, 0, kList, Total(12289, 12288)},
       {0, 10000, 4096, three, none, kNoSegs, 0, kList, Total(10000, 0)},
       {0, 1ul << 32, b31, zeros2, none, 0, 0, kList, kPass},
@@ -195,15 +187,12 @@ TEST(CheckSegmentList, EachFaultWithItsStatusAndText) {
       // Sizes stop at bit 31 unless the record is a sub-DO.
       {2, b31, 4096, bit31, none, 0, 0, kList, kPass},
       {2, b31, 4096, bit31, big31, 0, 0, kList, size31},
-      {3, b31, 4096, bit31, big31, 0, 0, kSizes, size31},
-      {5, b31, 4096, bit31, big31, 0, 0, kList, size31},
       {5, b31, 4096, bit31, big31, kSub, 0, kList, kPass},
       {3, b31, 4096, bit31, big31, kSub, 0, kSizes, kPass},
       // Offsets stop at bit 63 even for a sub-DO; a big size is reported first.
       {3, b63 - 1, 4096, bit63, none, 0, 0, kList, kPass},
       {3, b63 - 1, 4096, bit63, big63, 0, 0, kList, offset63},
       {3, b63 - 1, 4096, bit63, big63, kSub, 0, kList, offset63},
-      {3, b63 - 1, 4096, bit63, big63, kSub, 0, kOffsets, offset63},
       {3, b63 - 1, 4096, bit63, both, 0, 0, kList, size31},
       // Eight-byte offsets neither overlap nor pass the end; gaps are fine,
       // and a zero-size segment may share the next one's offset.
@@ -218,7 +207,6 @@ TEST(CheckSegmentList, EachFaultWithItsStatusAndText) {
       {2, 10000, 4096, three, unsound, 0, 255, kList, {9, "invalid DO type"}},
       {2, 10000, 4096, three, unsound, 0, 4, kList, kPass},
       {2, 10000, 4096, three, unsound, 0, 6, kList, kPass},
-      {2, 10000, 4096, three, unsound, 0, 254, kList, kPass},
       {2, 10000, 4096, three, unsound, 0, 200, kSizes, Magnitude("size 4294967295 (> 2 GiB)")},
       {2, 10000, 4096, three, none, 0, 0, kOffsets,
        Magnitude("offset 18446744073709551615 (> 8192 PetaB)")},
