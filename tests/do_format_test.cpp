@@ -71,36 +71,6 @@ TEST(DORecordFormat, SizesFollowTheCounts) {
   }
 }
 
-// Every locator for every DO type and both widths, with old lists present,
-// in host order and after the header has been converted to network order.
-TEST(DORecordFormat, LocatorsFindTheSamePlacesInEitherByteOrder) {
-  const uint32_t ntaskid = 2, nds = 3, nfp = 3, nudcid = 2, trefsize = 5;
-  for (unsigned char fptype : {1, 3}) {
-    for (unsigned char dotype : {0, 1, 2, 3, 5}) {
-      SCOPED_TRACE(testing::Message() << "fptype " << int(fptype) << " dotype " << int(dotype));
-      const size_t w = FPWidth(fptype), e = w + EntryExtra(dotype);
-      const size_t total =
-          kHeader + 8 * ntaskid + 4 * nds + nfp * (e + 8) + 8 + 16 * nudcid + trefsize;
-      Bytes image = Image(uint32_t(total), ntaskid, nfp, nudcid, nds, trefsize, 0, fptype, dotype);
-      image.zeros(total - kHeader);
-      Buffer buf(image);
-      const size_t segs = kHeader + 8 * ntaskid + 4 * nds;
-      for (int pass = 0; pass < 2; ++pass) {
-        const DORecordHeader* h = buf.h();
-        EXPECT_EQ(buf.off(DORecordHeaderIndexOfTaskId(h, 1)), kHeader + 8);
-        EXPECT_EQ(buf.off(DORecordHeaderIndexOfDataSelection(h, 2)), kHeader + 16 + 8);
-        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegment(h, 0)), segs);
-        EXPECT_EQ(buf.off(DORecordHeaderIndexOfSegmentSize(h, 1)), segs + e + w);
-        EXPECT_EQ(buf.off(DORecordHeaderIndexOfDCID(h, 0)), segs + nfp * e);
-        EXPECT_EQ(buf.off(DORecordHeaderIndexOfUDCID(h, 1)), segs + nfp * (e + 8) + 8 + 16);
-        EXPECT_EQ(buf.off(DORecordHeaderStartTRefs(h)), total - trefsize);
-        EXPECT_EQ(buf.off(DORecordHeaderGetPOID(h)), 16u);
-        if (pass == 0) DORecordHeaderHton(buf.h());
-      }
-    }
-  }
-}
-
 // A DO type 3 record with old lists, two segments and a unique-DCID list
 // whose checksum is sealed when `sealed`, else left as 0x11111111.
 Bytes Type3Record(bool sealed) {

@@ -29,11 +29,26 @@ Rec Sized(uint8_t dotype, uint64_t size, uint64_t ssize, const Pairs& pairs) {
 
 class SegmentGetters : public ::testing::TestWithParam<TypeAndWidth> {};
 
-TEST_P(SegmentGetters, ReadHostValuesInBothByteOrders) {
+// The built record's bytes against a hand-written image, then every getter.
+TEST_P(SegmentGetters, BuiltRecordsFollowTheLayoutAndReadBackInBothByteOrders) {
   const uint8_t dotype = GetParam().first, fptype = GetParam().second;
   const unsigned w = FPWidth(fptype), entry = w + EntryExtra(dotype);
   const std::vector<Seg> segs = ThreeSegments(fptype);
-  Rec r = Make(dotype, fptype, 10000, 4096, segs);
+  const Bytes segments = SegmentList(dotype, segs);
+  const std::vector<unsigned long> dcids = Dcids(segs);
+  const std::vector<uint8_t> udcid = HostUniqueDcids(kUdcids);
+  Rec r = std::make_unique<DORecord>(0xABCDEF0123, 10000, 4096, 0xDEADBEEF, 1111, 2222,
+                                     segments.data(), 3, dcids.data(),
+                                     reinterpret_cast<const char*>(udcid.data()), fptype, dotype);
+  const uint32_t recsize = 80 + 3 * (entry + 8) + 8 + 32;
+  Bytes image = HeaderImage(recsize, 0, 0xABCDEF0123, 10000, 4096, 0xDEADBEEF, 1111, 2222, 0, 3,
+                            2, 0, 0, 0, fptype, dotype);
+  image.raw(segments.data(), segments.size());
+  for (const Seg& s : segs) image.le64(s.dcid);
+  EXPECT_EQ(Hex(Base(*r), recsize), Hex(image.raw(udcid.data(), udcid.size()).data(), recsize));
+  EXPECT_EQ((std::vector<unsigned long>{r->getRecSize(), r->GetAllocatedSize(), r->GetBufferMode(),
+                                        r->OwnsBuffer(), r->IsSubDO(), r->IsInNetworkOrder()}),
+            (std::vector<unsigned long>{recsize, recsize, 2, 1, 0, 0}));
   for (bool network : {false, true}) {
     SCOPED_TRACE(network ? "network order" : "host order");
     const unsigned char* list = Base(*r) + 80;

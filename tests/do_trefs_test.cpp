@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "images.h"
@@ -41,6 +42,10 @@ std::string Unsupported(unsigned int kind, const char* prefix = "") {
          ":01 is unsupported for a DO";
 }
 
+std::pair<cr_log_level_t, cr_status_t> LevelAndStatus(const LogCapture& log) {
+  return {log.lines()[0].level, log.lines()[0].status};
+}
+
 constexpr const char* kUnsupportedFormat = "The type of reference %s is unsupported for a DO";
 
 // A refusal with status 9 that is also logged once as an error, through
@@ -51,10 +56,8 @@ void ExpectRefusal(std::function<void()> f, const std::string& message,
   ClearErrorFormat();
   EXPECT_EQ(Thrown(f), Failure(9, message));
   EXPECT_STREQ(LastErrorFormat(), format);
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-  EXPECT_EQ(log.lines()[0].status, 9u);
-  EXPECT_EQ(log.lines()[0].text, message);
+  ASSERT_EQ(log.texts(), std::vector<std::string>{message});
+  EXPECT_EQ(LevelAndStatus(log), std::make_pair(CR_LOG_ERROR, cr_status_t{9}));
 }
 
 std::vector<uint8_t> Section(const DORecord& r) {
@@ -110,11 +113,9 @@ TEST(DORecordTRefs, EachKindIsAddedRemovedAndLookedUpAsItsRowSays) {
         _cr_tref_t* absent = Raw(kind, {2});
         EXPECT_EQ(r->CheckTRef(absent), 72u);
         CRTRefDelete(&absent);
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].level, CR_LOG_WARNING);
-        EXPECT_EQ(log.lines()[0].status, 72u);
-        EXPECT_EQ(log.lines()[0].text, "CheckTRef: The type of reference tref" +
-                                           std::to_string(kind) + ":02 is not found");
+        ASSERT_EQ(log.texts(), std::vector<std::string>{"CheckTRef: The type of reference tref" +
+                                                        std::to_string(kind) + ":02 is not found"});
+        EXPECT_EQ(LevelAndStatus(log), std::make_pair(CR_LOG_WARNING, cr_status_t{72}));
       } else if (row.check == kAnswers) {
         EXPECT_EQ(r->CheckTRef(Ref(kind, {2})), 0u);
         EXPECT_TRUE(log.lines().empty());
@@ -210,12 +211,9 @@ TEST(DORecordTRefs, CorruptThirdReferenceKeepsTheFirstTwo) {
     EXPECT_EQ(log.texts(), std::vector<std::string>{
         std::string("Invalid DO record: invalid typed reference at offset 16 from start of typed "
                     "reference section: ") + c.text});
-    EXPECT_TRUE(r->HasTaskID(1));
-    EXPECT_TRUE(r->HasDSID(2));
-    EXPECT_EQ(r->GetNTRefs(), 2u);
-    EXPECT_EQ(r->getTRefsSize(), 16u);
-    EXPECT_EQ(r->getRecSize(), kSmallSize + 16);
-    EXPECT_EQ(r->GetMTime(), 20u);
+    EXPECT_EQ((std::vector<unsigned long>{r->HasTaskID(1), r->HasDSID(2), r->GetNTRefs(),
+                                          r->getTRefsSize(), r->getRecSize(), r->GetMTime()}),
+              (std::vector<unsigned long>{1, 1, 2, 16, kSmallSize + 16, 20}));
   }
 }
 

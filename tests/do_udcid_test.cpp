@@ -14,6 +14,7 @@ namespace {
 
 using crtest::UEntry;
 typedef std::map<unsigned long, unsigned long> SizeMap;
+typedef std::vector<unsigned long> Longs;
 
 // Behind the header of a DO type 2 record of three 16-byte fingerprints.
 constexpr unsigned int kType2Section = 80 + 3 * (16 + 4 + 8);
@@ -120,12 +121,9 @@ TEST(UniqueDCIDList, BuiltFromTheSegmentListOrRefused) {
     EXPECT_EQ(RecordHex(*record, 60, 4), row.change == kNetwork ? std::string("0000000") + n
                                                                 : std::string("0") + n + "000000");
     EXPECT_EQ(RecordHex(*record, size, added), SectionImage(row.entries));
-    EXPECT_EQ(record->GetNudcid(), row.entries.size());
-    EXPECT_EQ(record->GetUDCIDSize(), added);
-    EXPECT_EQ(record->GetAllocatedSize(), size + added);
-    EXPECT_EQ(record->GetHeaderSize(), size + added);
-    EXPECT_TRUE(record->OwnsBuffer());
-    EXPECT_EQ(record->GetBufferMode(), 2u);
+    EXPECT_EQ((Longs{record->GetNudcid(), record->GetUDCIDSize(), record->GetAllocatedSize(),
+                     record->GetHeaderSize(), record->OwnsBuffer(), record->GetBufferMode()}),
+              (Longs{row.entries.size(), added, size + added, size + added, 1, 2}));
   }
 }
 
@@ -139,9 +137,8 @@ TEST(UniqueDCIDList, BorrowedBufferIsReplacedByAnOwnedCopy) {
     DORecord record(reinterpret_cast<DORecordHeader*>(callers.get()), size, 1);
     ASSERT_EQ(record.AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
     EXPECT_NE(reinterpret_cast<uint8_t*>(record.GetHeader()), callers.get());
-    EXPECT_TRUE(record.OwnsBuffer());
-    EXPECT_EQ(record.GetBufferMode(), 1u);
-    EXPECT_EQ(record.GetAllocatedSize(), size + 40);
+    EXPECT_EQ((Longs{record.OwnsBuffer(), record.GetBufferMode(), record.GetAllocatedSize()}),
+              (Longs{1, 1, size + 40}));
     EXPECT_EQ(RecordHex(record, size, 40), SectionImage({{70, 200}, {500, 400}}));
   }
   EXPECT_EQ(crtest::Hex(callers.get(), size), original);
