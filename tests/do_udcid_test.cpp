@@ -144,28 +144,6 @@ TEST(UniqueDCIDList, BorrowedBufferIsReplacedByAnOwnedCopy) {
   EXPECT_EQ(crtest::Hex(callers.get(), size), original);
 }
 
-TEST(UniqueDCIDSizes, RecordsOwnBytesAreChargedToItsContainer) {
-  const unsigned long body = kType2Section - 80 + 40;  // everything behind the header
-  auto listed = ThreeSizes(/*cid=*/500);
-  ASSERT_EQ(listed->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  SizeMap sizes = {{1, 1}, {500, 9}};
-  EXPECT_EQ(listed->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
-  EXPECT_EQ(sizes, (SizeMap{{70, 200}, {500, 400 + body}}));
-
-  auto elsewhere = ThreeSizes(/*cid=*/100);
-  ASSERT_EQ(elsewhere->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(elsewhere->GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
-  EXPECT_EQ(sizes, (SizeMap{{70, 200}, {100, body}, {500, 400}}));
-
-  auto unlisted = ThreeSizes();
-  sizes = {{1, 1}};
-  crtest::LogCapture log;
-  EXPECT_EQ(unlisted->GetUDCIDSizeList(sizes), CR_STATUS_INVALID_RECORD);
-  ExpectLogged(log, CR_STATUS_INVALID_RECORD,
-               "GetUDCIDSizeList: number of unique DCID can't be zero!");
-  EXPECT_EQ(sizes, (SizeMap{{1, 1}}));
-}
-
 TEST(BloomUniqueDCIDList, ListIsSortedDeduplicatedAndNormalizedOnce) {
   struct Case {
     const char* what;
@@ -219,6 +197,8 @@ TEST(BloomUniqueDCIDList, ListIsSortedDeduplicatedAndNormalizedOnce) {
 
 // The list as host values, read through the accessors, whatever order it
 // stands in; the checksums are computed here over the bytes as they stand.
+// The per-container byte counts charge the record's own bytes (all behind
+// the header) to its container, listed or not.
 TEST(UniqueDCIDAccessors, GiveHostValuesInEitherListOrder) {
   typedef std::vector<std::pair<unsigned long, unsigned long>> Pairs;
   auto adler = [](const Pairs& entries, bool big) {
@@ -233,21 +213,26 @@ TEST(UniqueDCIDAccessors, GiveHostValuesInEitherListOrder) {
     return crtest::SlowAdler32(body.data(), body.size());
   };
   const std::vector<UEntry> given = {{900, 7}, {80, 5}};
+  const unsigned long bloom = 4 + 6 + 16 + 40, segments = kType2Section - 80 + 40;
   struct Case {
     const char* what;
     std::unique_ptr<DORecord> record;
     bool append, big;  // append: the list built or normalized first
     Pairs entries;
+    SizeMap sizes;  // empty: refused
   };
   Case cases[] = {
       {"Bloom, built in host order", crtest::BuildBloom(kBitmap, given), false, false,
-       {{900, 7}, {80, 5}}},
-      {"Bloom, rebuilt from the serialized form", BloomFromSerialized(given), false, true,
-       {{900, 7}, {80, 5}}},
+       {{900, 7}, {80, 5}}, {{80, 5}, {100, bloom}, {900, 7}}},
+      {"Bloom, rebuilt from the serialized form", BloomFromSerialized(given, 80), false, true,
+       {{900, 7}, {80, 5}}, {{80, 5 + bloom}, {900, 7}}},
       {"Bloom, rebuilt and normalized", BloomFromSerialized(given), true, false,
-       {{80, 5}, {900, 7}}},
-      {"segment list", ThreeSizes(), true, false, {{70, 200}, {500, 400}}},
-      {"no list", ThreeSizes(), false, false, {}},
+       {{80, 5}, {900, 7}}, {{80, 5}, {100, bloom}, {900, 7}}},
+      {"segment list", ThreeSizes(), true, false, {{70, 200}, {500, 400}},
+       {{70, 200}, {100, segments}, {500, 400}}},
+      {"segment list in a listed container", ThreeSizes(500), true, false,
+       {{70, 200}, {500, 400}}, {{70, 200}, {500, 400 + segments}}},
+      {"no list", ThreeSizes(), false, false, {}, {}},
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -267,6 +252,17 @@ TEST(UniqueDCIDAccessors, GiveHostValuesInEitherListOrder) {
               CR_STATUS_INVALID);
     EXPECT_EQ(r.GetUniqueDCIDEntry(0, nullptr, &bytes), CR_STATUS_MISSING_ARGUMENT);
     EXPECT_EQ(dcid + bytes, 6u);
+    SizeMap sizes = {{1, 1}, {500, 9}};
+    crtest::LogCapture log;
+    if (c.sizes.empty()) {
+      EXPECT_EQ(r.GetUDCIDSizeList(sizes), CR_STATUS_INVALID_RECORD);
+      ExpectLogged(log, CR_STATUS_INVALID_RECORD,
+                   "GetUDCIDSizeList: number of unique DCID can't be zero!");
+      EXPECT_EQ(sizes, (SizeMap{{1, 1}, {500, 9}}));
+    } else {
+      EXPECT_EQ(r.GetUDCIDSizeList(sizes), CR_STATUS_SUCCESS);
+      EXPECT_EQ(sizes, c.sizes);
+    }
   }
 }
 
