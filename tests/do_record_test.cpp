@@ -225,7 +225,9 @@ TEST(DORecordObject, SizeBookkeepingFlagsAndSetters) {
   EXPECT_EQ(log.lines()[0].status, 9u);
 }
 
-TEST(DORecordObject, GettersReadHostValuesInNetworkOrder) {
+// In network order the getters still give host values, and the stored
+// fields, sizes included as references change, stand in network order.
+TEST(DORecordObject, NetworkOrderRecordReadsHostValuesAndStoresNetworkOrder) {
   auto r = SmallRecord();
   r->setCheckTime(0x01020304);
   auto values = [&] {
@@ -234,18 +236,27 @@ TEST(DORecordObject, GettersReadHostValuesInNetworkOrder) {
                r->GetNfp(),    r->GetNudcid(),    r->GetBSize(),   r->GetFPType(),
                r->GetDOType(), r->getRecSize(),   r->getTRefsSize()};
   };
+  // Without references GetHeader rebuilds nothing.
+  EXPECT_EQ(BytesAt(r->GetHeader(), kSmallSize), RecordBytes(*r));
   const Ids before = values();
   r->HostToNetwork(0);
   EXPECT_EQ(values(), before);
-  auto checktime = [&] { return Hex(reinterpret_cast<const uint8_t*>(r->GetHeader()) + 12, 4); };
-  EXPECT_EQ(checktime(), "01020304");
-  r->setCheckTime(5);  // stored in network order
-  EXPECT_EQ(checktime(), "00000005");
+  auto field = [&](size_t offset) {  // the buffer moves as the record grows
+    return Hex(reinterpret_cast<const uint8_t*>(r->GetHeader()) + offset, 4);
+  };
+  EXPECT_EQ(field(12), "01020304");
+  r->setCheckTime(5);
+  EXPECT_EQ(field(12), "00000005");
+  r->AddTaskID(0x10);
+  r->AddSerializedTRefs("\x06\x01\x07", 3);
+  EXPECT_EQ(field(4), "00000095");   // recsize 136 + 13
+  EXPECT_EQ(field(68), "0000000d");  // trefsize 13
+  r->ClearTRefType(CR_TREF_TYPE_RETENTION);
+  EXPECT_EQ(field(4), "00000092");
+  EXPECT_EQ(Section(*r), Bytes().u8(2).u8(8).be64(0x10).vec());  // never swapped
   r->NetworkToHost(0);
-  EXPECT_EQ(r->GetCheckTime(), 5u);
-  // Without references GetHeader rebuilds nothing.
-  const std::vector<uint8_t> image = RecordBytes(*r);
-  EXPECT_EQ(BytesAt(r->GetHeader(), kSmallSize), image);
+  EXPECT_EQ((Ids{r->GetCheckTime(), r->getTRefsSize(), r->getRecSize()}),
+            (Ids{5, 10, kSmallSize + 10}));
 }
 
 // --- Task IDs and the activity callback ---------------------------------------------

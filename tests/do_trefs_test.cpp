@@ -263,24 +263,4 @@ TEST(DORecordTRefs, RawReferencesAreTakenOverOrCopiedAsPromised) {
   EXPECT_EQ(r->GetNTRefs(), 4u);
 }
 
-TEST(DORecordTRefs, NetworkOrderRecordKeepsItsSizeFieldsInNetworkOrder) {
-  auto r = SmallRecord();
-  r->HostToNetwork(0);
-  auto field = [&](size_t offset) {  // the buffer moves as the record grows
-    return Hex(reinterpret_cast<const unsigned char*>(r->GetHeader()) + offset, 4);
-  };
-  r->AddTaskID(0x10);
-  r->AddSerializedTRefs("\x06\x01\x07", 3);
-  EXPECT_EQ(field(4), "00000095");   // recsize 136 + 13
-  EXPECT_EQ(field(68), "0000000d");  // trefsize 13
-  r->DelTRef(Ref(6, {7}));
-  EXPECT_EQ(field(4), "00000092");
-  EXPECT_EQ(r->getTRefsSize(), 10u);
-  Bytes expected;
-  expected.u8(2).u8(8).be64(0x10);  // the references' own encoding never swaps
-  EXPECT_EQ(Section(*r), expected.vec());
-  r->NetworkToHost(0);
-  EXPECT_EQ(r->getRecSize(), kSmallSize + 10);
-}
-
 }  // namespace
