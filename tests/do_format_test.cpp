@@ -26,7 +26,7 @@ Bytes Image(uint32_t recsize, uint32_t ntaskid, uint32_t nfp, uint32_t nudcid, u
 // An exactly sized heap copy, so that ASan sees any over-read.
 struct Buffer {
   explicit Buffer(const Bytes& b)
-      : p(reinterpret_cast<unsigned char*>(MallocCopy(b.vec()))), size(b.size()) {}
+      : p(Block(b.size(), b.data()).release()), size(b.size()) {}
   ~Buffer() { std::free(p); }
   DORecordHeader* h() const { return reinterpret_cast<DORecordHeader*>(p); }
   size_t off(const unsigned char* q) const { return static_cast<size_t>(q - p); }
@@ -79,7 +79,7 @@ TEST(DORecordFormat, LocatorsFindTheSamePlacesInEitherByteOrder) {
   for (unsigned char fptype : {1, 3}) {
     for (unsigned char dotype : {0, 1, 2, 3, 5}) {
       SCOPED_TRACE(testing::Message() << "fptype " << int(fptype) << " dotype " << int(dotype));
-      const size_t w = FPWidth(fptype), e = w + EntryExtra(dotype);
+      const size_t w = FPWidth(fptype), e = w + TypeFields(dotype);
       const size_t total =
           kHeader + 8 * ntaskid + 4 * nds + nfp * (e + 8) + 8 + 16 * nudcid + trefsize;
       Bytes image = Image(uint32_t(total), ntaskid, nfp, nudcid, nds, trefsize, 0, fptype, dotype);

@@ -31,7 +31,7 @@ class SegmentGetters : public ::testing::TestWithParam<TypeAndWidth> {};
 
 TEST_P(SegmentGetters, ReadHostValuesInBothByteOrders) {
   const uint8_t dotype = GetParam().first, fptype = GetParam().second;
-  const unsigned w = FPWidth(fptype), entry = w + EntryExtra(dotype);
+  const unsigned w = FPWidth(fptype), entry = w + TypeFields(dotype);
   const std::vector<Seg> segs = ThreeSegments(fptype);
   Rec r = Make(dotype, fptype, 10000, 4096, segs);
   for (bool network : {false, true}) {
@@ -54,7 +54,7 @@ TEST_P(SegmentGetters, ReadHostValuesInBothByteOrders) {
   }
   // The stored fields really are big-endian now: nfp, and segment 1's size.
   EXPECT_EQ(Hex(Base(*r) + 56, 4), "00000003");
-  if (EntryExtra(dotype) != 0) {
+  if (TypeFields(dotype) != 0) {
     EXPECT_EQ(Hex(Base(*r) + 80 + entry + w, 4), "00001000");
   }
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);

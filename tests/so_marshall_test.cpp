@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "crrecord/SOmarshall.h"
@@ -41,8 +43,6 @@ Rec TwoTaskIDsOneFingerprint() {
   return r;
 }
 
-std::vector<uint8_t> Vec(const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); }
-
 // In place and into another buffer, both fingerprint widths: every byte
 // lands where the layout says, the unconverted ones included, and Ntoh
 // restores what Hton changed.
@@ -51,8 +51,8 @@ TEST(SegmentRecordConvert, HtonWritesTheNetworkImageAndNtohRestoresEveryByte) {
     SCOPED_TRACE(int{fptype});
     Rec rec = TwoTaskIDsOneFingerprint();
     rec.fptype = fptype;
-    rec.fps = {crtest::PatternFP(0x80, crtest::SoWidth(fptype)),
-               crtest::PatternFP(0x90, crtest::SoWidth(fptype))};
+    rec.fps = {crtest::PatternFP(0x80, crtest::FPWidth(fptype)),
+               crtest::PatternFP(0x90, crtest::FPWidth(fptype))};
     const Bytes host = SoImage(rec, false), net = SoImage(rec, true);
     Buffer buf(host), toNet(Bytes().zeros(host.size())), toHost(Bytes().zeros(host.size()));
     SegmentRecordHton(buf.r(), buf.r(), 0);
@@ -90,60 +90,29 @@ TEST(SegmentRecordConvert, DroppingTaskIDsMovesTheFingerprintToOffset96) {
   }
 }
 
-// Each case breaks its own check and, where it can, later checks too, so
-// that a check made out of order reports the wrong line.
-TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrder) {
-  struct Case {
-    void (*repair)(Rec&);  // mends the check the case before broke
-    int sizeDelta;         // size given = image size + delta
-    unsigned int flags;
-    std::string trace;
-  };
-  const Case cases[] = {
-      {nullptr, 95 - 112, 0, "Invalid SO record: size 95, expected at least 96"},
-      {nullptr, 0, 2, "Invalid SO record: type 3, expected 2"},
-      {[](Rec& r) { r.type = 2; }, 0, 2, "Invalid SO record: recsize 4, size 112"},
-      {[](Rec& r) { r.recsize = 120; }, 8, 2, "Invalid SO record: calculated size 112, size 120"},
-      {[](Rec& r) { r.recsize.reset(); }, 0, 2, "Invalid SO record: 1 taskids, expected 0"},
-      {nullptr, 0, 0, "Invalid SO record: invalid fp type 9"},
-  };
+// A record with the given type, recsize, fingerprint type and task IDs; the
+// counts, when not given, follow the lists.
+Rec Make(uint16_t type, std::optional<uint32_t> recsize, uint8_t fptype,
+         std::vector<uint64_t> taskIDs, std::optional<uint32_t> ntaskid = {},
+         std::optional<uint32_t> ndo = {}) {
   Rec r;
-  r.type = 3;
-  r.recsize = 4;
-  r.fptype = 9;
-  r.taskIDs = {1};
-  for (const Case& c : cases) {
-    if (c.repair) c.repair(r);
-    for (bool trace : {true, false}) {
-      SCOPED_TRACE(c.trace + (trace ? "" : " untraced"));
-      Bytes image = SoImage(r, false);
-      const auto size = static_cast<unsigned int>(static_cast<int>(image.size()) + c.sizeDelta);
-      Buffer buf(image.zeros(c.sizeDelta > 0 ? c.sizeDelta : 0));
-      LogCapture log(trace);
-      EXPECT_EQ(SegmentRecordValidate(buf.r(), size, c.flags), 32u);
-      ASSERT_EQ(log.lines().size(), trace ? 1u : 0u);
-      if (trace) {
-        EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
-        EXPECT_EQ(log.texts()[0], c.trace);
-      }
-    }
-  }
-}
-
-Rec Wrapping(uint32_t ntaskid, uint8_t fptype, uint32_t ndo) {
-  Rec r;
-  r.ntaskid = ntaskid;
+  r.type = type;
+  r.recsize = recsize;
   r.fptype = fptype;
+  r.taskIDs = taskIDs;
+  r.ntaskid = ntaskid;
   r.ndo = ndo;
-  r.recsize = 104;
   return r;
 }
 
-// Records pass in the order the flags say; unknown flags give 9 without a
-// trace line. 104 + 8 * 2^29 and 104 + 32 * 2^27 both wrap to 104 in 32 bits.
-TEST(SegmentRecordValidate, FlagsChooseTheOrderAndCountsThatWrapAreRefused) {
+// The first rows break one check each and every later one too, so that a
+// check made out of order reports the wrong line. Then records pass in the
+// order the flags say; unknown flags give 9 without a trace line. 104 + 8 *
+// 2^29 and 104 + 32 * 2^27 both wrap to 104 in 32 bits. No trace untraced.
+TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrderAndFlagsChooseTheOrder) {
   const Bytes plain = SoImage(Rec(), false), host = SoImage(TwoTaskIDsOneFingerprint(), false);
   const Bytes net = SoImage(TwoTaskIDsOneFingerprint(), true);
+  const Bytes broken = SoImage(Make(3, 4, 9, {1}), false);
   const std::string wraps = "calculated size 4294967400, size 104";
   struct Row {
     Bytes image;
@@ -152,6 +121,12 @@ TEST(SegmentRecordValidate, FlagsChooseTheOrderAndCountsThatWrapAreRefused) {
     std::string trace;  // after "Invalid SO record: "; none for status 0 and 9
   };
   const Row rows[] = {
+      {broken, 95, 0, 32, "size 95, expected at least 96"},
+      {broken, 112, 2, 32, "type 3, expected 2"},
+      {SoImage(Make(2, 4, 9, {1}), false), 112, 2, 32, "recsize 4, size 112"},
+      {SoImage(Make(2, 120, 9, {1}), false).zeros(8), 120, 2, 32, "calculated size 112, size 120"},
+      {SoImage(Make(2, {}, 9, {1}), false), 112, 2, 32, "1 taskids, expected 0"},
+      {SoImage(Make(2, {}, 9, {1}), false), 112, 0, 32, "invalid fp type 9"},
       {plain, 104, CR_SO_VALIDATE_NO_TASKIDS, 0, ""},
       {plain, 96, 0, 32, "recsize 104, size 96"},
       {host, 136, 0, 0, ""},
@@ -160,17 +135,22 @@ TEST(SegmentRecordValidate, FlagsChooseTheOrderAndCountsThatWrapAreRefused) {
       {net, 136, 0, 32, "type 512, expected 2"},
       {plain, 104, 4, 9, ""},
       {plain, 104, 0x80000000u, 9, ""},
-      {SoImage(Wrapping(0x20000000u, 1, 0), false), 104, 0, 32, wraps},
-      {SoImage(Wrapping(0, 3, 0x08000000u), false), 104, 0, 32, wraps},
+      {SoImage(Make(2, 104, 1, {}, 0x20000000u, 0), false), 104, 0, 32, wraps},
+      {SoImage(Make(2, 104, 3, {}, 0, 0x08000000u), false), 104, 0, 32, wraps},
   };
   for (const Row& r : rows) {
-    SCOPED_TRACE(testing::Message() << "row " << &r - rows);
-    Buffer buf(r.image);
-    LogCapture log(true);
-    EXPECT_EQ(SegmentRecordValidate(buf.r(), r.size, r.flags), r.status);
-    EXPECT_EQ(log.texts(), r.trace.empty() ? std::vector<std::string>()
-                                           : std::vector<std::string>{"Invalid SO record: " +
-                                                                      r.trace});
+    for (bool trace : {true, false}) {
+      SCOPED_TRACE(testing::Message() << "row " << &r - rows << (trace ? "" : " untraced"));
+      Buffer buf(r.image);
+      LogCapture log(trace);
+      EXPECT_EQ(SegmentRecordValidate(buf.r(), r.size, r.flags), r.status);
+      ASSERT_EQ(log.texts(), trace && !r.trace.empty()
+                                 ? std::vector<std::string>{"Invalid SO record: " + r.trace}
+                                 : std::vector<std::string>());
+      if (!log.lines().empty()) {
+        EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
+      }
+    }
   }
   EXPECT_EQ(SegmentRecordValidate(nullptr, 104, 0), 9u);
 }
@@ -243,11 +223,10 @@ TEST(SegmentRecordSerialize, FailedAllocationIsLoggedAndReturnsTheMappedStatus) 
   EXPECT_EQ(data, nullptr);
   EXPECT_EQ(size, 0u);
   ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-  EXPECT_EQ(log.lines()[0].status, 22u);
-  EXPECT_EQ(log.texts()[0],
-            std::string("Could not serialize SO: malloc failed for 4294967295 bytes (") +
-                CRStatusToStringA(22) + ")");
+  EXPECT_EQ(std::make_tuple(log.lines()[0].level, log.lines()[0].status, log.texts()[0]),
+            std::make_tuple(CR_LOG_ERROR, 22u,
+                            std::string("Could not serialize SO: malloc failed for 4294967295 "
+                                        "bytes (") + CRStatusToStringA(22) + ")"));
 }
 
 // The example record, and a network-order record with task IDs and wide
@@ -295,7 +274,7 @@ TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder
       std::ostringstream os;
       SegmentRecordToStream(os, *buf.r(), binary);
       if (binary) {
-        EXPECT_EQ(Vec(os.str()), net.vec());
+        EXPECT_EQ(os.str(), std::string(net.data(), net.data() + net.size()));
       }
       ThrowingBuf sink;
       std::ostream throwing(&sink);
@@ -307,9 +286,9 @@ TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder
 }
 
 TEST(RecordInContainer, OnlyFileIDZeroIsInAContainer) {
-  EXPECT_TRUE(RecordInContainer(0));
-  EXPECT_FALSE(RecordInContainer(1));
-  EXPECT_FALSE(RecordInContainer(0x8000000000000000ul));
+  EXPECT_EQ(std::vector<bool>({RecordInContainer(0), RecordInContainer(1),
+                               RecordInContainer(0x8000000000000000ul)}),
+            std::vector<bool>({true, false, false}));
 }
 
 }  // namespace
