@@ -361,33 +361,20 @@ TEST(DORecordFromSerialized, FailuresLeaveNoBufferAndTheCallersUntouched) {
   const std::vector<uint8_t> image = Image(2, 1), short_ = crtest::SerializedDO(
       2, 1000, 512, kCrc,
       {{crtest::PatternFP(1, 16), 400, 0, 0, 64}, {crtest::PatternFP(2, 16), 500, 0, 0, 65}});
-  struct Row {
-    unsigned int dotype;
-    uint8_t fptype;
-    const std::vector<uint8_t>& in;
-    size_t n;
-    Failure failure;
-  };
-  const Row rows[] = {
-      {2, 9, image, image.size(), {9, "invalid fptype for DO"}},
-      {2, 1, image, image.size() - 1, {120, ""}},
-      {262, 1, image, image.size(), {113, ""}},
-      {2, 1, short_, short_.size(),
-       {89, "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. Original file size:1000. "
-            "Sum of segm. sizes:900."}}};
   Malloced buffer = Block(164);
-  for (uint8_t* callers : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
-    for (const Row& r : rows) {
-      SCOPED_TRACE(testing::Message() << (callers ? "caller buffer, row " : "row ") << &r - rows);
-      EXPECT_EQ(Thrown([&] {
-                  DORecord d(r.dotype, 2, 100, r.fptype, callers, callers ? 164 : 0, r.in.data(),
-                             r.n, false);
-                }),
-                r.failure);
-      if (&r.in == &image) {  // refused before the caller's buffer is written
-        EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
-      }
-    }
+  for (uint8_t* at : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
+    SCOPED_TRACE(at ? "caller buffer" : "own buffer");
+    const auto thrown = [&](unsigned int dotype, uint8_t fptype, const std::vector<uint8_t>& in,
+                            size_t n) {
+      return Thrown([&] { DORecord r(dotype, 2, 100, fptype, at, at ? 164 : 0, in.data(), n, 0); });
+    };
+    EXPECT_EQ(thrown(2, 9, image, image.size()), Failure(9, "invalid fptype for DO"));
+    EXPECT_EQ(thrown(2, 1, image, image.size() - 1), Failure(120, ""));
+    EXPECT_EQ(thrown(262, 1, image, image.size()), Failure(113, ""));
+    EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
+    EXPECT_EQ(thrown(2, 1, short_, short_.size()),
+              Failure(89, "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. "
+                          "Original file size:1000. Sum of segm. sizes:900."));
   }
 }
 

@@ -43,48 +43,33 @@ Rec TwoTaskIDsOneFingerprint() {
   return r;
 }
 
-// In place and into another buffer, both fingerprint widths: every byte
-// lands where the layout says, the unconverted ones included, and Ntoh
-// restores what Hton changed.
-TEST(SegmentRecordConvert, HtonWritesTheNetworkImageAndNtohRestoresEveryByte) {
+// Each direction, in place and into another buffer, both fingerprint
+// widths, keeping or dropping the task IDs: every byte lands where the layout
+// says, the unconverted ones included, and a separate source stays as it was.
+TEST(SegmentRecordConvert, EveryByteLandsWhereTheLayoutSaysWithOrWithoutTaskIDs) {
   for (uint8_t fptype : {1, 3}) {
-    SCOPED_TRACE(int{fptype});
     Rec rec = TwoTaskIDsOneFingerprint();
     rec.fptype = fptype;
     rec.fps = {crtest::PatternFP(0x80, crtest::FPWidth(fptype)),
                crtest::PatternFP(0x90, crtest::FPWidth(fptype))};
-    const Bytes host = SoImage(rec, false), net = SoImage(rec, true);
-    Buffer buf(host), toNet(Bytes().zeros(host.size())), toHost(Bytes().zeros(host.size()));
-    SegmentRecordHton(buf.r(), buf.r(), 0);
-    EXPECT_EQ(buf.bytes(net.size()), net.vec());
-    SegmentRecordNtoh(buf.r(), buf.r(), 0);
-    EXPECT_EQ(buf.bytes(host.size()), host.vec());
-    SegmentRecordHton(toNet.r(), buf.r(), 0);
-    SegmentRecordNtoh(toHost.r(), toNet.r(), 0);
-    EXPECT_EQ(toNet.bytes(net.size()), net.vec());
-    EXPECT_EQ(toHost.bytes(host.size()), host.vec());
-  }
-}
-
-// 136 bytes with two task IDs and one fingerprint become 120 bytes with the
-// fingerprint at 96, in place and into another buffer, in both directions.
-TEST(SegmentRecordConvert, DroppingTaskIDsMovesTheFingerprintToOffset96) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  Rec dropped = rec;
-  dropped.taskIDs.clear();
-  for (bool toNetwork : {true, false}) {
-    for (bool inPlace : {true, false}) {
-      SCOPED_TRACE(std::string(toNetwork ? "hton" : "ntoh") + (inPlace ? " in place" : ""));
-      const Bytes source = SoImage(rec, !toNetwork), expected = SoImage(dropped, toNetwork);
-      ASSERT_EQ(source.size(), 136u);
-      ASSERT_EQ(expected.size(), 120u);
-      Buffer src(source), other(Bytes().zeros(120));
-      _SegmentDBRecord* dst = inPlace ? src.r() : other.r();
-      (toNetwork ? SegmentRecordHton : SegmentRecordNtoh)(dst, src.r(),
-                                                          CR_SO_CONVERT_DROP_TASKIDS);
-      EXPECT_EQ((inPlace ? src : other).bytes(120), expected.vec());
-      if (!inPlace) {
-        EXPECT_EQ(src.bytes(136), source.vec()) << "the source stays as it was";
+    Rec dropped = rec;
+    dropped.taskIDs.clear();
+    for (unsigned int flags : {0u, static_cast<unsigned int>(CR_SO_CONVERT_DROP_TASKIDS)}) {
+      for (bool toNetwork : {true, false}) {
+        for (bool inPlace : {true, false}) {
+          SCOPED_TRACE(testing::Message() << "fptype " << int{fptype} << " flags " << flags
+                                          << (toNetwork ? " hton" : " ntoh")
+                                          << (inPlace ? " in place" : ""));
+          const Bytes source = SoImage(rec, !toNetwork);
+          const Bytes expected = SoImage(flags ? dropped : rec, toNetwork);
+          Buffer src(source), other(Bytes().zeros(source.size()));
+          (toNetwork ? SegmentRecordHton : SegmentRecordNtoh)(inPlace ? src.r() : other.r(),
+                                                              src.r(), flags);
+          EXPECT_EQ((inPlace ? src : other).bytes(expected.size()), expected.vec());
+          if (!inPlace) {
+            EXPECT_EQ(src.bytes(source.size()), source.vec());
+          }
+        }
       }
     }
   }
