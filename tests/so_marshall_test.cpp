@@ -152,12 +152,6 @@ TEST(SegmentRecordValidate, NeverReadsPastTheSizeOfAnyPrefix) {
   }
 }
 
-struct Serialized {
-  ~Serialized() { std::free(data); }
-  void* data = nullptr;
-  unsigned long size = 0;
-};
-
 TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
   Rec two = TwoTaskIDsOneFingerprint(), wide, none;
   two.fileID = 0x0102030405060708ull;
@@ -173,10 +167,11 @@ TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
       expected.str(crtest::Hex(fp.data(), fp.size())).u8(0);
     }
     Buffer buf(SoImage(rec, false));
-    Serialized out;
-    ASSERT_EQ(SegmentRecordSerialize(buf.r(), &out.data, &out.size), 0u);
-    const uint8_t* p = static_cast<const uint8_t*>(out.data);
-    EXPECT_EQ(std::vector<uint8_t>(p, p + out.size), expected.u8(0).vec());
+    void* data = nullptr;
+    unsigned long size = 0;
+    ASSERT_EQ(SegmentRecordSerialize(buf.r(), &data, &size), 0u);
+    const crtest::Malloced out(static_cast<uint8_t*>(data));
+    EXPECT_EQ(crtest::BytesAt(out.get(), size), expected.u8(0).vec());
   }
 }
 
