@@ -18,7 +18,7 @@ std::string RecordHex(const DORecord& r) { return Hex(r.GetHeader(), r.GetHeader
 
 TEST(BuildImage, BloomRecordsAndAnEmptyUniqueDcidBlock) {
   const std::vector<uint8_t> bitmap = PatternBitmap(1024);
-  const std::vector<uint8_t> udcid = HostUniqueDcids(kUdcids);
+  const std::vector<uint8_t> udcid = UniqueDcidBlock(kUdcids, false);
   DORecord r(0x1234567, 9000, 4096, 0xCAFE, 1111, 2222, 1024, bitmap.data(), Chars(udcid), 3, 4);
   const uint32_t recsize = 80 + 4 + 1024 + 16 + 8 + 32;
   Bytes expected = HeaderImage(recsize, 0, 0x1234567, 9000, 4096, 0xCAFE, 1111, 2222, 0, 0, 2, 0,
@@ -67,7 +67,7 @@ TEST(Build, RefusalsComeInOrder) {
   segs[2].size = 1807;
   const Bytes shortList = SegmentList(2, segs);
   const std::vector<unsigned long> good = Dcids(segs), bad = {64, 63, 12};
-  const std::vector<uint8_t> udcid = HostUniqueDcids(kUdcids), bitmap = PatternBitmap(64);
+  const std::vector<uint8_t> udcid = UniqueDcidBlock(kUdcids, false), bitmap = PatternBitmap(64);
   std::vector<uint8_t> badUdcid = udcid;  // checksum word 7 in place of the Adler-32
   badUdcid[0] = 7, badUdcid[1] = badUdcid[2] = badUdcid[3] = 0;
   const std::vector<uint8_t> badNone = Bytes().le32(0x00040002).le32(0).vec();

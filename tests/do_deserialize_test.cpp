@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "crrecord/DORecord.h"
@@ -17,9 +18,10 @@
 namespace {
 
 using crtest::Block;
-using crtest::ExpectThrows;
+using crtest::Failure;
 using crtest::Malloced;
 using crtest::Seg;
+using crtest::Thrown;
 using crtest::UEntry;
 
 constexpr uint32_t kCrc = 0x1234;
@@ -45,10 +47,6 @@ cr_status_t Read(const std::vector<uint8_t>& image, size_t n, uint8_t dotype, ui
   return status;
 }
 
-cr_status_t Read(const std::vector<uint8_t>& image, uint8_t dotype, uint8_t fptype) {
-  return Read(image, image.size(), dotype, fptype);
-}
-
 std::vector<uint8_t> Image(uint8_t dotype, uint8_t fptype) {
   return crtest::SerializedDO(dotype, 10000, 4096, kCrc, crtest::ThreeSegments(fptype));
 }
@@ -66,11 +64,6 @@ std::string ExpectedRecord(uint8_t dotype, uint8_t fptype, const uint8_t* built)
   const std::vector<uint8_t> r =
       crtest::HostRecord(dotype, fptype, crtest::ThreeSegments(fptype), {0, 0, kCrc, ctime, ctime});
   return crtest::Hex(r.data(), r.size());
-}
-
-// Sets the big-endian 32-bit word at `at`.
-void PutBE32(std::vector<uint8_t>* image, size_t at, uint32_t v) {
-  for (int k = 0; k < 4; ++k) (*image)[at + k] = static_cast<uint8_t>(v >> (24 - 8 * k));
 }
 
 // --- The records the reader builds ------------------------------------------
@@ -147,7 +140,7 @@ std::vector<uint8_t> Xor(std::vector<uint8_t> image, size_t at, uint8_t v) {
   return Set(image, at, static_cast<uint8_t>(image[at] ^ v));
 }
 std::vector<uint8_t> Put32(std::vector<uint8_t> image, size_t at, uint32_t v) {
-  PutBE32(&image, at, v);
+  for (int k = 0; k < 4; ++k) image[at + k] = static_cast<uint8_t>(v >> (24 - 8 * k));
   return image;
 }
 std::vector<uint8_t> Cut(std::vector<uint8_t> image, size_t n) {
@@ -202,7 +195,7 @@ TEST(DODeserialize, MalformedShortOrWrappingInputIsRefused) {
   for (const Row& r : rows) {
     SCOPED_TRACE(testing::Message() << "row " << &r - rows);
     crtest::LogCapture log(true);
-    EXPECT_EQ(Read(r.image, r.dotype, r.fptype), r.status);
+    EXPECT_EQ(Read(r.image, r.image.size(), r.dotype, r.fptype), r.status);
     ASSERT_EQ(log.lines().size(), 1u);
     if (!r.trace.empty()) {
       EXPECT_EQ(log.texts()[0], kPrefix + r.trace);
@@ -210,7 +203,8 @@ TEST(DODeserialize, MalformedShortOrWrappingInputIsRefused) {
   }
 }
 
-TEST(DODeserialize, NullArgumentsAreRefused) {
+// Null arguments, then a caller buffer 4 bytes off the 8-byte alignment.
+TEST(DODeserialize, NullArgumentsAndAMisalignedCallerBufferAreRefused) {
   const std::vector<uint8_t> image = Image(0, 1);
   DORecordHeader* h = nullptr;
   unsigned long size = kUntouched;
@@ -221,6 +215,15 @@ TEST(DODeserialize, NullArgumentsAreRefused) {
   EXPECT_EQ(h, nullptr);
   EXPECT_EQ(size, kUntouched);
   EXPECT_EQ(log.texts(), std::vector<std::string>(3, kPrefix + "null argument"));
+  Malloced storage = Block(256);
+  h = reinterpret_cast<DORecordHeader*>(storage.get() + 4);
+  size = 252;
+  EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, image.data(), image.size(), 0, 1), 9u);
+  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(storage.get() + 4));
+  ASSERT_EQ(log.lines().size(), 4u);
+  const std::string& text = log.lines()[3].text;
+  EXPECT_EQ(text.rfind(kPrefix + "caller buffer at ", 0), 0u) << text;
+  EXPECT_NE(text.find(" is not aligned to 8 bytes"), std::string::npos) << text;
 }
 
 // --- Caller buffers ------------------------------------------------------------------
@@ -248,20 +251,6 @@ TEST(DODeserialize, CallerBufferMustHoldTheRecord) {
       EXPECT_EQ(crtest::Hex(buffer.get(), n), ExpectedRecord(2, 1, buffer.get()));
     }
   }
-}
-
-TEST(DODeserialize, MisalignedCallerBufferIsRefused) {
-  const std::vector<uint8_t> image = Image(0, 1);
-  Malloced storage = Block(256);
-  DORecordHeader* h = reinterpret_cast<DORecordHeader*>(storage.get() + 4);
-  unsigned long size = 252;
-  crtest::LogCapture log(true);
-  EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, image.data(), image.size(), 0, 1), 9u);
-  EXPECT_EQ(h, reinterpret_cast<DORecordHeader*>(storage.get() + 4));
-  ASSERT_EQ(log.lines().size(), 1u);
-  const std::string& text = log.lines()[0].text;
-  EXPECT_EQ(text.rfind(kPrefix + "caller buffer at ", 0), 0u) << text;
-  EXPECT_NE(text.find(" is not aligned to 8 bytes"), std::string::npos) << text;
 }
 
 // --- The checksum of the head ----------------------------------------------------------
@@ -297,23 +286,18 @@ TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompletedWithValidFlags
   crtest::LogCapture log;
   DORecord r(2, 0x0004, 100, 1, nullptr, 0, image.data(), image.size(), false);
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_TRUE(r.OwnsBuffer());
-  EXPECT_EQ(r.GetBufferMode(), 2u);
-  EXPECT_EQ(r.GetAllocatedSize(), 164u);
-  EXPECT_EQ(r.GetHeaderSize(), 164u);
-  EXPECT_FALSE(r.IsSubDO());
-  EXPECT_EQ(r.GetFlags(), 0x0004);
-  EXPECT_EQ(r.GetDCID(), 100u);
-  EXPECT_EQ(r.GetCheckTime(), 0u);
+  EXPECT_EQ(std::vector<uint64_t>({r.OwnsBuffer(), r.GetBufferMode(), r.GetAllocatedSize(),
+                                   r.GetHeaderSize(), r.IsSubDO(), r.GetFlags(), r.GetDCID(),
+                                   r.GetCheckTime()}),
+            std::vector<uint64_t>({1, 2, 164, 164, 0, 4, 100, 0}));
   EXPECT_GE(r.GetMTime(), before);
   EXPECT_LE(r.GetMTime(), static_cast<uint32_t>(std::time(nullptr)));
 
   DORecord invalid(2, 0x0008, 100, 1, nullptr, 0, image.data(), image.size(), false);
   EXPECT_EQ(invalid.GetFlags(), 0);  // as read: the form carries no flags
   ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-  EXPECT_EQ(log.lines()[0].status, 9u);
-  EXPECT_EQ(log.lines()[0].text, "Setting DORecord flags to invalid value 8");
+  EXPECT_EQ(std::make_tuple(log.lines()[0].level, log.lines()[0].status, log.lines()[0].text),
+            std::make_tuple(CR_LOG_ERROR, 9u, "Setting DORecord flags to invalid value 8"));
 }
 
 TEST(DORecordFromSerialized, CallerBufferIsBorrowedAndLeftUntouchedAfterGrowth) {
@@ -361,36 +345,32 @@ TEST(DORecordFromSerialized, SubDOTakesItsFirstContainerAndSkipsTheSizeMagnitude
   const std::vector<uint8_t> bigImage = crtest::SerializedDO(2, 0x80000000u, 4096, kCrc, big);
   DORecord bigSub(2, 0x0002, 100, 1, nullptr, 0, bigImage.data(), bigImage.size(), true);
   EXPECT_EQ(bigSub.GetSegmentSize(0), 0x80000000u);
-  ExpectThrows(
-      [&] { DORecord r(2, 2, 100, 1, nullptr, 0, bigImage.data(), bigImage.size(), false); }, 89,
-      "Segment list of a DORecord is corrupt. Segment 0 has size 2147483648 (> 2 GiB). "
-      "Data is probably in wrong byte order (host vs. network order)");
+  EXPECT_EQ(
+      Thrown([&] { DORecord r(2, 2, 100, 1, nullptr, 0, bigImage.data(), bigImage.size(), 0); }),
+      Failure(89, "Segment list of a DORecord is corrupt. Segment 0 has size 2147483648 (> 2 GiB). "
+      "Data is probably in wrong byte order (host vs. network order)"));
 }
 
+// Sizes that add up to 900 in a 1000-byte file: that check runs after the
+// buffer is built, which must then go. DO type 262 is narrowed to 6.
 TEST(DORecordFromSerialized, FailuresLeaveNoBufferAndTheCallersUntouched) {
-  const std::vector<uint8_t> image = Image(2, 1);
-  // Sizes that add up to 900 in a 1000-byte file: the check runs after the
-  // buffer is built, which must then go.
-  const std::vector<uint8_t> short_ = crtest::SerializedDO(
+  const std::vector<uint8_t> image = Image(2, 1), short_ = crtest::SerializedDO(
       2, 1000, 512, kCrc,
       {{crtest::PatternFP(1, 16), 400, 0, 0, 64}, {crtest::PatternFP(2, 16), 500, 0, 0, 65}});
-  const std::string corrupt =
-      "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. Original file size:1000. "
-      "Sum of segm. sizes:900.";
   Malloced buffer = Block(164);
-  const auto build = [](unsigned int dotype, uint8_t fptype, uint8_t* callers,
-                        const std::vector<uint8_t>& in, size_t n) {
-    return [=, &in] {
-      DORecord r(dotype, 2, 100, fptype, callers, callers ? 164 : 0, in.data(), n, false);
+  for (uint8_t* at : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
+    SCOPED_TRACE(at ? "caller buffer" : "own buffer");
+    const auto thrown = [&](unsigned int dotype, uint8_t fptype, const std::vector<uint8_t>& in,
+                            size_t n) {
+      return Thrown([&] { DORecord r(dotype, 2, 100, fptype, at, at ? 164 : 0, in.data(), n, 0); });
     };
-  };
-  for (uint8_t* callers : {static_cast<uint8_t*>(nullptr), buffer.get()}) {
-    SCOPED_TRACE(callers ? "caller buffer" : "own buffer");
-    ExpectThrows(build(2, 9, callers, image, image.size()), 9, "invalid fptype for DO");
-    ExpectThrows(build(2, 1, callers, image, image.size() - 1), 120, "");
-    ExpectThrows(build(262, 1, callers, image, image.size()), 113, "");  // narrowed to 8 bits: 6
+    EXPECT_EQ(thrown(2, 9, image, image.size()), Failure(9, "invalid fptype for DO"));
+    EXPECT_EQ(thrown(2, 1, image, image.size() - 1), Failure(120, ""));
+    EXPECT_EQ(thrown(262, 1, image, image.size()), Failure(113, ""));
     EXPECT_EQ(crtest::Hex(buffer.get(), 164), std::string(2 * 164, 'e'));
-    ExpectThrows(build(2, 1, callers, short_, short_.size()), 89, corrupt);
+    EXPECT_EQ(thrown(2, 1, short_, short_.size()),
+              Failure(89, "Segment list of DORecord CR_DO_TYPE_NO_OFFSET is corrupt. "
+                          "Original file size:1000. Sum of segm. sizes:900."));
   }
 }
 

@@ -80,7 +80,7 @@ TEST(DORecordDigest, BloomRecordDigestsItsSpanInPlace) {
   EXPECT_EQ(Digest(*crtest::BuildBloom(bitmap, {}, 1, 0, 900)), "2 900 " + HashDO(span, 1));
 
   const std::vector<crtest::UEntry> entries = {{70, 200}, {500, 400}, {900, 12}};
-  const std::vector<uint8_t> unique = crtest::HostUniqueDcids(entries);
+  const std::vector<uint8_t> unique = crtest::UniqueDcidBlock(entries, false);
   auto record = crtest::BuildBloom(bitmap, entries, 3, 0, 900);
   span.raw(unique.data(), unique.size());
   // The Bloom type is looked at before the segment count.
@@ -100,11 +100,12 @@ TEST(DORecordDigest, RefusalsCarryTheirStatus) {
   // byte order is looked at before anything else.
   auto network = crtest::BuildDO(0, 1, crtest::ThreeSegments(1));
   network->HostToNetwork(0);
-  crtest::ExpectThrows([&] { network->GetDigest(); }, CR_STATUS_INVALID,
-                       "GetDigest called while DO record in network order.");
+  EXPECT_EQ(crtest::Thrown([&] { network->GetDigest(); }),
+            crtest::Failure(CR_STATUS_INVALID,
+                            "GetDigest called while DO record in network order."));
   auto unknown = crtest::BuildDO(2, 1, crtest::ThreeSegments(1));
   unknown->GetHeader()->fptype = 7;  // unknown to the fingerprint library
-  crtest::ExpectThrows([&] { unknown->GetDigest(); }, CR_STATUS_INVALID, "");
+  EXPECT_EQ(crtest::Thrown([&] { unknown->GetDigest(); }), crtest::Failure(CR_STATUS_INVALID, ""));
 }
 
 }  // namespace

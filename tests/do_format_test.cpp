@@ -26,7 +26,7 @@ Bytes Image(uint32_t recsize, uint32_t ntaskid, uint32_t nfp, uint32_t nudcid, u
 // An exactly sized heap copy, so that ASan sees any over-read.
 struct Buffer {
   explicit Buffer(const Bytes& b)
-      : p(reinterpret_cast<unsigned char*>(MallocCopy(b.vec()))), size(b.size()) {}
+      : p(Block(b.size(), b.data()).release()), size(b.size()) {}
   ~Buffer() { std::free(p); }
   DORecordHeader* h() const { return reinterpret_cast<DORecordHeader*>(p); }
   size_t off(const unsigned char* q) const { return static_cast<size_t>(q - p); }

@@ -28,7 +28,7 @@ std::vector<uint8_t> StoredRecord() {
   const unsigned char hold = 0xAA;
   r->OwnTRef(*CRTRefNew(CR_TREF_TYPE_HOLD, &hold, 1));
   r->GetHeader()->mtime = 20;
-  return RecordBytes(*r);
+  return BytesAt(r->GetHeader(), r->getRecSize());
 }
 
 std::vector<uint8_t> Section(const DORecord& r) {
@@ -56,7 +56,7 @@ TEST(DORecordStored, ReopenedRecordsKeepTheirReferencesAndGrowAsTheirModeSays) {
   ASSERT_EQ(size, kSmallSize + refs.size());
   for (unsigned int mode = 0; mode <= 2; ++mode) {
     SCOPED_TRACE(mode);
-    DORecordHeader* buffer = MallocCopy(stored);
+    auto* buffer = reinterpret_cast<DORecordHeader*>(Block(stored.size(), stored.data()).release());
     {
       DORecord r(buffer, size, mode);
       EXPECT_EQ(r.OwnsBuffer(), mode == 2);
@@ -167,7 +167,7 @@ TEST(DORecordStored, OldListsBecomeReferencesBehindTheData) {
         HeaderImage(uint32_t(80 + body.size()), 0, 100, 1000, 1000, 0xABCD, 10, 20,
                     uint32_t(row.taskIds.size()), 1, 0, uint32_t(row.dsids.size()), 0, 0, 1, 2)
             .raw(body.data(), body.size()).vec();
-    DORecordHeader* buffer = MallocCopy(stored);
+    auto* buffer = reinterpret_cast<DORecordHeader*>(Block(stored.size(), stored.data()).release());
     DORecord r(buffer, stored.size(), row.mode);
     EXPECT_EQ(r.GetHeader()->ntaskid + r.GetHeader()->nds, 0u);
     EXPECT_NE(r.GetMTime(), 20u);
@@ -237,7 +237,7 @@ TEST(DORecordObject, NetworkOrderRecordReadsHostValuesAndStoresNetworkOrder) {
                r->GetDOType(), r->getRecSize(),   r->getTRefsSize()};
   };
   // Without references GetHeader rebuilds nothing.
-  EXPECT_EQ(BytesAt(r->GetHeader(), kSmallSize), RecordBytes(*r));
+  EXPECT_EQ(BytesAt(r->GetHeader(), kSmallSize), BytesAt(r->GetHeader(), r->getRecSize()));
   const Ids before = values();
   r->HostToNetwork(0);
   EXPECT_EQ(values(), before);

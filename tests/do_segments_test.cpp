@@ -32,11 +32,11 @@ class SegmentGetters : public ::testing::TestWithParam<TypeAndWidth> {};
 // The built record's bytes against a hand-written image, then every getter.
 TEST_P(SegmentGetters, BuiltRecordsFollowTheLayoutAndReadBackInBothByteOrders) {
   const uint8_t dotype = GetParam().first, fptype = GetParam().second;
-  const unsigned w = FPWidth(fptype), entry = w + EntryExtra(dotype);
+  const unsigned w = FPWidth(fptype), entry = w + TypeFields(dotype);
   const std::vector<Seg> segs = ThreeSegments(fptype);
   const Bytes segments = SegmentList(dotype, segs);
   const std::vector<unsigned long> dcids = Dcids(segs);
-  const std::vector<uint8_t> udcid = HostUniqueDcids(kUdcids);
+  const std::vector<uint8_t> udcid = UniqueDcidBlock(kUdcids, false);
   Rec r = std::make_unique<DORecord>(0xABCDEF0123, 10000, 4096, 0xDEADBEEF, 1111, 2222,
                                      segments.data(), 3, dcids.data(),
                                      reinterpret_cast<const char*>(udcid.data()), fptype, dotype);
@@ -69,7 +69,7 @@ TEST_P(SegmentGetters, BuiltRecordsFollowTheLayoutAndReadBackInBothByteOrders) {
   }
   // The stored fields really are big-endian now: nfp, and segment 1's size.
   EXPECT_EQ(Hex(Base(*r) + 56, 4), "00000003");
-  if (EntryExtra(dotype) != 0) {
+  if (TypeFields(dotype) != 0) {
     EXPECT_EQ(Hex(Base(*r) + 80 + entry + w, 4), "00001000");
   }
   EXPECT_EQ(Thrown([&] { r->checkSegmentList(); }), kPass);

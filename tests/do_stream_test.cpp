@@ -93,9 +93,9 @@ TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
   auto record = Build(2);
   record->HostToNetwork(0);
   std::ostringstream os;
-  crtest::ExpectThrows(
-      [&] { record->ToStream(os, false); }, CR_STATUS_INVALID,
-      "cannot write DO record to stream in text form because it is in network order");
+  EXPECT_EQ(crtest::Thrown([&] { record->ToStream(os, false); }),
+            crtest::Failure(CR_STATUS_INVALID, "cannot write DO record to stream in text form "
+                                               "because it is in network order"));
   EXPECT_EQ(os.str(), "");
 }
 

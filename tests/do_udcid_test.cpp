@@ -32,7 +32,7 @@ std::unique_ptr<DORecord> ThreeSizes(unsigned long cid = 100,
 
 // The section as it must stand in host order: checksum, count, entries.
 std::string SectionImage(const std::vector<UEntry>& entries) {
-  return crtest::Hex(crtest::HostUniqueDcids(entries).data(), 8 + 16 * entries.size());
+  return crtest::Hex(crtest::UniqueDcidBlock(entries, false).data(), 8 + 16 * entries.size());
 }
 
 std::string RecordHex(DORecord& record, size_t offset, size_t length) {

@@ -282,9 +282,10 @@ TEST(LargeRecord, RoundTripAndUniqueDCIDsMatchTheirHandWrittenForms) {
   // Two faults: the size pass runs first, whatever the positions.
   segs[1400].offset -= 1;
   segs[1450].size = 0x80000000;
-  crtest::ExpectThrows([&] { crtest::BuildDO(3, 1, segs, 0, 900, size); }, 89,
-                       "Segment list of a DORecord is corrupt. Segment 1450 has size 2147483648 "
-                       "(> 2 GiB). Data is probably in wrong byte order (host vs. network order)");
+  EXPECT_EQ(crtest::Thrown([&] { crtest::BuildDO(3, 1, segs, 0, 900, size); }),
+            crtest::Failure(89, "Segment list of a DORecord is corrupt. Segment 1450 has size "
+                                "2147483648 (> 2 GiB). Data is probably in wrong byte order "
+                                "(host vs. network order)"));
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -114,7 +113,6 @@ inline size_t FPWidth(uint8_t fptype) { return fptype == 3 ? 32 : 16; }
 inline unsigned TypeFields(uint8_t dotype) {
   return dotype == 2 ? 4 : dotype == 3 ? 12 : dotype == 5 ? 8 : 0;
 }
-inline unsigned EntryExtra(uint8_t dotype) { return TypeFields(dotype); }
 
 // A record of `n` segments without references or unique-DCID list.
 inline size_t PlainRecordSize(uint8_t dotype, uint8_t fptype, size_t n) {
@@ -221,9 +219,6 @@ inline std::vector<uint8_t> UniqueDcidBlock(const std::vector<UEntry>& entries, 
   big ? block.be32(sum) : block.le32(sum);
   return block.raw(body.vec()).vec();
 }
-inline std::vector<uint8_t> HostUniqueDcids(const std::vector<UEntry>& entries) {
-  return UniqueDcidBlock(entries, false);
-}
 
 // The serialized Bloom DO record, sealed; eight zero bytes stand for an
 // absent unique-DCID block.
@@ -238,8 +233,6 @@ inline std::vector<uint8_t> SerializedBloom(uint64_t size, uint64_t ssize,
 }
 
 // --- SO and segment DB record images ------------------------------------------
-
-inline size_t SoWidth(uint8_t fptype) { return FPWidth(fptype); }
 
 // The fields of one record as the test means them. The bytes carried
 // unconverted (reserved words, pad, key index, trailer) hold recognisable
@@ -268,7 +261,7 @@ inline Bytes SoImage(const SoRec& r, bool big) {
   u16(r.type);
   u16(r.flags);
   u32(r.recsize.value_or(
-      static_cast<uint32_t>(104 + 8 * r.taskIDs.size() + SoWidth(r.fptype) * r.fps.size())));
+      static_cast<uint32_t>(104 + 8 * r.taskIDs.size() + FPWidth(r.fptype) * r.fps.size())));
   u32(r.unused);
   u32(r.ntaskid.value_or(static_cast<uint32_t>(r.taskIDs.size())));
   u32(r.checktime);
@@ -299,12 +292,6 @@ inline Malloced Block(size_t n, const uint8_t* data = nullptr) {
   if (data != nullptr && n != 0) std::memcpy(m.get(), data, n);
   if (data == nullptr) std::memset(m.get(), 0xEE, n);
   return m;
-}
-
-// A malloc'ed copy of exactly the given bytes, freed by the caller or by a
-// record that takes it over.
-inline DORecordHeader* MallocCopy(const std::vector<uint8_t>& bytes) {
-  return reinterpret_cast<DORecordHeader*>(Block(bytes.size(), bytes.data()).release());
 }
 
 inline std::vector<uint8_t> BytesAt(const void* p, size_t n) {
@@ -353,10 +340,6 @@ class LogCapture {
 
 inline uint32_t Now() { return static_cast<uint32_t>(std::time(nullptr)); }
 
-inline std::vector<uint8_t> RecordBytes(const DORecord& r) {
-  return BytesAt(r.GetHeader(), r.getRecSize());
-}
-
 // A record from the segment-list constructor, segment size 4096.
 inline std::unique_ptr<DORecord> BuildDO(uint8_t dotype, uint8_t fptype,
                                          const std::vector<Seg>& segs, uint32_t crc = 0,
@@ -374,7 +357,7 @@ inline std::unique_ptr<DORecord> BuildDO(uint8_t dotype, uint8_t fptype,
 inline std::unique_ptr<DORecord> BuildBloom(const std::vector<uint8_t>& bitmap,
                                             const std::vector<UEntry>& entries, uint8_t fptype = 1,
                                             uint32_t crc = 0, unsigned long cid = 100) {
-  const std::vector<uint8_t> block = HostUniqueDcids(entries);
+  const std::vector<uint8_t> block = UniqueDcidBlock(entries, false);
   return std::make_unique<DORecord>(
       cid, 10000, 4096, crc, 10, 20, static_cast<unsigned int>(bitmap.size()), bitmap.data(),
       entries.empty() ? nullptr : reinterpret_cast<const char*>(block.data()), fptype, 4);
@@ -399,7 +382,7 @@ inline std::unique_ptr<DORecord> Make(uint8_t dotype, uint8_t fptype, uint64_t s
                                       uint64_t ssize, const std::vector<Seg>& segs) {
   const Bytes list = SegmentList(dotype, segs);
   const std::vector<unsigned long> dcids = Dcids(segs);
-  const std::vector<uint8_t> udcid = HostUniqueDcids(kUdcids);
+  const std::vector<uint8_t> udcid = UniqueDcidBlock(kUdcids, false);
   return std::make_unique<DORecord>(70, size, ssize, 0, 1, 1, list.data(),
                                     static_cast<unsigned>(segs.size()), dcids.data(),
                                     reinterpret_cast<const char*>(udcid.data()), fptype, dotype);
@@ -444,11 +427,6 @@ inline std::vector<uint8_t> SerializedBytes(const DORecord& r, bool checksum,
   std::vector<uint8_t> bytes(static_cast<uint8_t*>(out), static_cast<uint8_t*>(out) + size);
   DORecord::SerializedDORecordFree(&out);
   return bytes;
-}
-
-inline void ExpectThrows(const std::function<void()>& f, cr_status_t status,
-                         const std::string& message) {
-  EXPECT_EQ(Thrown(f), Failure(status, message));
 }
 
 // Parameters for every DO type that has a segment list, in both widths.

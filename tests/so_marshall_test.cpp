@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "crrecord/SOmarshall.h"
@@ -41,109 +43,61 @@ Rec TwoTaskIDsOneFingerprint() {
   return r;
 }
 
-std::vector<uint8_t> Vec(const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); }
-
-// In place and into another buffer, both fingerprint widths: every byte
-// lands where the layout says, the unconverted ones included, and Ntoh
-// restores what Hton changed.
-TEST(SegmentRecordConvert, HtonWritesTheNetworkImageAndNtohRestoresEveryByte) {
+// Each direction, in place and into another buffer, both fingerprint
+// widths, keeping or dropping the task IDs: every byte lands where the layout
+// says, the unconverted ones included, and a separate source stays as it was.
+TEST(SegmentRecordConvert, EveryByteLandsWhereTheLayoutSaysWithOrWithoutTaskIDs) {
   for (uint8_t fptype : {1, 3}) {
-    SCOPED_TRACE(int{fptype});
     Rec rec = TwoTaskIDsOneFingerprint();
     rec.fptype = fptype;
-    rec.fps = {crtest::PatternFP(0x80, crtest::SoWidth(fptype)),
-               crtest::PatternFP(0x90, crtest::SoWidth(fptype))};
-    const Bytes host = SoImage(rec, false), net = SoImage(rec, true);
-    Buffer buf(host), toNet(Bytes().zeros(host.size())), toHost(Bytes().zeros(host.size()));
-    SegmentRecordHton(buf.r(), buf.r(), 0);
-    EXPECT_EQ(buf.bytes(net.size()), net.vec());
-    SegmentRecordNtoh(buf.r(), buf.r(), 0);
-    EXPECT_EQ(buf.bytes(host.size()), host.vec());
-    SegmentRecordHton(toNet.r(), buf.r(), 0);
-    SegmentRecordNtoh(toHost.r(), toNet.r(), 0);
-    EXPECT_EQ(toNet.bytes(net.size()), net.vec());
-    EXPECT_EQ(toHost.bytes(host.size()), host.vec());
-  }
-}
-
-// 136 bytes with two task IDs and one fingerprint become 120 bytes with the
-// fingerprint at 96, in place and into another buffer, in both directions.
-TEST(SegmentRecordConvert, DroppingTaskIDsMovesTheFingerprintToOffset96) {
-  const Rec rec = TwoTaskIDsOneFingerprint();
-  Rec dropped = rec;
-  dropped.taskIDs.clear();
-  for (bool toNetwork : {true, false}) {
-    for (bool inPlace : {true, false}) {
-      SCOPED_TRACE(std::string(toNetwork ? "hton" : "ntoh") + (inPlace ? " in place" : ""));
-      const Bytes source = SoImage(rec, !toNetwork), expected = SoImage(dropped, toNetwork);
-      ASSERT_EQ(source.size(), 136u);
-      ASSERT_EQ(expected.size(), 120u);
-      Buffer src(source), other(Bytes().zeros(120));
-      _SegmentDBRecord* dst = inPlace ? src.r() : other.r();
-      (toNetwork ? SegmentRecordHton : SegmentRecordNtoh)(dst, src.r(),
-                                                          CR_SO_CONVERT_DROP_TASKIDS);
-      EXPECT_EQ((inPlace ? src : other).bytes(120), expected.vec());
-      if (!inPlace) {
-        EXPECT_EQ(src.bytes(136), source.vec()) << "the source stays as it was";
+    rec.fps = {crtest::PatternFP(0x80, crtest::FPWidth(fptype)),
+               crtest::PatternFP(0x90, crtest::FPWidth(fptype))};
+    Rec dropped = rec;
+    dropped.taskIDs.clear();
+    for (unsigned int flags : {0u, static_cast<unsigned int>(CR_SO_CONVERT_DROP_TASKIDS)}) {
+      for (bool toNetwork : {true, false}) {
+        for (bool inPlace : {true, false}) {
+          SCOPED_TRACE(testing::Message() << "fptype " << int{fptype} << " flags " << flags
+                                          << (toNetwork ? " hton" : " ntoh")
+                                          << (inPlace ? " in place" : ""));
+          const Bytes source = SoImage(rec, !toNetwork);
+          const Bytes expected = SoImage(flags ? dropped : rec, toNetwork);
+          Buffer src(source), other(Bytes().zeros(source.size()));
+          (toNetwork ? SegmentRecordHton : SegmentRecordNtoh)(inPlace ? src.r() : other.r(),
+                                                              src.r(), flags);
+          EXPECT_EQ((inPlace ? src : other).bytes(expected.size()), expected.vec());
+          if (!inPlace) {
+            EXPECT_EQ(src.bytes(source.size()), source.vec());
+          }
+        }
       }
     }
   }
 }
 
-// Each case breaks its own check and, where it can, later checks too, so
-// that a check made out of order reports the wrong line.
-TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrder) {
-  struct Case {
-    void (*repair)(Rec&);  // mends the check the case before broke
-    int sizeDelta;         // size given = image size + delta
-    unsigned int flags;
-    std::string trace;
-  };
-  const Case cases[] = {
-      {nullptr, 95 - 112, 0, "Invalid SO record: size 95, expected at least 96"},
-      {nullptr, 0, 2, "Invalid SO record: type 3, expected 2"},
-      {[](Rec& r) { r.type = 2; }, 0, 2, "Invalid SO record: recsize 4, size 112"},
-      {[](Rec& r) { r.recsize = 120; }, 8, 2, "Invalid SO record: calculated size 112, size 120"},
-      {[](Rec& r) { r.recsize.reset(); }, 0, 2, "Invalid SO record: 1 taskids, expected 0"},
-      {nullptr, 0, 0, "Invalid SO record: invalid fp type 9"},
-  };
+// A record with the given type, recsize, fingerprint type and task IDs; the
+// counts, when not given, follow the lists.
+Rec Make(uint16_t type, std::optional<uint32_t> recsize, uint8_t fptype,
+         std::vector<uint64_t> taskIDs, std::optional<uint32_t> ntaskid = {},
+         std::optional<uint32_t> ndo = {}) {
   Rec r;
-  r.type = 3;
-  r.recsize = 4;
-  r.fptype = 9;
-  r.taskIDs = {1};
-  for (const Case& c : cases) {
-    if (c.repair) c.repair(r);
-    for (bool trace : {true, false}) {
-      SCOPED_TRACE(c.trace + (trace ? "" : " untraced"));
-      Bytes image = SoImage(r, false);
-      const auto size = static_cast<unsigned int>(static_cast<int>(image.size()) + c.sizeDelta);
-      Buffer buf(image.zeros(c.sizeDelta > 0 ? c.sizeDelta : 0));
-      LogCapture log(trace);
-      EXPECT_EQ(SegmentRecordValidate(buf.r(), size, c.flags), 32u);
-      ASSERT_EQ(log.lines().size(), trace ? 1u : 0u);
-      if (trace) {
-        EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
-        EXPECT_EQ(log.texts()[0], c.trace);
-      }
-    }
-  }
-}
-
-Rec Wrapping(uint32_t ntaskid, uint8_t fptype, uint32_t ndo) {
-  Rec r;
-  r.ntaskid = ntaskid;
+  r.type = type;
+  r.recsize = recsize;
   r.fptype = fptype;
+  r.taskIDs = taskIDs;
+  r.ntaskid = ntaskid;
   r.ndo = ndo;
-  r.recsize = 104;
   return r;
 }
 
-// Records pass in the order the flags say; unknown flags give 9 without a
-// trace line. 104 + 8 * 2^29 and 104 + 32 * 2^27 both wrap to 104 in 32 bits.
-TEST(SegmentRecordValidate, FlagsChooseTheOrderAndCountsThatWrapAreRefused) {
+// The first rows break one check each and every later one too, so that a
+// check made out of order reports the wrong line. Then records pass in the
+// order the flags say; unknown flags give 9 without a trace line. 104 + 8 *
+// 2^29 and 104 + 32 * 2^27 both wrap to 104 in 32 bits. No trace untraced.
+TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrderAndFlagsChooseTheOrder) {
   const Bytes plain = SoImage(Rec(), false), host = SoImage(TwoTaskIDsOneFingerprint(), false);
   const Bytes net = SoImage(TwoTaskIDsOneFingerprint(), true);
+  const Bytes broken = SoImage(Make(3, 4, 9, {1}), false);
   const std::string wraps = "calculated size 4294967400, size 104";
   struct Row {
     Bytes image;
@@ -152,6 +106,12 @@ TEST(SegmentRecordValidate, FlagsChooseTheOrderAndCountsThatWrapAreRefused) {
     std::string trace;  // after "Invalid SO record: "; none for status 0 and 9
   };
   const Row rows[] = {
+      {broken, 95, 0, 32, "size 95, expected at least 96"},
+      {broken, 112, 2, 32, "type 3, expected 2"},
+      {SoImage(Make(2, 4, 9, {1}), false), 112, 2, 32, "recsize 4, size 112"},
+      {SoImage(Make(2, 120, 9, {1}), false).zeros(8), 120, 2, 32, "calculated size 112, size 120"},
+      {SoImage(Make(2, {}, 9, {1}), false), 112, 2, 32, "1 taskids, expected 0"},
+      {SoImage(Make(2, {}, 9, {1}), false), 112, 0, 32, "invalid fp type 9"},
       {plain, 104, CR_SO_VALIDATE_NO_TASKIDS, 0, ""},
       {plain, 96, 0, 32, "recsize 104, size 96"},
       {host, 136, 0, 0, ""},
@@ -160,17 +120,22 @@ TEST(SegmentRecordValidate, FlagsChooseTheOrderAndCountsThatWrapAreRefused) {
       {net, 136, 0, 32, "type 512, expected 2"},
       {plain, 104, 4, 9, ""},
       {plain, 104, 0x80000000u, 9, ""},
-      {SoImage(Wrapping(0x20000000u, 1, 0), false), 104, 0, 32, wraps},
-      {SoImage(Wrapping(0, 3, 0x08000000u), false), 104, 0, 32, wraps},
+      {SoImage(Make(2, 104, 1, {}, 0x20000000u, 0), false), 104, 0, 32, wraps},
+      {SoImage(Make(2, 104, 3, {}, 0, 0x08000000u), false), 104, 0, 32, wraps},
   };
   for (const Row& r : rows) {
-    SCOPED_TRACE(testing::Message() << "row " << &r - rows);
-    Buffer buf(r.image);
-    LogCapture log(true);
-    EXPECT_EQ(SegmentRecordValidate(buf.r(), r.size, r.flags), r.status);
-    EXPECT_EQ(log.texts(), r.trace.empty() ? std::vector<std::string>()
-                                           : std::vector<std::string>{"Invalid SO record: " +
-                                                                      r.trace});
+    for (bool trace : {true, false}) {
+      SCOPED_TRACE(testing::Message() << "row " << &r - rows << (trace ? "" : " untraced"));
+      Buffer buf(r.image);
+      LogCapture log(trace);
+      EXPECT_EQ(SegmentRecordValidate(buf.r(), r.size, r.flags), r.status);
+      ASSERT_EQ(log.texts(), trace && !r.trace.empty()
+                                 ? std::vector<std::string>{"Invalid SO record: " + r.trace}
+                                 : std::vector<std::string>());
+      if (!log.lines().empty()) {
+        EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
+      }
+    }
   }
   EXPECT_EQ(SegmentRecordValidate(nullptr, 104, 0), 9u);
 }
@@ -187,12 +152,6 @@ TEST(SegmentRecordValidate, NeverReadsPastTheSizeOfAnyPrefix) {
   }
 }
 
-struct Serialized {
-  ~Serialized() { std::free(data); }
-  void* data = nullptr;
-  unsigned long size = 0;
-};
-
 TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
   Rec two = TwoTaskIDsOneFingerprint(), wide, none;
   two.fileID = 0x0102030405060708ull;
@@ -208,46 +167,37 @@ TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
       expected.str(crtest::Hex(fp.data(), fp.size())).u8(0);
     }
     Buffer buf(SoImage(rec, false));
-    Serialized out;
-    ASSERT_EQ(SegmentRecordSerialize(buf.r(), &out.data, &out.size), 0u);
-    const uint8_t* p = static_cast<const uint8_t*>(out.data);
-    EXPECT_EQ(std::vector<uint8_t>(p, p + out.size), expected.u8(0).vec());
+    void* data = nullptr;
+    unsigned long size = 0;
+    ASSERT_EQ(SegmentRecordSerialize(buf.r(), &data, &size), 0u);
+    const crtest::Malloced out(static_cast<uint8_t*>(data));
+    EXPECT_EQ(crtest::BytesAt(out.get(), size), expected.u8(0).vec());
   }
 }
 
-TEST(SegmentRecordSerialize, MissingArgumentsAndNetworkOrderAreRefused) {
+// 33 + 65 * (2^32 - 1) bytes cannot be had; the size is logged at its
+// 32-bit maximum and the outputs cleared. Refusals leave the outputs.
+TEST(SegmentRecordSerialize, RefusalsKeepTheOutputsAndAFailedAllocationIsLogged) {
   Buffer buf(SoImage(Rec(), false));
   Buffer net(SoImage(TwoTaskIDsOneFingerprint(), true));
+  Buffer huge(SoImage(Make(2, 104, 3, {}, {}, 0xFFFFFFFFu), false));
   void* data = &data;
   unsigned long size = 77;
+  LogCapture log;
   EXPECT_EQ(SegmentRecordSerialize(nullptr, &data, &size), 65u);
   EXPECT_EQ(SegmentRecordSerialize(buf.r(), nullptr, &size), 65u);
   EXPECT_EQ(SegmentRecordSerialize(buf.r(), &data, nullptr), 65u);
   EXPECT_EQ(SegmentRecordSerialize(net.r(), &data, &size), 9u);
-  EXPECT_EQ(data, &data);
-  EXPECT_EQ(size, 77u);
-}
-
-// 33 + 65 * (2^32 - 1) bytes cannot be had; the size is logged at its
-// 32-bit maximum.
-TEST(SegmentRecordSerialize, FailedAllocationIsLoggedAndReturnsTheMappedStatus) {
-  Rec rec;
-  rec.fptype = 3;
-  rec.ndo = 0xFFFFFFFFu;
-  rec.recsize = 104;
-  Buffer buf(SoImage(rec, false));
-  void* data = &data;
-  unsigned long size = 0;
-  LogCapture log;
-  EXPECT_EQ(SegmentRecordSerialize(buf.r(), &data, &size), 22u);
-  EXPECT_EQ(data, nullptr);
-  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(std::make_pair(data, size), std::make_pair(static_cast<void*>(&data), 77ul));
+  EXPECT_TRUE(log.lines().empty());
+  size = 0;
+  EXPECT_EQ(SegmentRecordSerialize(huge.r(), &data, &size), 22u);
+  EXPECT_EQ(std::make_pair(data, size), std::make_pair(static_cast<void*>(nullptr), 0ul));
   ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(log.lines()[0].level, CR_LOG_ERROR);
-  EXPECT_EQ(log.lines()[0].status, 22u);
-  EXPECT_EQ(log.texts()[0],
-            std::string("Could not serialize SO: malloc failed for 4294967295 bytes (") +
-                CRStatusToStringA(22) + ")");
+  EXPECT_EQ(std::make_tuple(log.lines()[0].level, log.lines()[0].status, log.texts()[0]),
+            std::make_tuple(CR_LOG_ERROR, 22u,
+                            std::string("Could not serialize SO: malloc failed for 4294967295 "
+                                        "bytes (") + CRStatusToStringA(22) + ")"));
 }
 
 // The example record, and a network-order record with task IDs and wide
@@ -295,7 +245,7 @@ TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder
       std::ostringstream os;
       SegmentRecordToStream(os, *buf.r(), binary);
       if (binary) {
-        EXPECT_EQ(Vec(os.str()), net.vec());
+        EXPECT_EQ(os.str(), std::string(net.data(), net.data() + net.size()));
       }
       ThrowingBuf sink;
       std::ostream throwing(&sink);
@@ -307,9 +257,9 @@ TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder
 }
 
 TEST(RecordInContainer, OnlyFileIDZeroIsInAContainer) {
-  EXPECT_TRUE(RecordInContainer(0));
-  EXPECT_FALSE(RecordInContainer(1));
-  EXPECT_FALSE(RecordInContainer(0x8000000000000000ul));
+  EXPECT_EQ(std::vector<bool>({RecordInContainer(0), RecordInContainer(1),
+                               RecordInContainer(0x8000000000000000ul)}),
+            std::vector<bool>({true, false, false}));
 }
 
 }  // namespace

@@ -24,8 +24,7 @@ std::vector<uint8_t> KeyBytes(const QorKey& key) {
 }
 
 std::vector<uint8_t> HeaderBytes(const SORecord& rec) {
-  const uint8_t* p = reinterpret_cast<const uint8_t*>(rec.GetHeader());
-  return std::vector<uint8_t>(p, p + 104);
+  return crtest::BytesAt(rec.GetHeader(), 104);
 }
 
 // Flags 1 ask for the task IDs to be dropped; there are none, so the
@@ -95,7 +94,9 @@ TEST(SORecord, AccessorsUseHostValuesInEitherOrder) {
 
 TEST(SORecord, FileIDDecidesBetweenDCIDAndPathID) {
   SORecord rec(0, 1000, 1, 1, MakeKey(0), 0, 1);
-  auto ids = [&] { return std::vector<uint64_t>({rec.GetFileID(), rec.GetDCID(), rec.GetPathID()}); };
+  auto ids = [&] {
+    return std::vector<uint64_t>({rec.GetFileID(), rec.GetDCID(), rec.GetPathID()});
+  };
   rec.GetHeader()->fileID = 5;
   EXPECT_EQ(ids(), std::vector<uint64_t>({5, 0, 1000}));
   rec.SetDCID(2000);

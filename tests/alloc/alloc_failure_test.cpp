@@ -128,7 +128,7 @@ void Tight(Subject& s) {
 }
 void Bloom(Subject& s) {
   static const std::vector<uint8_t> bitmap = crtest::PatternBitmap(64);
-  static const std::vector<uint8_t> list = crtest::HostUniqueDcids({{500, 20}, {70, 10}});
+  static const std::vector<uint8_t> list = crtest::UniqueDcidBlock({{500, 20}, {70, 10}}, false);
   s.rec.emplace(900, 10000, 4096, 77, kOldTime, kOldTime, 64, bitmap.data(),
                 reinterpret_cast<const char*>(list.data()), kFP, CR_DO_TYPE_BLOOM_FILTER);
 }
