@@ -149,7 +149,6 @@ TEST_F(CrrecCli, EachCommandLineGivesItsExitCodeAndStandardError) {
       {{"build", "@in", "-q", "-o", "@new", "-s", "@no/x"}, 2,
        "@no/x: cannot create: No such file or directory"},
       {{"build", "@missing", "-q", "-o", "@kept"}, 2, gone},
-      {{"build", "@in", "-q", "-o", "/dev/full"}, 1, "/dev/full" + full},
       {{"convert", "@r", "--to", "json", "-o", "/dev/full"}, 1, "/dev/full" + full},
       {{"build", "@in", "-q", "-o", "@kept", "-s", "/dev/full"}, 1, "/dev/full" + full},
       {{"build", "@empty", "-q", "-o", "@new"}, 1,
