@@ -173,8 +173,6 @@ TEST(CrrecJson, EachMistakeIsRefusedInOneLineNamingItsField) {
        "unique_dcids[1].bytes: expected a " + whole + "18446744073709551615"},
       {"/trefs/0/kind", "4", "trefs[0].kind: 4, but its bytes hold a reference of kind 2"},
       {"/trefs/0/bytes", "\"02\"", "trefs[0].bytes: not exactly one typed reference"},
-      {"/form", "\"stored-ish\"",
-       "form: \"stored-ish\" is not one of stored, serialized, serialized-bloom, segment-db"},
       {"/header", "", "header: missing"},
       {"/header", "[]", "header: expected an object"},
       {"/segments", "{}", "segments: expected an array"},
