@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,22 +44,6 @@ std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype, size_t n = 3) {
   if (dotype == 4) return crtest::BuildBloom(crtest::PatternBitmap(37), kEntries, fptype, kCrc);
   const std::vector<crtest::Seg> segs = Segments(fptype, n);
   return crtest::BuildDO(dotype, fptype, segs, kCrc, 100, FileSize(segs));
-}
-
-// The text form with the header fields from `from` on (6 crc, 7 ctime,
-// 8 mtime) up to field 8 blanked.
-std::string TextWithout(const DORecord& r, int from) {
-  std::ostringstream os;
-  r.ToStream(os, false);
-  std::string text = os.str();
-  size_t start = 0;
-  for (int k = 0; k < 9; ++k) {
-    const size_t comma = text.find(',', start);
-    if (comma == std::string::npos) break;
-    if (k >= from) text.replace(start, comma - start, "*");
-    start = k >= from ? start + 2 : comma + 1;
-  }
-  return text;
 }
 
 struct Row {
@@ -121,7 +104,6 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
           EXPECT_TRUE(rebuilt == *original);
           EXPECT_FALSE(rebuilt != *original);
         }
-        EXPECT_EQ(TextWithout(rebuilt, sealed ? 6 : 7), TextWithout(*original, sealed ? 6 : 7));
         EXPECT_EQ(SerializedBytes(rebuilt, checksum), bytes);
       }
     }
