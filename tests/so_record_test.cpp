@@ -31,19 +31,14 @@ std::vector<uint8_t> HeaderBytes(const SORecord& rec) {
 // images are the same. Each conversion is made twice: the second changes
 // nothing.
 TEST(SORecord, NewRecordIsTheHostImageAndConvertsToTheNetworkImage) {
-  crtest::SoRec fields;
+  crtest::SoRec fields;  // DCID 1000, size 65536, CRC 7, crypto mode 4, fingerprint type 1
   fields.blank = true;
   fields.unused = fields.checktime = 0;
-  fields.dcid = 0x12345678u;
-  fields.size = 0x00010203u;
-  fields.crc = 0xCAFEF00Du;
   fields.key = KeyBytes(MakeKey(0x30));
-  fields.cryptoMode = 7;
-  fields.fptype = 2;
   const std::vector<uint8_t> host = crtest::SoImage(fields, false).vec();
   const std::vector<uint8_t> net = crtest::SoImage(fields, true).vec();
   for (unsigned int flags : {0u, 1u}) {
-    SORecord rec(2, 0x12345678u, 0x00010203u, 0xCAFEF00Du, MakeKey(0x30), 7, 2);
+    SORecord rec(2, 1000, 65536, 7, MakeKey(0x30), 4, 1);
     EXPECT_FALSE(rec.IsInNetworkOrder());
     EXPECT_EQ(rec.GetHeaderSize(), 104u);
     EXPECT_EQ(HeaderBytes(rec), host);
