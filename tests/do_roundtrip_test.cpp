@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -36,9 +35,7 @@ std::vector<crtest::Seg> Segments(uint8_t fptype, size_t n) {
   return segs;
 }
 uint64_t FileSize(const std::vector<crtest::Seg>& segs) {
-  uint64_t size = 0;
-  for (const crtest::Seg& s : segs) size += s.size;
-  return size;
+  return segs.back().offset + segs.back().size;
 }
 
 std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype, size_t n = 3) {
@@ -47,36 +44,17 @@ std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype, size_t n = 3) {
   return crtest::BuildDO(dotype, fptype, segs, kCrc, 100, FileSize(segs));
 }
 
-// The text form with the header fields from `from` on (6 crc, 7 ctime,
-// 8 mtime) up to field 8 blanked.
-std::string TextWithout(const DORecord& r, int from) {
-  std::ostringstream os;
-  r.ToStream(os, false);
-  std::string text = os.str();
-  size_t start = 0;
-  for (int k = 0; k < 9; ++k) {
-    const size_t comma = text.find(',', start);
-    if (comma == std::string::npos) break;
-    if (k >= from) text.replace(start, comma - start, "*");
-    start = k >= from ? start + 2 : comma + 1;
-  }
-  return text;
-}
-
 struct Row {
   uint8_t dotype, fptype;
   size_t segments;
 };
-std::vector<Row> Rows() {
-  std::vector<Row> rows = {{3, 3, 1500}, {2, 1, 1500}};  // the large rows
-  for (uint8_t dotype = 0; dotype <= 5; ++dotype) {
-    for (uint8_t fptype : {1, 3}) rows.push_back({dotype, fptype, 3});
-  }
-  return rows;
-}
+// The large rows, then every DO type in both widths.
+const Row kRows[] = {{3, 3, 1500}, {2, 1, 1500}, {0, 1, 3}, {0, 3, 3}, {1, 1, 3}, {1, 3, 3},
+                     {2, 1, 3},    {2, 3, 3},    {3, 1, 3}, {3, 3, 3}, {4, 1, 3}, {4, 3, 3},
+                     {5, 1, 3},    {5, 3, 3}};
 
 TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
-  for (const Row& row : Rows()) {
+  for (const Row& row : kRows) {
     const uint8_t dotype = row.dotype, fptype = row.fptype;
     const std::vector<crtest::Seg> segs = Segments(fptype, row.segments);
     for (bool checksum : {false, true}) {
@@ -121,7 +99,6 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
           EXPECT_TRUE(rebuilt == *original);
           EXPECT_FALSE(rebuilt != *original);
         }
-        EXPECT_EQ(TextWithout(rebuilt, sealed ? 6 : 7), TextWithout(*original, sealed ? 6 : 7));
         EXPECT_EQ(SerializedBytes(rebuilt, checksum), bytes);
       }
     }

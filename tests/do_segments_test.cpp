@@ -24,7 +24,7 @@ Rec Sized(uint8_t dotype, uint64_t size, uint64_t ssize, const Pairs& pairs) {
   std::vector<Seg> segs;
   for (const auto& p : pairs) segs.push_back({PatternFP(0x30, 16), p.first, p.second,
                                               uint32_t(p.second), 64});
-  return Make(dotype, 1, size, ssize, segs);
+  return BuildDO(dotype, 1, segs, 0, 70, size, 1, 1, ssize, kUdcids);
 }
 
 class SegmentGetters : public ::testing::TestWithParam<TypeAndWidth> {};
@@ -120,7 +120,8 @@ TEST(SegmentSetters, WriteTheirFieldInPlaceAndStampAsDocumented) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "type " << int(row.dotype) << " at " << row.at);
-    Rec r = Make(row.dotype, row.fptype, 10000, 4096, ThreeSegments(row.fptype));
+    Rec r = BuildDO(row.dotype, row.fptype, ThreeSegments(row.fptype), 0, 70, 10000, 1, 1, 4096,
+                    kUdcids);
     if (row.network) r->HostToNetwork(0);
     std::string expected = Hex(Base(*r), r->getRecSize());
     expected.replace(2 * row.at, row.bytes.size(), row.bytes);
