@@ -79,7 +79,7 @@ TEST(DORecordText, EachDOTypeWritesItsEntries) {
                           crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
 }
 
-TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
+TEST(DORecordText, ReferencesInKindOrderWithoutKindZeroAndNoNetworkOrder) {
   auto record = Build(1);
   LoadSection(*record, {6, 2, 0xBE, 0xEF, 0, 1, 0xAB});
   record->AddDSID(7u);
@@ -87,10 +87,7 @@ TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
   record->AddTaskID(5ul);
   EXPECT_EQ(Form(*record, false), Head(record->GetMTime(), 1, 3) + Entries(1) +
                                       "[taskid:5,taskid:42,dsid:7,tref6:beef]");
-}
-
-TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
-  auto record = Build(2);
+  // In network order the text form is refused and nothing is written.
   record->HostToNetwork(0);
   std::ostringstream os;
   EXPECT_EQ(crtest::Thrown([&] { record->ToStream(os, false); }),
@@ -99,7 +96,16 @@ TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
   EXPECT_EQ(os.str(), "");
 }
 
-TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) {
+// A stream buffer whose every write fails by throwing.
+class ThrowingBuf : public std::streambuf {
+ protected:
+  int_type overflow(int_type) override { throw std::runtime_error("device gone"); }
+  std::streamsize xsputn(const char*, std::streamsize) override {
+    throw std::runtime_error("device gone");
+  }
+};
+
+TEST(DORecordBinary, FreshReferenceSectionKindZeroIncludedByteOrderKeptOnThrow) {
   auto record = Build(2);
   LoadSection(*record, {0, 1, 0xAB});
   record->AddTaskID(42ul);
@@ -117,20 +123,7 @@ TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) 
   EXPECT_EQ(crtest::Hex(form.data(), form.size()), expected);
   EXPECT_TRUE(record->IsInNetworkOrder());
   EXPECT_EQ(record->GetHeader()->type, 0x0300);
-}
-
-// A stream buffer whose every write fails by throwing.
-class ThrowingBuf : public std::streambuf {
- protected:
-  int_type overflow(int_type) override { throw std::runtime_error("device gone"); }
-  std::streamsize xsputn(const char*, std::streamsize) override {
-    throw std::runtime_error("device gone");
-  }
-};
-
-TEST(DORecordBinary, ByteOrderIsRestoredWhenTheStreamThrows) {
-  auto record = Build(3);
-  record->HostToNetwork(0);
+  // A stream that throws leaves the record in network order, its bytes as they were.
   const auto raw = [&] { return crtest::Hex(record->GetHeader(), record->GetHeaderSize()); };
   const std::string before = raw();
   ThrowingBuf buf;
