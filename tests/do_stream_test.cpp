@@ -61,7 +61,7 @@ std::string Entries(uint8_t dotype) {
   return "[" + entries + "[64," + to_string(kBigDCID) + ",64]],";
 }
 
-TEST(DORecordText, EachDOTypeWritesItsEntries) {
+TEST(DORecordText, EachDOTypeWritesItsEntriesAndReferences) {
   for (uint8_t dotype : {0, 1, 2, 3, 5}) {
     SCOPED_TRACE("dotype " + to_string(dotype));
     EXPECT_EQ(Form(*Build(dotype), false), Head(20, dotype, 3) + Entries(dotype) + "[]");
@@ -70,16 +70,15 @@ TEST(DORecordText, EachDOTypeWritesItsEntries) {
   EXPECT_EQ(Form(*bloom, false), Head(20, 4, 0) + "[[]],[]");
   // A stream set to hex writes every number in hex.
   const std::vector<Seg> segs = Segments();
-  std::ostringstream os;
-  os << std::hex;
-  Build(2)->ToStream(os, false);
-  EXPECT_EQ(os.str(), "3,1,2,abc,2710,1000,abcd,a,14,1,2,3,[[" +
-                          crtest::Hex(segs[0].fp.data(), 16) + ",1000],[" +
-                          crtest::Hex(segs[1].fp.data(), 16) + ",1000],[" +
-                          crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
-}
+  std::ostringstream hex;
+  hex << std::hex;
+  Build(2)->ToStream(hex, false);
+  EXPECT_EQ(hex.str(), "3,1,2,abc,2710,1000,abcd,a,14,1,2,3,[[" +
+                         crtest::Hex(segs[0].fp.data(), 16) + ",1000],[" +
+                         crtest::Hex(segs[1].fp.data(), 16) + ",1000],[" +
+                         crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
 
-TEST(DORecordText, ReferencesInKindOrderWithoutKindZeroAndNoNetworkOrder) {
+  // References in kind order without kind 0; in network order nothing is written.
   auto record = Build(1);
   LoadSection(*record, {6, 2, 0xBE, 0xEF, 0, 1, 0xAB});
   record->AddDSID(7u);
@@ -87,7 +86,6 @@ TEST(DORecordText, ReferencesInKindOrderWithoutKindZeroAndNoNetworkOrder) {
   record->AddTaskID(5ul);
   EXPECT_EQ(Form(*record, false), Head(record->GetMTime(), 1, 3) + Entries(1) +
                                       "[taskid:5,taskid:42,dsid:7,tref6:beef]");
-  // In network order the text form is refused and nothing is written.
   record->HostToNetwork(0);
   std::ostringstream os;
   EXPECT_EQ(crtest::Thrown([&] { record->ToStream(os, false); }),
