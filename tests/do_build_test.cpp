@@ -16,22 +16,13 @@ const char* Chars(const std::vector<uint8_t>& v) { return reinterpret_cast<const
 
 std::string RecordHex(const DORecord& r) { return Hex(r.GetHeader(), r.GetHeader()->recsize); }
 
-TEST(BuildImage, BloomRecordsAndAnEmptyUniqueDcidBlock) {
-  const std::vector<uint8_t> bitmap = PatternBitmap(1024);
-  const std::vector<uint8_t> udcid = UniqueDcidBlock(kUdcids, false);
-  DORecord r(0x1234567, 9000, 4096, 0xCAFE, 1111, 2222, 1024, bitmap.data(), Chars(udcid), 3, 4);
-  const uint32_t recsize = 80 + 4 + 1024 + 16 + 8 + 32;
-  Bytes expected = HeaderImage(recsize, 0, 0x1234567, 9000, 4096, 0xCAFE, 1111, 2222, 0, 0, 2, 0,
-                               0, 1024, 3, 4);
-  expected.le32(1024).raw(bitmap.data(), bitmap.size()).zeros(16);
-  expected.raw(udcid.data(), udcid.size());
-  EXPECT_EQ(Hex(expected.data(), expected.size()), RecordHex(r));
-  EXPECT_EQ(r.GetAllocatedSize(), recsize);
-  EXPECT_EQ(r.calcRecSize(), recsize);
-
+// The Bloom builder's bytes are checked by the text form (the header), the
+// digest (the span behind it) and the round trip (the serialized form).
+TEST(BuildImage, EmptyBloomSectionAndAnEmptyUniqueDcidBlock) {
   // The Bloom type through the segment-list builder: an empty Bloom section.
   DORecord empty(70, 0, 4096, 0, 1, 1, nullptr, 0, nullptr, nullptr, 1, 4);
-  expected = HeaderImage(80 + 4 + 16, 0, 70, 0, 4096, 0, 1, 1, 0, 0, 0, 0, 0, 0, 1, 4).zeros(20);
+  Bytes expected =
+      HeaderImage(80 + 4 + 16, 0, 70, 0, 4096, 0, 1, 1, 0, 0, 0, 0, 0, 0, 1, 4).zeros(20);
   EXPECT_EQ(Hex(expected.data(), expected.size()), RecordHex(empty));
 
   // A unique-DCID block of no entries is checked (Adler-32 of four zero

@@ -46,7 +46,7 @@ Ids TaskIDs(const DORecord& r) {
 
 // Growth takes whole pages; a borrowed buffer (mode 1) is copied and left as
 // it was, a fixed one (mode 0) refuses, an owned one (mode 2) is resized.
-TEST(DORecordStored, ReopenedRecordsKeepTheirReferencesAndGrowAsTheirModeSays) {
+TEST(DORecordStored, ReopenedRecordsKeepReferencesGrowByModeAndRefusedOnesStayTheCallers) {
   ASSERT_EQ(sysconf(_SC_PAGESIZE), 4096);
   const std::vector<uint8_t> stored = StoredRecord();
   const size_t size = stored.size();
@@ -90,13 +90,10 @@ TEST(DORecordStored, ReopenedRecordsKeepTheirReferencesAndGrowAsTheirModeSays) {
       std::free(buffer);
     }
   }
-}
 
-TEST(DORecordStored, RefusedBuffersKeepTheirBytesAndStayTheCallers) {
-  const std::vector<uint8_t> stored = StoredRecord();
-  const unsigned long size = stored.size();
-  // A record with one old task ID and one reference: a fixed buffer cannot
-  // convert it, and old lists cannot mix with references.
+  // Refused buffers keep their bytes and stay the caller's. A record with one
+  // old task ID and one reference: a fixed buffer cannot convert it, and old
+  // lists cannot mix with references.
   const std::vector<uint8_t> mixed =
       HeaderImage(98, 0, 100, 0, 0, 0, 10, 20, 1, 0, 0, 0, 10, 0, 1, 2).le64(5).u8(2).u8(8)
           .be64(1).vec();

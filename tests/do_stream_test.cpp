@@ -61,7 +61,7 @@ std::string Entries(uint8_t dotype) {
   return "[" + entries + "[64," + to_string(kBigDCID) + ",64]],";
 }
 
-TEST(DORecordText, EachDOTypeWritesItsEntries) {
+TEST(DORecordText, EachDOTypeWritesItsEntriesAndReferences) {
   for (uint8_t dotype : {0, 1, 2, 3, 5}) {
     SCOPED_TRACE("dotype " + to_string(dotype));
     EXPECT_EQ(Form(*Build(dotype), false), Head(20, dotype, 3) + Entries(dotype) + "[]");
@@ -70,16 +70,15 @@ TEST(DORecordText, EachDOTypeWritesItsEntries) {
   EXPECT_EQ(Form(*bloom, false), Head(20, 4, 0) + "[[]],[]");
   // A stream set to hex writes every number in hex.
   const std::vector<Seg> segs = Segments();
-  std::ostringstream os;
-  os << std::hex;
-  Build(2)->ToStream(os, false);
-  EXPECT_EQ(os.str(), "3,1,2,abc,2710,1000,abcd,a,14,1,2,3,[[" +
-                          crtest::Hex(segs[0].fp.data(), 16) + ",1000],[" +
-                          crtest::Hex(segs[1].fp.data(), 16) + ",1000],[" +
-                          crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
-}
+  std::ostringstream hex;
+  hex << std::hex;
+  Build(2)->ToStream(hex, false);
+  EXPECT_EQ(hex.str(), "3,1,2,abc,2710,1000,abcd,a,14,1,2,3,[[" +
+                         crtest::Hex(segs[0].fp.data(), 16) + ",1000],[" +
+                         crtest::Hex(segs[1].fp.data(), 16) + ",1000],[" +
+                         crtest::Hex(segs[2].fp.data(), 16) + ",710][40,123456789,40]],[]");
 
-TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
+  // References in kind order without kind 0; in network order nothing is written.
   auto record = Build(1);
   LoadSection(*record, {6, 2, 0xBE, 0xEF, 0, 1, 0xAB});
   record->AddDSID(7u);
@@ -87,10 +86,6 @@ TEST(DORecordText, ReferencesInKindOrderWithoutKindZero) {
   record->AddTaskID(5ul);
   EXPECT_EQ(Form(*record, false), Head(record->GetMTime(), 1, 3) + Entries(1) +
                                       "[taskid:5,taskid:42,dsid:7,tref6:beef]");
-}
-
-TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
-  auto record = Build(2);
   record->HostToNetwork(0);
   std::ostringstream os;
   EXPECT_EQ(crtest::Thrown([&] { record->ToStream(os, false); }),
@@ -99,7 +94,16 @@ TEST(DORecordText, NetworkOrderIsRefusedAndNothingIsWritten) {
   EXPECT_EQ(os.str(), "");
 }
 
-TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) {
+// A stream buffer whose every write fails by throwing.
+class ThrowingBuf : public std::streambuf {
+ protected:
+  int_type overflow(int_type) override { throw std::runtime_error("device gone"); }
+  std::streamsize xsputn(const char*, std::streamsize) override {
+    throw std::runtime_error("device gone");
+  }
+};
+
+TEST(DORecordBinary, FreshReferenceSectionKindZeroIncludedByteOrderKeptOnThrow) {
   auto record = Build(2);
   LoadSection(*record, {0, 1, 0xAB});
   record->AddTaskID(42ul);
@@ -117,20 +121,7 @@ TEST(DORecordBinary, WritesTheRecordWithAFreshReferenceSectionKindZeroIncluded) 
   EXPECT_EQ(crtest::Hex(form.data(), form.size()), expected);
   EXPECT_TRUE(record->IsInNetworkOrder());
   EXPECT_EQ(record->GetHeader()->type, 0x0300);
-}
-
-// A stream buffer whose every write fails by throwing.
-class ThrowingBuf : public std::streambuf {
- protected:
-  int_type overflow(int_type) override { throw std::runtime_error("device gone"); }
-  std::streamsize xsputn(const char*, std::streamsize) override {
-    throw std::runtime_error("device gone");
-  }
-};
-
-TEST(DORecordBinary, ByteOrderIsRestoredWhenTheStreamThrows) {
-  auto record = Build(3);
-  record->HostToNetwork(0);
+  // A stream that throws leaves the record in network order, its bytes as they were.
   const auto raw = [&] { return crtest::Hex(record->GetHeader(), record->GetHeaderSize()); };
   const std::string before = raw();
   ThrowingBuf buf;
