@@ -234,7 +234,9 @@ TEST(UniqueDCIDAccessors, GiveHostValuesInEitherListOrder) {
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.what);
-    if (c.append) ASSERT_EQ(c.record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+    if (c.append) {
+      ASSERT_EQ(c.record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
+    }
     const DORecord& r = *c.record;
     EXPECT_EQ(r.UniqueDCIDListIsBigEndian(), c.big);
     EXPECT_EQ(r.GetUniqueDCIDChecksum(), c.entries.empty() ? 0u : adler(c.entries, c.big));
