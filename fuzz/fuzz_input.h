@@ -1,7 +1,7 @@
 // The byte streams of the structured fuzz targets: Input takes parameters
-// from the front of a fuzzer's bytes, Writer lays parameters out the same
-// way for the seed generator. Both are little-endian and byte for byte
-// alike, so a seed written with Writer reads back as the values written.
+// from the front of a fuzzer's bytes, little-endian; Writer, the tests' byte
+// writer, lays them out the same way for the seed generator, so a seed
+// written with Writer reads back as the values written.
 #ifndef CRRECORD_FUZZ_FUZZ_INPUT_H
 #define CRRECORD_FUZZ_FUZZ_INPUT_H
 
@@ -10,6 +10,10 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#define CRTEST_NO_GTEST
+#include "../tests/images.h"
+#undef CRTEST_NO_GTEST
 
 namespace crfuzz {
 
@@ -57,27 +61,10 @@ class Input {
   size_t left_;
 };
 
-class Writer {
- public:
-  Writer& U8(uint8_t v) { return Put(v, 1); }
-  Writer& U16(uint16_t v) { return Put(v, 2); }
-  Writer& U32(uint32_t v) { return Put(v, 4); }
-  Writer& U64(uint64_t v) { return Put(v, 8); }
-  Writer& Bytes(const void* p, size_t n) {
-    const uint8_t* q = static_cast<const uint8_t*>(p);
-    out_.insert(out_.end(), q, q + n);
-    return *this;
-  }
-  Writer& Bytes(const std::vector<uint8_t>& v) { return Bytes(v.data(), v.size()); }
-  Writer& Text(const std::string& s) { return Bytes(s.data(), s.size()); }
-  const std::vector<uint8_t>& Get() const { return out_; }
-
- private:
-  Writer& Put(uint64_t v, int n) {
-    for (int i = 0; i < n; ++i) out_.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    return *this;
-  }
-  std::vector<uint8_t> out_;
+// The seed generator lays parameters out with the tests' byte writer, in
+// little-endian order as Input reads them.
+struct Writer : crtest::Bytes {
+  const std::vector<uint8_t>& Get() const { return vec(); }
 };
 
 }  // namespace crfuzz

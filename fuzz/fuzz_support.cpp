@@ -124,22 +124,22 @@ void RecordParams::Decode(Input& in) {
 }
 
 void RecordParams::Encode(Writer& out) const {
-  out.U8(dotypeByte).U8(fptypeByte).U8(options);
-  out.U64(cid).U64(size).U64(ssize).U32(crc).U32(ctime).U32(mtime);
+  out.u8(dotypeByte).u8(fptypeByte).u8(options);
+  out.le64(cid).le64(size).le64(ssize).le32(crc).le32(ctime).le32(mtime);
   if (DOTypeFrom(dotypeByte) == CR_DO_TYPE_BLOOM_FILTER) {
-    out.U16(static_cast<uint16_t>(bitmap.size())).Bytes(bitmap);
+    out.le16(static_cast<uint16_t>(bitmap.size())).raw(bitmap);
   } else {
-    out.U16(static_cast<uint16_t>(segments.size()));
+    out.le16(static_cast<uint16_t>(segments.size()));
     for (const SegmentParams& s : segments) {
-      out.Bytes(s.fp).U32(s.size).U64(s.offset).U32(s.objectOffset).U64(s.dcid);
+      out.raw(s.fp).le32(s.size).le64(s.offset).le32(s.objectOffset).le64(s.dcid);
     }
   }
   if ((options & kBuildUniqueDcids) != 0) {
-    out.U8(static_cast<uint8_t>(udcids.size())).U32(udcidChecksum);
-    for (const auto& e : udcids) out.U64(e.first).U64(e.second);
+    out.u8(static_cast<uint8_t>(udcids.size())).le32(udcidChecksum);
+    for (const auto& e : udcids) out.le64(e.first).le64(e.second);
   }
-  out.U8(static_cast<uint8_t>(refs.size()));
-  for (const RefParams& r : refs) out.U8(r.kind).U64(r.value);
+  out.u8(static_cast<uint8_t>(refs.size()));
+  for (const RefParams& r : refs) out.u8(r.kind).le64(r.value);
 }
 
 namespace {

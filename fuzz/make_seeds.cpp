@@ -24,6 +24,7 @@
 using crfuzz::RecordParams;
 using crfuzz::Writer;
 typedef std::vector<uint8_t> Bytes;
+using Image = crtest::Bytes;
 
 namespace {
 
@@ -115,36 +116,26 @@ Bytes HeaderBytes(const DORecord& r) {
   return b;
 }
 
-Bytes Cat(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
+Bytes Cat(const Bytes& a, const Bytes& b) { return Image().raw(a).raw(b).vec(); }
 
+// A typed reference: kind, payload length, payload.
 Bytes BinaryRef(uint8_t kind, const Bytes& payload) {
-  Bytes b = {kind, static_cast<uint8_t>(payload.size())};
-  return Cat(b, payload);
-}
-
-Bytes BigEndian(uint64_t v, int n) {
-  Bytes b;
-  for (int i = n - 1; i >= 0; --i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  return b;
+  return Image().u8(kind).u8(static_cast<uint8_t>(payload.size())).raw(payload).vec();
 }
 
 // A typed-reference section: task IDs 3 and 7, DSID 42, a retention
 // reference, and task ID 7 again (dropped when loaded).
 Bytes Section() {
-  return Cat(Cat(Cat(Cat(BinaryRef(2, BigEndian(3, 8)), BinaryRef(2, BigEndian(7, 8))),
-                     BinaryRef(4, BigEndian(42, 4))),
-                 BinaryRef(6, {1, 2, 3})),
-             BinaryRef(2, BigEndian(7, 8)));
+  Image b;
+  b.u8(2).u8(8).be64(3).u8(2).u8(8).be64(7).u8(4).u8(4).be32(42).u8(6).u8(3).u8(1).u8(2).u8(3);
+  return b.u8(2).u8(8).be64(7).vec();
 }
 
 void DeserializeSeeds() {
   const std::string t = "dorecord_header_deserialize";
   auto prefix = [](unsigned char dotype, unsigned char fptype, uint8_t options, uint8_t room) {
     Writer w;
-    w.U8(dotype).U8(FPByte(fptype)).U8(options).U8(room).U16(2).U64(100);
+    w.u8(dotype).u8(FPByte(fptype)).u8(options).u8(room).le16(2).le64(100);
     return w.Get();
   };
   for (unsigned char dotype = 0; dotype <= 5; ++dotype) {
@@ -182,13 +173,13 @@ void DeserializeSeeds() {
 void TRefsSeeds() {
   const std::string t = "add_serialized_trefs";
   Writer into;
-  into.U8(0).U8(0).U8(2).U64(7).U64(11).Bytes(Section());
+  into.u8(0).u8(0).u8(2).le64(7).le64(11).raw(Section());
   Save(t, "section_into_record", into.Get());
   Writer corrupt;
-  corrupt.U8(0).U8(2).U8(0).Bytes(Cat(Section(), BinaryRef(11, {1})));
+  corrupt.u8(0).u8(2).u8(0).raw(Cat(Section(), BinaryRef(11, {1})));
   Save(t, "section_with_bad_kind", corrupt.Get());
   Writer truncated;
-  truncated.U8(0).U8(1).U8(0).Bytes(Cat(Section(), {2, 8, 0, 0}));
+  truncated.u8(0).u8(1).u8(0).raw(Cat(Section(), {2, 8, 0, 0}));
   Save(t, "section_truncated", truncated.Get());
 
   // Stored records laid out by hand: old lists, typed references, Bloom.
@@ -215,11 +206,11 @@ void TRefsSeeds() {
     const uint64_t extra = s.dotype == 2 ? 4 : s.dotype == 3 ? 12 : s.dotype == 5 ? 8 : 0;
     const uint64_t body = bloom ? 4 + s.count + 16 : s.count * (crfuzz::FPWidth(s.fptype) + extra + 8);
     Writer w;
-    w.U8(1).U8(s.dotype).U8(FPByte(s.fptype)).U8(s.bufferMode).U8(1);
-    w.U8(s.ntaskid).U8(s.nds).U16(s.count).U8(s.nudcid).U16(static_cast<uint16_t>(section.size()));
-    w.U8(8).U16(2).U32(0).U64(100).U64(0).U64(4096).U32(5).U32(1000).U32(2000);
-    for (uint8_t i = 0; i < s.ntaskid; ++i) w.U64(i % 2 == 0 ? 7 : 3);
-    for (uint8_t i = 0; i < s.nds; ++i) w.U32(40 + i);
+    w.u8(1).u8(s.dotype).u8(FPByte(s.fptype)).u8(s.bufferMode).u8(1);
+    w.u8(s.ntaskid).u8(s.nds).le16(s.count).u8(s.nudcid).le16(static_cast<uint16_t>(section.size()));
+    w.u8(8).le16(2).le32(0).le64(100).le64(0).le64(4096).le32(5).le32(1000).le32(2000);
+    for (uint8_t i = 0; i < s.ntaskid; ++i) w.le64(i % 2 == 0 ? 7 : 3);
+    for (uint8_t i = 0; i < s.nds; ++i) w.le32(40 + i);
     Bytes sections(body + (s.nudcid == 0 ? 0 : 8 + 16 * s.nudcid), 0);
     for (size_t i = 0; i < body; ++i) sections[i] = static_cast<uint8_t>(i);
     if (!bloom) {
@@ -232,7 +223,7 @@ void TRefsSeeds() {
       crrecord::Store<uint64_t>(sections.data() + body + 8 + 16 * i, 64 + i);
       crrecord::Store<uint64_t>(sections.data() + body + 16 + 16 * i, 1000);
     }
-    w.Bytes(sections).Bytes(section);
+    w.raw(sections).raw(section);
     Save(t, s.name, w.Get());
   }
 }
@@ -263,36 +254,24 @@ void ValidateSeeds() {
   Save(t, "short", Bytes(40, 0));
 }
 
-Bytes SegmentRecord(uint32_t ntaskid, uint32_t ndo, unsigned char fptype) {
-  _SegmentDBRecord f = {};
+// A segment DB record as the library would make it, key index 5, task IDs
+// from 100, fingerprint bytes counting by three; host or network order.
+Bytes SegmentRecord(uint32_t ntaskid, uint32_t ndo, unsigned char fptype, bool network = false) {
+  crtest::SoRec r;
+  r.blank = true;
+  r.unused = 0;
+  r.checktime = 77;
+  r.key.assign(33, 0);
+  r.fptype = fptype;
+  r.cryptoMode = 1;
+  r.keyIndex = 5;
+  for (uint32_t i = 0; i < ntaskid; ++i) r.taskIDs.push_back(100 + i);
   const uint32_t d = crfuzz::FPWidth(fptype);
-  f.type = 2;
-  f.flags = 2;
-  f.recsize = 104 + 8 * ntaskid + d * ndo;
-  f.ntaskid = ntaskid;
-  f.checktime = 77;
-  f.DCID = 1000;
-  f.size = 65536;
-  f.CRC = 7;
-  f.ndo = ndo;
-  f.fptype = fptype;
-  f.cryptoMode = 1;
-  f.keyIndex = 5;
-  Bytes b(reinterpret_cast<const uint8_t*>(&f), reinterpret_cast<const uint8_t*>(&f) + sizeof f);
-  for (uint32_t i = 0; i < ntaskid; ++i) {
-    Bytes id(8);
-    crrecord::Store<uint64_t>(id.data(), 100 + i);
-    b = Cat(b, id);
+  for (uint32_t k = 0; k < ndo; ++k) {
+    r.fps.emplace_back(d);
+    for (uint32_t i = 0; i < d; ++i) r.fps.back()[i] = static_cast<uint8_t>((k * d + i) * 3);
   }
-  for (uint32_t i = 0; i < d * ndo; ++i) b.push_back(static_cast<uint8_t>(i * 3));
-  b.resize(f.recsize, 0);
-  return b;
-}
-
-Bytes Network(Bytes record) {
-  _SegmentDBRecord* r = reinterpret_cast<_SegmentDBRecord*>(record.data());
-  SegmentRecordHton(r, r, 0);
-  return record;
+  return crtest::SoImage(r, network).vec();
 }
 
 void SegmentSeeds() {
@@ -304,7 +283,7 @@ void SegmentSeeds() {
   const uint8_t* h = reinterpret_cast<const uint8_t*>(so.GetHeader());
   Save(t, "so_record", Cat({2}, Bytes(h, h + so.GetHeaderSize())));
   Save(t, "two_taskids_one_fp", Cat({0}, SegmentRecord(2, 1, 1)));
-  Save(t, "taskids_fp32_network", Cat({1}, Network(SegmentRecord(3, 2, 3))));
+  Save(t, "taskids_fp32_network", Cat({1}, SegmentRecord(3, 2, 3, true)));
   Save(t, "taskids_refused", Cat({2}, SegmentRecord(2, 1, 1)));
   Save(t, "unknown_flag", Cat({4}, SegmentRecord(0, 0, 1)));
   Bytes shortRecord = SegmentRecord(0, 0, 1);
@@ -336,11 +315,11 @@ void RoundTripSeeds() {
     for (unsigned char fptype : {1, 3}) {
       const RecordParams p = Params(dotype, fptype, fptype == 3, true);
       Writer serialize;
-      serialize.U8(static_cast<uint8_t>((fptype == 3 ? 1 : 0) | (dotype % 2 ? 2 : 0)));
+      serialize.u8(static_cast<uint8_t>((fptype == 3 ? 1 : 0) | (dotype % 2 ? 2 : 0)));
       p.Encode(serialize);
       Save("do_serialize_roundtrip", Name(dotype, fptype), serialize.Get());
       Writer order;
-      order.U8(static_cast<uint8_t>(3 * (fptype == 3 ? 4 : 1)));  // DO record; bits 2 and 3
+      order.u8(static_cast<uint8_t>(3 * (fptype == 3 ? 4 : 1)));  // DO record; bits 2 and 3
       p.Encode(order);
       Save("byte_order_roundtrip", Name(dotype, fptype), order.Get());
     }
@@ -348,24 +327,24 @@ void RoundTripSeeds() {
   RecordParams raw = Params(2, 1, false, false);
   raw.options = 0;  // DCIDs 0 and 6: refused
   Writer w;
-  w.U8(0);
+  w.u8(0);
   raw.Encode(w);
   Save("do_serialize_roundtrip", "unchecked_dcids", w.Get());
 
   Writer so;
-  so.U8(1).U16(2).U32(1000).U32(4096).U32(7);
-  for (int i = 0; i < 33; ++i) so.U8(static_cast<uint8_t>(i));
-  so.U8(1).U8(FPByte(3)).U32(77).U16(5);
+  so.u8(1).le16(2).le32(1000).le32(4096).le32(7);
+  for (int i = 0; i < 33; ++i) so.u8(static_cast<uint8_t>(i));
+  so.u8(1).u8(FPByte(3)).le32(77).le16(5);
   Save("byte_order_roundtrip", "so_record", so.Get());
   Writer refused;
-  refused.U8(1).U16(1);
+  refused.u8(1).le16(1);
   Save("byte_order_roundtrip", "so_record_bad_flags", refused.Get());
   Writer segment;
-  segment.U8(2).U8(2).U8(1).U8(FPByte(1)).U16(2).U32(0).U32(77).U32(0).U64(1000).U64(0);
-  segment.U64(65536).U32(7);
-  for (int i = 0; i < 33; ++i) segment.U8(static_cast<uint8_t>(i));
-  segment.U8(1).U8(0).U16(5).U16(0);
-  for (int i = 0; i < 2 * 8 + 16 + 8; ++i) segment.U8(static_cast<uint8_t>(i));
+  segment.u8(2).u8(2).u8(1).u8(FPByte(1)).le16(2).le32(0).le32(77).le32(0).le64(1000).le64(0);
+  segment.le64(65536).le32(7);
+  for (int i = 0; i < 33; ++i) segment.u8(static_cast<uint8_t>(i));
+  segment.u8(1).u8(0).le16(5).le16(0);
+  for (int i = 0; i < 2 * 8 + 16 + 8; ++i) segment.u8(static_cast<uint8_t>(i));
   Save("byte_order_roundtrip", "segment_record", segment.Get());
 }
 
@@ -407,7 +386,7 @@ void CrrecSeeds() {
   save("serialized_bloom", Serialized(*Build(Params(4, 1, true, false)), true));
 
   save("segment_db_host", SegmentRecord(2, 2, 1));
-  save("segment_db_network", Network(SegmentRecord(1, 3, 3)));
+  save("segment_db_network", SegmentRecord(1, 3, 3, true));
 
   crrec::Json wrongType = crrec::ToJson(crrec::Load("", HeaderBytes(*stored), crrec::Hints()));
   wrongType["header"]["dotype"] = "three";

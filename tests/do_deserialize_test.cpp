@@ -12,8 +12,7 @@
 #include <vector>
 
 #include "crrecord/DORecord.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 
@@ -138,84 +137,80 @@ TEST(DODeserialize, EveryTruncationIsRefusedAsTruncated) {
   }
 }
 
-TEST(DODeserialize, LengthMustBeExactlyWhatTheCountsSay) {
-  std::vector<uint8_t> image = Image(0, 1);  // 29 + 3 x 41 = 152 bytes
-  crtest::LogCapture log(true);
-  EXPECT_EQ(Read(image, 27, 0, 1), 120u);
-  EXPECT_EQ(Read(image, 151, 0, 1), 120u);
-  image.push_back(0);
-  EXPECT_EQ(Read(image, 0, 1), 121u);
-  EXPECT_EQ(log.texts(),
-            (std::vector<std::string>{kPrefix + "27 bytes, shorter than the 28-byte head",
-                                      kPrefix + "151 bytes, 3 segments need 152",
-                                      kPrefix + "153 bytes, 3 segments take exactly 152"}));
-  std::vector<uint8_t> bloom = BloomImage();
-  bloom.push_back(0);
-  EXPECT_EQ(Read(bloom, 4, 1), 121u);
+// Changes of a valid image: a byte set or xored, a big-endian word set, the
+// image cut to n bytes or lengthened by a zero byte.
+std::vector<uint8_t> Set(std::vector<uint8_t> image, size_t at, uint8_t v) {
+  image[at] = v;
+  return image;
 }
-
-TEST(DODeserialize, CountsBeyondTheInputAreRefusedEvenWhen32BitMathWraps) {
-  // 29 + n x 41 wraps to 33 in 32 bits for this n.
-  const uint32_t wrapping = 104755300;
-  ASSERT_EQ(uint32_t{29} + wrapping * uint32_t{41}, 33u);
-  std::vector<uint8_t> image = Image(0, 1);
-  image.resize(33);
-  PutBE32(&image, 20, wrapping);
-  EXPECT_EQ(Read(image, 0, 1), 120u);
-
-  for (uint32_t nfp : {4u, 0x80000000u, 0xFFFFFFFFu}) {
-    std::vector<uint8_t> full = Image(3, 3);
-    PutBE32(&full, 20, nfp);
-    EXPECT_EQ(Read(full, 3, 3), 120u) << nfp;
-  }
-
-  // 16 x 2^28 wraps to 0: the input is exactly as long as an empty list's.
-  std::vector<uint8_t> bloom = BloomImage({});
-  PutBE32(&bloom, 32 + 37 + 4, 0x10000000);
-  EXPECT_EQ(Read(bloom, 4, 1), 120u);
-  for (uint32_t bsize : {38u, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
-    std::vector<uint8_t> big = BloomImage();
-    PutBE32(&big, 28, bsize);
-    EXPECT_EQ(Read(big, 4, 1), 120u) << bsize;
-  }
+std::vector<uint8_t> Xor(std::vector<uint8_t> image, size_t at, uint8_t v) {
+  return Set(image, at, static_cast<uint8_t>(image[at] ^ v));
 }
+std::vector<uint8_t> Put32(std::vector<uint8_t> image, size_t at, uint32_t v) {
+  PutBE32(&image, at, v);
+  return image;
+}
+std::vector<uint8_t> Cut(std::vector<uint8_t> image, size_t n) {
+  image.resize(n);
+  return image;
+}
+std::vector<uint8_t> Longer(std::vector<uint8_t> image) { return Cut(image, image.size() + 1); }
 
-TEST(DODeserialize, MalformedFormsAreRefused) {
-  const size_t block = 32 + 37;  // the Bloom form's unique-DCID block
-  struct Mutation {
-    const char* what;
-    uint8_t dotype;
-    size_t at;
-    uint8_t value;  // written for the segment form, xored for the Bloom form
+// One trace line each; its text checked where the row gives one. Segment
+// entries of DO type 2 are 33 + 4 bytes from 28; the Bloom form's
+// unique-DCID block starts at 32 + 37.
+TEST(DODeserialize, MalformedShortOrWrappingInputIsRefused) {
+  const size_t block = 32 + 37;
+  struct Row {
+    std::vector<uint8_t> image;
+    uint8_t dotype, fptype;
+    cr_status_t status;
+    std::string trace;
   };
-  // Segment entries of 33 + 4 bytes from 28.
-  const Mutation mutations[] = {
-      {"nonzero padding word", 2, 27, 1},      {"nonzero byte after the entries", 2, 139, 'x'},
-      {"non-hex digit", 2, 28 + 37 + 5, 'g'},  {"blank in the text", 2, 28 + 31, ' '},
-      {"text one digit short", 2, 28 + 31, 0}, {"text without its NUL", 2, 28 + 32, '0'},
-      {"segments in Bloom form", 4, 23, 1},    {"unique-DCID checksum", 4, block + 2, 1},
-      {"list changed, checksum not", 4, block + 11, 0x40}, {"trailing byte", 4, 56 + 37 + 31, 1},
+  const Row rows[] = {
+      {Cut(Image(0, 1), 27), 0, 1, 120, "27 bytes, shorter than the 28-byte head"},
+      {Cut(Image(0, 1), 151), 0, 1, 120, "151 bytes, 3 segments need 152"},
+      {Longer(Image(0, 1)), 0, 1, 121, "153 bytes, 3 segments take exactly 152"},
+      {Longer(BloomImage()), 4, 1, 121, ""},
+      // 29 + n x 41 wraps to 33 in 32 bits.
+      {Put32(Cut(Image(0, 1), 33), 20, 104755300), 0, 1, 120, ""},
+      {Put32(Image(3, 3), 20, 4), 3, 3, 120, ""},
+      {Put32(Image(3, 3), 20, 0x80000000u), 3, 3, 120, ""},
+      {Put32(Image(3, 3), 20, 0xFFFFFFFFu), 3, 3, 120, ""},
+      // 16 x 2^28 wraps to 0: the input is exactly as long as an empty list's.
+      {Put32(BloomImage({}), block + 4, 0x10000000), 4, 1, 120, ""},
+      {Put32(BloomImage(), 28, 38), 4, 1, 120, ""},
+      {Put32(BloomImage(), 28, 0xFFFFFFF0u), 4, 1, 120, ""},
+      {Put32(BloomImage(), 28, 0xFFFFFFFFu), 4, 1, 120, ""},
+      {Set(Image(2, 1), 27, 1), 2, 1, 121, ""},  // padding word
+      {Set(Image(2, 1), 139, 'x'), 2, 1, 121, ""},  // byte after the entries
+      {Set(Image(2, 1), 28 + 37 + 5, 'g'), 2, 1, 121,
+       "fingerprint text of segment 1 is not 32 hex digits and a NUL"},
+      {Set(Image(2, 1), 28 + 31, ' '), 2, 1, 121, ""},
+      {Set(Image(2, 1), 28 + 31, 0), 2, 1, 121, ""},  // one digit short
+      {Set(Image(2, 1), 28 + 32, '0'), 2, 1, 121, ""},  // no NUL
+      {Xor(BloomImage(), 23, 1), 4, 1, 121, ""},  // segments in the Bloom form
+      {Xor(BloomImage(), block + 2, 1), 4, 1, 121, ""},  // the list's checksum
+      {Xor(BloomImage(), block + 11, 0x40), 4, 1, 121, ""},  // the list, checksum not
+      {Xor(BloomImage(), 56 + 37 + 31, 1), 4, 1, 121, ""},  // trailing byte
+      {Put32(BloomImage({}), block, 0x00040001), 4, 1, 121, ""},  // a sum for no list
+      {Image(0, 1), 6, 1, 113, "DO type 6 refused"},
+      {Image(0, 1), 255, 1, 113, "DO type 255 refused"},
+      {Image(0, 1), 0, 0, 111, "fingerprint type 0 refused"},
+      {Image(0, 1), 0, 4, 111, "fingerprint type 4 refused"},
   };
-  for (const Mutation& m : mutations) {
-    std::vector<uint8_t> bad = m.dotype == 4 ? BloomImage() : Image(2, 1);
-    ASSERT_EQ(Read(bad, m.dotype, 1), 0u) << m.what;
-    bad[m.at] = m.dotype == 4 ? static_cast<uint8_t>(bad[m.at] ^ m.value) : m.value;
-    EXPECT_EQ(Read(bad, m.dotype, 1), 121u) << m.what;
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << "row " << &r - rows);
+    crtest::LogCapture log(true);
+    EXPECT_EQ(Read(r.image, r.dotype, r.fptype), r.status);
+    ASSERT_EQ(log.lines().size(), 1u);
+    if (!r.trace.empty()) {
+      EXPECT_EQ(log.texts()[0], kPrefix + r.trace);
+    }
   }
-  std::vector<uint8_t> empty = BloomImage({});
-  PutBE32(&empty, block, 0x00040001);  // a checksum for an empty list
-  EXPECT_EQ(Read(empty, 4, 1), 121u);
-
-  crtest::LogCapture log(true);
-  std::vector<uint8_t> bad = Image(2, 1);
-  bad[28 + 37 + 5] = 'g';
-  EXPECT_EQ(Read(bad, 2, 1), 121u);
-  EXPECT_EQ(log.texts(),
-            std::vector<std::string>{
-                kPrefix + "fingerprint text of segment 1 is not 32 hex digits and a NUL"});
 }
 
-TEST(DODeserialize, NullArgumentsAndRefusedTypes) {
+TEST(DODeserialize, NullArgumentsAreRefused) {
   const std::vector<uint8_t> image = Image(0, 1);
   DORecordHeader* h = nullptr;
   unsigned long size = kUntouched;
@@ -223,17 +218,9 @@ TEST(DODeserialize, NullArgumentsAndRefusedTypes) {
   EXPECT_EQ(DORecordHeaderDeserialize(nullptr, &size, image.data(), image.size(), 0, 1), 65u);
   EXPECT_EQ(DORecordHeaderDeserialize(&h, nullptr, image.data(), image.size(), 0, 1), 65u);
   EXPECT_EQ(DORecordHeaderDeserialize(&h, &size, nullptr, 0, 0, 1), 65u);
-  EXPECT_EQ(Read(image, 6, 1), 113u);
-  EXPECT_EQ(Read(image, 255, 1), 113u);
-  EXPECT_EQ(Read(image, 0, 0), 111u);
-  EXPECT_EQ(Read(image, 0, 4), 111u);
   EXPECT_EQ(h, nullptr);
   EXPECT_EQ(size, kUntouched);
-  EXPECT_EQ(log.texts(),
-            (std::vector<std::string>{
-                kPrefix + "null argument", kPrefix + "null argument", kPrefix + "null argument",
-                kPrefix + "DO type 6 refused", kPrefix + "DO type 255 refused",
-                kPrefix + "fingerprint type 0 refused", kPrefix + "fingerprint type 4 refused"}));
+  EXPECT_EQ(log.texts(), std::vector<std::string>(3, kPrefix + "null argument"));
 }
 
 // --- Caller buffers ------------------------------------------------------------------

@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "crrecord/DORecord.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 
@@ -21,9 +20,31 @@ using crtest::UEntry;
 constexpr uint32_t kCrc = 0x0BADF00D;
 const std::vector<UEntry> kEntries = {{64, 8192}, {0x0102030405060708, 1808}};
 
-std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype) {
+// The three segments of a 10000-byte file, or, for a large row, n segments
+// of 1000 to 9000 bytes back to back in 50 containers: more than one piece
+// of 512 for the batch paths.
+std::vector<crtest::Seg> Segments(uint8_t fptype, size_t n) {
+  if (n == 3) return crtest::ThreeSegments(fptype);
+  std::vector<crtest::Seg> segs;
+  uint64_t at = 0;
+  for (size_t k = 0; k < n; ++k) {
+    const uint32_t size = 1000 + static_cast<uint32_t>(k * 7919 % 8001);
+    segs.push_back({crtest::PatternFP(static_cast<uint8_t>(k * 13), crtest::FPWidth(fptype)),
+                    size, at, static_cast<uint32_t>(at), 64 + 1000 * (k % 50)});
+    at += size;
+  }
+  return segs;
+}
+uint64_t FileSize(const std::vector<crtest::Seg>& segs) {
+  uint64_t size = 0;
+  for (const crtest::Seg& s : segs) size += s.size;
+  return size;
+}
+
+std::unique_ptr<DORecord> Build(uint8_t dotype, uint8_t fptype, size_t n = 3) {
   if (dotype == 4) return crtest::BuildBloom(crtest::PatternBitmap(37), kEntries, fptype, kCrc);
-  return crtest::BuildDO(dotype, fptype, crtest::ThreeSegments(fptype), kCrc);
+  const std::vector<crtest::Seg> segs = Segments(fptype, n);
+  return crtest::BuildDO(dotype, fptype, segs, kCrc, 100, FileSize(segs));
 }
 
 // The text form with the header fields from `from` on (6 crc, 7 ctime,
@@ -42,53 +63,66 @@ std::string TextWithout(const DORecord& r, int from) {
   return text;
 }
 
-TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
+struct Row {
+  uint8_t dotype, fptype;
+  size_t segments;
+};
+std::vector<Row> Rows() {
+  std::vector<Row> rows = {{3, 3, 1500}, {2, 1, 1500}};  // the large rows
   for (uint8_t dotype = 0; dotype <= 5; ++dotype) {
-    for (uint8_t fptype : {1, 3}) {
-      for (bool checksum : {false, true}) {
-        for (bool callerBuffer : {false, true}) {
-          SCOPED_TRACE(testing::Message()
-                       << "dotype " << int{dotype} << " fptype " << int{fptype}
-                       << (checksum ? " checksum" : "") << (callerBuffer ? " caller buffer" : ""));
-          auto original = Build(dotype, fptype);
-          const std::vector<uint8_t> bytes = SerializedBytes(*original, checksum);
-          if (dotype == 4) {
-            // Serialize hands a Bloom record on, whatever the checksum flag says.
-            EXPECT_EQ(bytes,
-                      crtest::SerializedBloom(10000, 4096, crtest::PatternBitmap(37), kEntries));
-            EXPECT_EQ(SerializedBytes(*original, checksum, true), bytes);
-          } else {
-            const std::vector<uint8_t> plain =
-                crtest::SerializedDO(dotype, 10000, 4096, kCrc, crtest::ThreeSegments(fptype));
-            const std::vector<uint8_t> expected = checksum ? crtest::Sealed(plain) : plain;
-            EXPECT_EQ(crtest::Hex(bytes.data(), bytes.size()),
-                      crtest::Hex(expected.data(), expected.size()));
-          }
-          ASSERT_FALSE(bytes.empty());
+    for (uint8_t fptype : {1, 3}) rows.push_back({dotype, fptype, 3});
+  }
+  return rows;
+}
 
-          const size_t recsize = dotype == 4 ? 80 + 4 + 37 + 16 + 8 + 16 * kEntries.size()
-                                             : crtest::PlainRecordSize(dotype, fptype, 3);
-          crtest::Malloced buffer = callerBuffer ? crtest::Block(recsize) : nullptr;
-          DORecord rebuilt(dotype, original->GetFlags(), original->GetDCID(), fptype, buffer.get(),
-                           callerBuffer ? recsize : 0, bytes.data(), bytes.size(), false);
-          EXPECT_EQ(rebuilt.OwnsBuffer(), !callerBuffer);
-          EXPECT_EQ(rebuilt.GetHeaderSize(), recsize);
-          EXPECT_EQ(DORecord::ValidateHeader(rebuilt.GetHeader(), rebuilt.GetHeaderSize(), 0), 0u);
-
-          // The head carries the CRC, or in its place the body's Adler-32
-          // (always so in the Bloom form).
-          const bool sealed = checksum || dotype == 4;
-          EXPECT_EQ(DORecordSerializedHasAdler32(bytes.data(), bytes.size()), sealed);
-          if (sealed) {
-            EXPECT_EQ(rebuilt.GetCrc(), crtest::SlowAdler32(bytes.data() + 28, bytes.size() - 28));
-            EXPECT_FALSE(rebuilt == *original);
-          } else {
-            EXPECT_TRUE(rebuilt == *original);
-            EXPECT_FALSE(rebuilt != *original);
-          }
-          EXPECT_EQ(TextWithout(rebuilt, sealed ? 6 : 7), TextWithout(*original, sealed ? 6 : 7));
-          EXPECT_EQ(SerializedBytes(rebuilt, checksum), bytes);
+TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
+  for (const Row& row : Rows()) {
+    const uint8_t dotype = row.dotype, fptype = row.fptype;
+    const std::vector<crtest::Seg> segs = Segments(fptype, row.segments);
+    for (bool checksum : {false, true}) {
+      for (bool callerBuffer : {false, true}) {
+        SCOPED_TRACE(testing::Message()
+                     << "dotype " << int{dotype} << " fptype " << int{fptype} << " segments "
+                     << row.segments
+                     << (checksum ? " checksum" : "") << (callerBuffer ? " caller buffer" : ""));
+        auto original = Build(dotype, fptype, row.segments);
+        const std::vector<uint8_t> bytes = SerializedBytes(*original, checksum);
+        if (dotype == 4) {
+          // Serialize hands a Bloom record on, whatever the checksum flag says.
+          EXPECT_EQ(bytes,
+                    crtest::SerializedBloom(10000, 4096, crtest::PatternBitmap(37), kEntries));
+          EXPECT_EQ(SerializedBytes(*original, checksum, true), bytes);
+        } else {
+          const std::vector<uint8_t> plain =
+              crtest::SerializedDO(dotype, FileSize(segs), 4096, kCrc, segs);
+          const std::vector<uint8_t> expected = checksum ? crtest::Sealed(plain) : plain;
+          EXPECT_EQ(crtest::Hex(bytes.data(), bytes.size()),
+                    crtest::Hex(expected.data(), expected.size()));
         }
+        ASSERT_FALSE(bytes.empty());
+
+        const size_t recsize = dotype == 4 ? 80 + 4 + 37 + 16 + 8 + 16 * kEntries.size()
+                                           : crtest::PlainRecordSize(dotype, fptype, segs.size());
+        crtest::Malloced buffer = callerBuffer ? crtest::Block(recsize) : nullptr;
+        DORecord rebuilt(dotype, original->GetFlags(), original->GetDCID(), fptype, buffer.get(),
+                         callerBuffer ? recsize : 0, bytes.data(), bytes.size(), false);
+        EXPECT_EQ(rebuilt.OwnsBuffer(), !callerBuffer);
+        EXPECT_EQ(rebuilt.GetHeaderSize(), recsize);
+        EXPECT_EQ(DORecord::ValidateHeader(rebuilt.GetHeader(), rebuilt.GetHeaderSize(), 0), 0u);
+
+        // The head carries the CRC, or in its place the body's Adler-32
+        // (always so in the Bloom form).
+        const bool sealed = checksum || dotype == 4;
+        EXPECT_EQ(DORecordSerializedHasAdler32(bytes.data(), bytes.size()), sealed);
+        if (sealed) {
+          EXPECT_EQ(rebuilt.GetCrc(), crtest::SlowAdler32(bytes.data() + 28, bytes.size() - 28));
+          EXPECT_FALSE(rebuilt == *original);
+        } else {
+          EXPECT_TRUE(rebuilt == *original);
+          EXPECT_FALSE(rebuilt != *original);
+        }
+        EXPECT_EQ(TextWithout(rebuilt, sealed ? 6 : 7), TextWithout(*original, sealed ? 6 : 7));
+        EXPECT_EQ(SerializedBytes(rebuilt, checksum), bytes);
       }
     }
   }

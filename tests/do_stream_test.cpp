@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "crrecord/DORecord.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 
@@ -69,9 +68,7 @@ TEST(DORecordText, EachDOTypeWritesItsEntries) {
   }
   auto bloom = crtest::BuildBloom(crtest::PatternBitmap(3), {}, 1, 0xABCD, 0xABC);
   EXPECT_EQ(Form(*bloom, false), Head(20, 4, 0) + "[[]],[]");
-}
-
-TEST(DORecordText, NumbersFollowTheStreamsFormatting) {
+  // A stream set to hex writes every number in hex.
   const std::vector<Seg> segs = Segments();
   std::ostringstream os;
   os << std::hex;
@@ -152,43 +149,56 @@ TEST(DORecordBinary, ByteOrderIsRestoredWhenTheStreamThrows) {
   EXPECT_EQ(raw(), before);
 }
 
-TEST(DORecordEquality, OnlyTheIdentityCounts) {
-  auto a = Build(3);
-  auto b = Build(3, 0xABCD, /*ctime=*/11, /*mtime=*/21);
-  b->setCheckTime(99);
-  b->SetSegmentDCID(1, 4096);
-  EXPECT_TRUE(*a == *b);
-  EXPECT_FALSE(*a != *b);
-
-  EXPECT_TRUE(*a != *Build(3, 0xABCE));
-  // Byte 5 of the second fingerprint: entries of 28 bytes behind the header.
-  reinterpret_cast<unsigned char*>(b->GetHeader())[80 + 28 + 5] ^= 1;
-  EXPECT_FALSE(*a == *b);
-}
-
-TEST(DORecordEquality, ReferenceSetsAndByteOrderMustMatch) {
-  auto a = Build(2);
-  auto b = Build(2);
-  a->AddTaskID(1ul);
-  b->AddTaskID(1ul);
-  b->AddTaskID(2ul);
-  EXPECT_FALSE(*a == *b);
-  EXPECT_FALSE(*b == *a);
-  a->AddTaskID(2ul);
-  EXPECT_TRUE(*a == *b);
-
-  b->HostToNetwork(0);
-  EXPECT_FALSE(*a == *b);
-  EXPECT_TRUE(*a != *b);
-  a->HostToNetwork(0);
-  EXPECT_TRUE(*a == *b);
-
-  auto c = Build(5);
-  auto d = Build(5);
-  LoadSection(*c, {3, 1, 0xA1, 3, 1, 0xA2});
-  LoadSection(*d, {3, 1, 0xA1, 3, 1, 0xA3});
-  EXPECT_FALSE(*c == *d);
-  EXPECT_TRUE(*c != *d);
+// Equality looks at the identity (CRC, fingerprints), the reference sets and
+// the byte order; times, check time and containers do not count.
+TEST(DORecordEquality, OnlyTheIdentityReferencesAndByteOrderCount) {
+  struct Row {
+    const char* what;
+    void (*change)(DORecord* a, DORecord* b);
+    bool equal;
+  };
+  const Row rows[] = {
+      {"times, check time, containers", [](DORecord*, DORecord* b) {
+         b->GetHeader()->ctime = 11;
+         b->SetCheckTime(99);
+         b->SetSegmentDCID(1, 4096);
+       }, true},
+      {"CRC", [](DORecord*, DORecord* b) { b->GetHeader()->CRC = 0xABCE; }, false},
+      // Byte 5 of the second fingerprint: entries of 28 bytes behind the header.
+      {"fingerprint", [](DORecord*, DORecord* b) {
+         reinterpret_cast<unsigned char*>(b->GetHeader())[80 + 28 + 5] ^= 1;
+       }, false},
+      {"one more task ID", [](DORecord* a, DORecord* b) {
+         a->AddTaskID(1ul);
+         b->AddTaskID(1ul);
+         b->AddTaskID(2ul);
+       }, false},
+      {"the same task IDs", [](DORecord* a, DORecord* b) {
+         a->AddTaskID(2ul);
+         b->AddTaskID(2ul);
+       }, true},
+      {"byte order", [](DORecord*, DORecord* b) { b->HostToNetwork(0); }, false},
+      {"both in network order", [](DORecord* a, DORecord* b) {
+         a->HostToNetwork(0);
+         b->HostToNetwork(0);
+       }, true},
+      {"kind-0 payloads", [](DORecord* a, DORecord* b) {
+         LoadSection(*a, {0, 1, 0xA1});
+         LoadSection(*b, {0, 1, 0xA2});
+       }, false},
+      {"kind-3 payloads", [](DORecord* a, DORecord* b) {
+         LoadSection(*a, {3, 1, 0xA1, 3, 1, 0xA2});
+         LoadSection(*b, {3, 1, 0xA1, 3, 1, 0xA3});
+       }, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    auto a = Build(3), b = Build(3);
+    row.change(a.get(), b.get());
+    EXPECT_EQ(*a == *b, row.equal);
+    EXPECT_EQ(*b == *a, row.equal);
+    EXPECT_EQ(*a != *b, !row.equal);
+  }
 }
 
 }  // namespace

@@ -2,15 +2,13 @@
 // record's list, and the per-container byte counts.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "crrecord/DORecord.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 
@@ -62,81 +60,73 @@ std::unique_ptr<DORecord> BloomFromSerialized(const std::vector<UEntry>& entries
                                     form.size(), false);
 }
 
-TEST(UniqueDCIDList, DistinctContainersInAscendingOrderInEitherByteOrder) {
-  for (bool network : {false, true}) {
-    SCOPED_TRACE(network ? "network order" : "host order");
-    auto record = ThreeSizes();
-    ASSERT_EQ(record->GetHeaderSize(), kType2Section);
-    EXPECT_EQ(record->GetUDCIDSize(), 0u);
-    if (network) record->HostToNetwork(0);
-
-    ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-    EXPECT_EQ(record->GetNudcid(), 2u);
-    EXPECT_EQ(RecordHex(*record, 60, 4), network ? "00000002" : "02000000");  // nudcid
-    EXPECT_EQ(record->GetHeaderSize(), kType2Section + 40);
-    EXPECT_EQ(record->GetUDCIDSize(), 40u);
-    // The section is host order whatever the record's order.
-    EXPECT_EQ(RecordHex(*record, kType2Section, 40), SectionImage({{70, 200}, {500, 400}}));
-    // Grown to exactly the size needed, owned, the mode as it was.
-    EXPECT_EQ(record->GetAllocatedSize(), kType2Section + 40);
+// Built lists hold the distinct containers in ascending order, in host order
+// whatever the record's order, right behind the segment list; the buffer
+// grows to exactly the size needed. Refusals log their cause, change nothing.
+TEST(UniqueDCIDList, BuiltFromTheSegmentListOrRefused) {
+  enum Change { kNone, kNetwork, kOriginal, kDcid63, kTaskID, kBloomCount, kNoSegments };
+  struct Row {
+    Change change;
+    std::vector<unsigned long> dcids;
+    cr_status_t status;
+    std::string message;  // logged; empty: nothing is
+    std::vector<UEntry> entries;
+  };
+  const std::string head = "AppendBloomAndUniqueDCIDList: ";
+  const std::string fp2 = crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16);
+  const Row rows[] = {
+      {kNone, {500, 70, 500}, 0, "", {{70, 200}, {500, 400}}},
+      {kNetwork, {500, 70, 500}, 0, "", {{70, 200}, {500, 400}}},
+      {kNone, {500, 64, 500}, 0, "", {{64, 200}, {500, 400}}},  // the lowest valid container
+      {kOriginal, {64, 64, 64}, 0, "", {{64, 10000}}},  // DO type 0: sizes derived
+      {kDcid63, {500, 64, 500}, 9, head + "Invalid DCID 63 for SO " + fp2 + " at index 1.", {}},
+      {kTaskID, {500, 70, 500}, 9, head + "TRef size should be zero bytes.", {}},
+      {kBloomCount, {}, 9, head + "unique DCID count 2 does not match the header's 1.", {}},
+      {kNoSegments, {500, 70, 500}, 0, "", {}},  // left alone
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.change);
+    std::unique_ptr<DORecord> record;
+    if (row.change == kOriginal) {
+      std::vector<crtest::Seg> segs = crtest::ThreeSegments(1);
+      for (crtest::Seg& s : segs) s.dcid = 64;
+      record = crtest::BuildDO(0, 1, segs, 0, 64);
+    } else if (row.change == kBloomCount) {
+      record = crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}});
+      record->GetHeader()->nudcid = 1;
+    } else {
+      record = ThreeSizes(100, row.dcids);
+      EXPECT_EQ(record->GetUDCIDSize(), 0u);
+    }
+    if (row.change == kNetwork) record->HostToNetwork(0);
+    if (row.change == kDcid63) record->SetSegmentDCID(1, 63);
+    if (row.change == kTaskID) record->AddTaskID(7ul);
+    if (row.change == kNoSegments) record->GetHeader()->nfp = 0;
+    const std::string before = WholeRecord(*record);
+    const unsigned int size = record->GetHeaderSize();
+    crtest::LogCapture log;
+    EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), row.status);
+    if (row.message.empty()) {
+      EXPECT_TRUE(log.lines().empty());
+    } else {
+      ExpectLogged(log, row.status, row.message);
+    }
+    if (row.entries.empty()) {
+      EXPECT_EQ(WholeRecord(*record), before);
+      continue;
+    }
+    const unsigned int added = 8 + 16 * static_cast<unsigned int>(row.entries.size());
+    const char n = static_cast<char>('0' + row.entries.size());
+    EXPECT_EQ(RecordHex(*record, 60, 4), row.change == kNetwork ? std::string("0000000") + n
+                                                                : std::string("0") + n + "000000");
+    EXPECT_EQ(RecordHex(*record, size, added), SectionImage(row.entries));
+    EXPECT_EQ(record->GetNudcid(), row.entries.size());
+    EXPECT_EQ(record->GetUDCIDSize(), added);
+    EXPECT_EQ(record->GetAllocatedSize(), size + added);
+    EXPECT_EQ(record->GetHeaderSize(), size + added);
     EXPECT_TRUE(record->OwnsBuffer());
     EXPECT_EQ(record->GetBufferMode(), 2u);
   }
-
-  // DO type 0 derives the sizes from the file and segment sizes.
-  std::vector<crtest::Seg> segs = crtest::ThreeSegments(1);
-  for (crtest::Seg& s : segs) s.dcid = 64;
-  auto original = crtest::BuildDO(0, 1, segs, 0, 64);
-  ASSERT_EQ(original->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(original->GetNudcid(), 1u);
-  EXPECT_EQ(RecordHex(*original, 80 + 3 * (16 + 8), 24), SectionImage({{64, 10000}}));
-}
-
-TEST(UniqueDCIDList, RefusalsNameTheirCauseAndChangeNothing) {
-  struct Case {
-    const char* what;
-    std::function<std::unique_ptr<DORecord>()> make;
-    cr_status_t status;
-    std::string message;  // empty: nothing is logged
-  };
-  const Case cases[] = {
-      {"container below 64",
-       [] { auto r = ThreeSizes(100, {500, 64, 500}); r->SetSegmentDCID(1, 63); return r; },
-       CR_STATUS_INVALID,
-       "AppendBloomAndUniqueDCIDList: Invalid DCID 63 for SO " +
-           crtest::Hex(crtest::PatternFP(0x20, 16).data(), 16) + " at index 1."},
-      {"typed references",
-       [] { auto r = ThreeSizes(); r->AddTaskID(7ul); return r; },
-       CR_STATUS_INVALID, "AppendBloomAndUniqueDCIDList: TRef size should be zero bytes."},
-      {"Bloom list count other than the header's",
-       [] {
-         auto r = crtest::BuildBloom(kBitmap, {{500, 1}, {70, 2}});
-         r->GetHeader()->nudcid = 1;
-         return r;
-       },
-       CR_STATUS_INVALID,
-       "AppendBloomAndUniqueDCIDList: unique DCID count 2 does not match the header's 1."},
-      {"no segments: left alone",
-       [] { auto r = ThreeSizes(); r->GetHeader()->nfp = 0; return r; },
-       CR_STATUS_SUCCESS, ""},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    auto record = c.make();
-    const std::string before = WholeRecord(*record);
-    crtest::LogCapture log;
-    EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), c.status);
-    if (c.message.empty()) {
-      EXPECT_TRUE(log.lines().empty());
-    } else {
-      ExpectLogged(log, c.status, c.message);
-    }
-    EXPECT_EQ(WholeRecord(*record), before);
-  }
-  // The lowest valid container is taken.
-  auto record = ThreeSizes(100, {500, 64, 500});
-  ASSERT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_SUCCESS);
-  EXPECT_EQ(RecordHex(*record, kType2Section, 40), SectionImage({{64, 200}, {500, 400}}));
 }
 
 TEST(UniqueDCIDList, BorrowedBufferIsReplacedByAnOwnedCopy) {

@@ -9,14 +9,10 @@
 
 #include "crrecord/platform/status.h"
 
-extern "C" {
-void __real__Z6ErrorAjPKcz(cr_status_t status, const char* format, ...);
-void __wrap__Z6ErrorAjPKcz(cr_status_t status, const char* format, ...);
-}
+extern "C" void __real__Z6ErrorAjPKcz(cr_status_t status, const char* format, ...);
+extern "C" void __wrap__Z6ErrorAjPKcz(cr_status_t status, const char* format, ...);
 
-namespace {
-const char* gLastFormat = nullptr;
-}  // namespace
+static const char* gLastFormat = nullptr;
 
 void __wrap__Z6ErrorAjPKcz(cr_status_t status, const char* format, ...) {
   gLastFormat = format;
@@ -28,9 +24,5 @@ void __wrap__Z6ErrorAjPKcz(cr_status_t status, const char* format, ...) {
   __real__Z6ErrorAjPKcz(status, "%s", text);
 }
 
-namespace crtest {
-
-const char* LastErrorFormat() { return gLastFormat; }
-void ClearErrorFormat() { gLastFormat = nullptr; }
-
-}  // namespace crtest
+const char* crtest::LastErrorFormat() { return gLastFormat; }
+void crtest::ClearErrorFormat() { gLastFormat = nullptr; }

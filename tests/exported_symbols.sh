@@ -21,105 +21,45 @@ if [ $# -lt 2 ]; then
   echo "usage: $0 LIBRARY|--symbols FILE HEADER..." >&2
   exit 2
 fi
-
 if [ "$1" = "--symbols" ]; then
   symbols=$(cat "$2")
   what=$2
-  shift 2
+  shift
 else
   # Field 3 onwards is the demangled name, which may contain spaces.
   symbols=$(nm -D --defined-only --demangle "$1" | cut -d' ' -f3-)
   what=$(basename "$1")
-  shift
 fi
-
+shift
 if [ -z "$symbols" ]; then
   echo "$what: exports no symbol at all" >&2
   exit 1
 fi
 
-allowed=$(awk '
-  function strip(line) {
-    sub(/\/\/.*/, "", line)
-    gsub(/__attribute__\(\([^)]*\)\)/, "", line)
-    return line
-  }
+# The headers first, which fill ok[] with "class C", "member C::m" and
+# "free f"; then the symbols from standard input, one failure line each.
+failures=$(printf '%s\n' "$symbols" | awk '
   # The name a declaration line declares: the identifier (or operator)
   # before its parameter list, else the last identifier before ";".
-  function declared(line,    head, name) {
+  function declared(line,    name) {
     if (match(line, /operator[ ]*(new|delete|\(\)|[^ (A-Za-z0-9_]+)/)) {
       name = substr(line, RSTART, RLENGTH)
       sub(/operator[ ]+/, "operator ", name)
       if (name !~ /operator (new|delete)/) sub(/operator /, "operator", name)
-      return name
-    }
-    if (index(line, "(")) {
-      head = substr(line, 1, index(line, "(") - 1)
-      if (match(head, /~?[A-Za-z_][A-Za-z0-9_]*[ ]*$/)) {
-        name = substr(head, RSTART, RLENGTH)
-        sub(/[ ]+$/, "", name)
-        return name
-      }
-      return ""
-    }
-    if (line ~ /;[ ]*$/ && match(line, /[A-Za-z_][A-Za-z0-9_]*[ ]*(=[^;]*)?;[ ]*$/)) {
+    } else if (index(line, "(")) {
+      name = substr(line, 1, index(line, "(") - 1)
+      name = match(name, /~?[A-Za-z_][A-Za-z0-9_]*[ ]*$/) ? substr(name, RSTART, RLENGTH) : ""
+    } else if (match(line, /[A-Za-z_][A-Za-z0-9_]*[ ]*(=[^;]*)?;[ ]*$/)) {
       name = substr(line, RSTART, RLENGTH)
-      sub(/[ ]*(=[^;]*)?;.*/, "", name)
-      return name
     }
-    return ""
+    sub(/[ ]*((=[^;]*)?;.*)?$/, "", name)
+    return name
   }
-  BEGIN { depth = 0; top = 0 }
-  {
-    line = strip($0)
-    opens = gsub(/\{/, "{", line)
-    closes = gsub(/\}/, "}", line)
-    exported = line ~ /CRRECORD(_PLATFORM)?_API/
-    if (match(line, /^[ ]*(class|struct)[ ]+CRRECORD(_PLATFORM)?_API[ ]+[A-Za-z_][A-Za-z0-9_]*/) &&
-        line !~ /;[ ]*$/) {
-      split(substr(line, RSTART, RLENGTH), word, /[ ]+/)
-      name = word[length(word)]
-      qualified = top > 0 ? scope[top] "::" name : name
-      print "class " qualified
-      top++
-      scope[top] = qualified
-      access[top] = (line ~ /^[ ]*struct/) ? "public" : "private"
-      body[top] = depth + 1
-    } else if (top > 0 && depth == body[top]) {
-      if (line ~ /^[ ]*(public|protected|private)[ ]*:/) {
-        access[top] = line
-        sub(/^[ ]*/, "", access[top])
-        sub(/[ ]*:.*/, "", access[top])
-      } else if (access[top] == "public" && line !~ /^[ ]*(typedef|using|friend|class|struct|enum)[ ]/) {
-        name = declared(line)
-        if (name != "") print "member " scope[top] "::" name
-      }
-    } else if (top == 0 && depth == 0 && exported && line !~ /^[ ]*(class|struct)[ ]/) {
-      name = declared(line)
-      if (name != "") print "free " name
-    }
-    depth += opens - closes
-    while (top > 0 && depth < body[top]) top--
-  }
-' "$@" | sort -u)
-
-if [ -z "$allowed" ]; then
-  echo "no public declaration found in: $*" >&2
-  exit 1
-fi
-
-# Demangled name -> what the headers must declare for it.
-failures=$(printf '%s\n' "$symbols" | awk -v allowed="$allowed" '
-  BEGIN {
-    n = split(allowed, list, "\n")
-    for (i = 1; i <= n; i++) ok[list[i]] = 1
-  }
-  # The qualified name without the parameter list and const.
+  # The qualified name of a symbol, without its parameter list and const.
   function qualified(s,    depth, i, c) {
     gsub(/\[abi:[a-z0-9]+\]/, "", s)
     sub(/ const$/, "", s)
     if (substr(s, length(s), 1) != ")") return s
-    depth = 0
     for (i = length(s); i > 0; i--) {
       c = substr(s, i, 1)
       if (c == ")") depth++
@@ -127,33 +67,62 @@ failures=$(printf '%s\n' "$symbols" | awk -v allowed="$allowed" '
     }
     return substr(s, 1, i - 1)
   }
+  FILENAME != "-" {
+    line = $0
+    sub(/\/\/.*/, "", line)
+    gsub(/__attribute__\(\([^)]*\)\)/, "", line)
+    opens = gsub(/\{/, "{", line)
+    closes = gsub(/\}/, "}", line)
+    if (match(line, /^[ ]*(class|struct)[ ]+CRRECORD(_PLATFORM)?_API[ ]+[A-Za-z_][A-Za-z0-9_]*/) &&
+        line !~ /;[ ]*$/) {
+      n = split(substr(line, RSTART, RLENGTH), word, /[ ]+/)
+      name = top > 0 ? scope[top] "::" word[n] : word[n]
+      ok["class " name] = 1
+      scope[++top] = name
+      access[top] = line ~ /^[ ]*struct/ ? "public" : "private"
+      body[top] = depth + 1
+    } else if (top > 0 && depth == body[top]) {
+      if (match(line, /^[ ]*(public|protected|private)[ ]*:/)) {
+        access[top] = substr(line, RSTART, RLENGTH)
+        gsub(/[ :]/, "", access[top])
+      } else if (access[top] == "public" &&
+                 line !~ /^[ ]*(typedef|using|friend|class|struct|enum)[ ]/ &&
+                 (name = declared(line)) != "") {
+        ok["member " scope[top] "::" name] = 1
+      }
+    } else if (top == 0 && depth == 0 && line ~ /CRRECORD(_PLATFORM)?_API/ &&
+               line !~ /^[ ]*(class|struct)[ ]/ && (name = declared(line)) != "") {
+      ok["free " name] = 1
+    }
+    depth += opens - closes
+    while (top > 0 && depth < body[top]) top--
+    next
+  }
+  length(ok) == 0 {
+    print "no public declaration found in the headers" > "/dev/stderr"
+    exit 2
+  }
+  $0 == "" { next }
+  match($0, /^(typeinfo name for|typeinfo for|vtable for) /) {
+    if (!(("class " substr($0, RLENGTH + 1)) in ok)) {
+      print $0 ": not an exported class of a public header"
+    }
+    next
+  }
   {
-    symbol = $0
-    if (symbol == "") next
-    if (match(symbol, /^(typeinfo name for|typeinfo for|vtable for) /)) {
-      cls = substr(symbol, RLENGTH + 1)
-      if (!(("class " cls) in ok)) print symbol ": not an exported class of a public header"
-      next
-    }
-    name = qualified(symbol)
-    last = 0
-    for (i = 1; i < length(name); i++) {
-      if (substr(name, i, 2) == "::" && index(name, "<") == 0) last = i
-    }
-    if (index(name, "<") > 0 || index(name, ">") > 0) {
-      print symbol ": template instance, not public API"
-    } else if (last > 0) {
-      if (!(("member " name) in ok)) print symbol ": not a public member in a public header"
-    } else if (!(("free " name) in ok)) {
-      print symbol ": not declared for export in a public header"
+    name = qualified($0)
+    if (name ~ /[<>]/) print $0 ": template instance, not public API"
+    else if (name ~ /::/ && !(("member " name) in ok)) {
+      print $0 ": not a public member in a public header"
+    } else if (name !~ /::/ && !(("free " name) in ok)) {
+      print $0 ": not declared for export in a public header"
     }
   }
-')
+' "$@" -)
 
 if [ -n "$failures" ]; then
   echo "$what exports symbols outside the public API:" >&2
   printf '%s\n' "$failures" | sed 's/^/  /' >&2
   exit 1
 fi
-count=$(printf '%s\n' "$symbols" | grep -c .)
-echo "$what: $count exported symbols, all public API"
+echo "$what: $(printf '%s\n' "$symbols" | grep -c .) exported symbols, all public API"
