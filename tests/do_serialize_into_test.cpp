@@ -6,8 +6,7 @@
 #include <vector>
 
 #include "crrecord/DORecord.h"
-#include "serialized_form.h"
-#include "test_support.h"
+#include "images.h"
 
 namespace {
 
