@@ -1,7 +1,8 @@
 // crrec build's fingerprinting workers: the record does not depend on the
 // thread count, the file's CRC-32 is combined right from the batches', and
-// an input that fails midway stops the workers cleanly.
+// an input that fails midway stops the workers cleanly (no hang, no leak).
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <cstring>
 #include <random>
@@ -12,16 +13,6 @@
 #include "util.h"
 
 namespace {
-
-// CRC-32 (the zip polynomial), bit by bit.
-uint32_t SlowCrc32(const std::vector<unsigned char>& data) {
-  uint32_t crc = 0xFFFFFFFFu;
-  for (unsigned char byte : data) {
-    crc ^= byte;
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
-  }
-  return ~crc;
-}
 
 // Random bytes with repeated stretches, so that some segments repeat.
 std::vector<unsigned char> Sample(size_t n) {
@@ -71,7 +62,8 @@ TEST(CrrecPipeline, RecordAndCrcAreTheSameForEveryThreadCount) {
       o.threads = threads;
       crrec::MemorySource source(data.data(), data.size());
       const crrec::Built built = crrec::BuildRecord(source, "input", o);
-      EXPECT_EQ(built.stats.crc, SlowCrc32(data)) << threads;
+      // The batches' CRC-32s combined, against one pass over the whole.
+      EXPECT_EQ(built.stats.crc, crc32(0, data.data(), static_cast<uInt>(data.size())));
       EXPECT_EQ(built.stats.bytes, data.size());
       if (first.empty()) first = Stored(built);
       EXPECT_EQ(Stored(built), first) << threads << " threads";
