@@ -306,6 +306,30 @@ void Serialize(benchmark::State& state, const Shape& shape, bool checksum) {
 void BM_Serialize(benchmark::State& state, const Shape& shape) { Serialize(state, shape, false); }
 void BM_SerializeChecksum(benchmark::State& state, const Shape& shape) { Serialize(state, shape, true); }
 
+// The same form written into one buffer kept across calls: no allocation,
+// no page faults once the buffer is warm.
+void SerializeInto(benchmark::State& state, const Shape& shape, bool checksum) {
+  const DORecord& r = GetRecord(shape);
+  std::vector<unsigned char> buffer(r.GetSerializedSize());
+  unsigned long size = 0;
+  FaultCounter faults(state);
+  for (auto _ : state) {
+    if (r.SerializeInto(buffer.data(), buffer.size(), &size, checksum) != 0) {
+      state.SkipWithError("SerializeInto failed");
+      break;
+    }
+    benchmark::DoNotOptimize(buffer.data());
+  }
+  SetBytes(state, size);
+}
+
+void BM_SerializeInto(benchmark::State& state, const Shape& shape) {
+  SerializeInto(state, shape, false);
+}
+void BM_SerializeChecksumInto(benchmark::State& state, const Shape& shape) {
+  SerializeInto(state, shape, true);
+}
+
 void BM_HeaderDeserialize(benchmark::State& state, const Shape& shape) {
   const std::vector<unsigned char>& in = GetSerialized(shape);
   FaultCounter faults(state);
@@ -328,6 +352,21 @@ void BM_BufferConstructor(benchmark::State& state, const Shape& shape) {
   FaultCounter faults(state);
   for (auto _ : state) {
     DORecord r(shape.dotype, 2, 1u << 30, shape.fptype, nullptr, 0, in.data(), in.size(), false);
+    benchmark::DoNotOptimize(r.GetHeader());
+  }
+  SetBytes(state, in.size());
+}
+
+// The buffer constructor into a record buffer kept across calls.
+void BM_BufferConstructorInto(benchmark::State& state, const Shape& shape) {
+  const std::vector<unsigned char>& in = GetSerialized(shape);
+  const unsigned long size =
+      DORecordHeaderSizeRaw(0, shape.n, 0, 0, shape.dotype, shape.fptype, 0);
+  std::vector<uint64_t> buffer(size / 8 + 1);
+  FaultCounter faults(state);
+  for (auto _ : state) {
+    DORecord r(shape.dotype, 2, 1u << 30, shape.fptype, buffer.data(), buffer.size() * 8,
+               in.data(), in.size(), false);
     benchmark::DoNotOptimize(r.GetHeader());
   }
   SetBytes(state, in.size());
@@ -622,8 +661,11 @@ void RegisterAll() {
   RegisterShaped("check_segment_list", BM_CheckSegmentList);
   RegisterShaped("serialize", BM_Serialize);
   RegisterShaped("serialize_checksum", BM_SerializeChecksum);
+  RegisterShaped("serialize_into", BM_SerializeInto);
+  RegisterShaped("serialize_checksum_into", BM_SerializeChecksumInto);
   RegisterShaped("header_deserialize", BM_HeaderDeserialize);
   RegisterShaped("buffer_constructor", BM_BufferConstructor);
+  RegisterShaped("buffer_constructor_into", BM_BufferConstructorInto);
   RegisterShaped("hton_ntoh", BM_HostToNetworkToHost);
   RegisterShaped("get_digest", BM_GetDigest);
   RegisterShaped("fp_hash_of_digest_block", BM_FpHashOfDigestBlock);
@@ -648,18 +690,36 @@ void RegisterAll() {
       ->Unit(benchmark::kNanosecond);
 }
 
-// Every allocation from the heap (no separate mappings), and nothing freed
-// handed back to the kernel: a freed record's pages are reused warm.
-void ConfigureAllocator() {
-  mallopt(M_MMAP_MAX, 0);
-  mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  mallopt(M_TOP_PAD, 64 << 20);
+// --heap=keep (the default): every allocation from the heap (no separate
+// mappings), and nothing freed handed back to the kernel, so a freed
+// record's pages are reused warm. --heap=default: glibc's own settings, as a
+// user's program gets them: a large buffer is a fresh mapping each time and
+// pays its page faults. The context line "heap" says which was measured.
+bool ConfigureAllocator(int* argc, char** argv) {
+  bool keep = true;
+  int out = 1;
+  for (int i = 1; i < *argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--heap=keep" || arg == "--heap=default") {
+      keep = arg == "--heap=keep";
+    } else {
+      argv[out++] = argv[i];
+    }
+  }
+  *argc = out;
+  if (keep) {
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    mallopt(M_TOP_PAD, 64 << 20);
+  }
+  benchmark::AddCustomContext("heap", keep ? "keeps its memory" : "glibc defaults");
+  return keep;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  ConfigureAllocator();
+  ConfigureAllocator(&argc, argv);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RegisterAll();

@@ -795,6 +795,21 @@ class CRRECORD_API DORecord {
   /// always with its Adler-32; @p checksum is not used), as Serialize does.
   /// Returns 9 for a record that is not of DO type 4 or is in network order.
   cr_status_t SerializeBloomFilterDO(void** out, unsigned long* outSize, bool checksum) const;
+  /// The exact length in bytes of this record's serialized form: the
+  /// serialized DO record, or for a DO type 4 record the serialized Bloom DO
+  /// record. It is what Serialize allocates and what SerializeInto needs.
+  /// 0 in network order.
+  unsigned long GetSerializedSize() const;
+  /// Writes the serialized form (the bytes Serialize gives, Bloom records
+  /// included, with the same meaning of @p checksum) into the caller's
+  /// @p buffer of @p length bytes and its length into *@p written. With a
+  /// buffer reused from call to call, and the buffer constructor reading
+  /// from one, records are exchanged with no allocation per call. Bytes of
+  /// the buffer past the form are not touched. Returns 0; 122 when
+  /// @p length is less than GetSerializedSize(), nothing written; 9 in
+  /// network order; 65 for a null buffer or @p written.
+  cr_status_t SerializeInto(void* buffer, unsigned long length, unsigned long* written,
+                            bool checksum) const;
   /// Frees a buffer from Serialize and nulls the caller's pointer; does
   /// nothing when @p buffer or *@p buffer is null.
   static void SerializedDORecordFree(void** buffer);

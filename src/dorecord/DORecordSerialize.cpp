@@ -50,35 +50,16 @@ void WriteEntries(unsigned char* dst, const unsigned char* entry, uint32_t count
   }
 }
 
-}  // namespace
-
-cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksum) const {
-  if (header_->dotype == CR_DO_TYPE_BLOOM_FILTER) {
-    return SerializeBloomFilterDO(out, outSize, checksum);
-  }
-  if (networkOrder_) return CR_STATUS_INVALID;
-  // A null output pointer or size is refused as a missing argument (65), a
-  // guard of ours: there is nowhere to put the record.
-  if (out == nullptr || outSize == nullptr) return CR_STATUS_MISSING_ARGUMENT;
-
-  const DORecordHeader* h = header_;
+// The serialized DO record of `h` into `buffer` of exactly `total` bytes
+// (RecordSize), every byte written.
+void WriteSegmentForm(const DORecordHeader* h, unsigned char* buffer, uint64_t total,
+                      bool checksum) {
   // A DO type without a serialized form (6 and up) gets no per-segment
-  // fields, so the loop below writes exactly what this size counts.
+  // fields, so the loop below writes exactly what the size counts.
   const SegmentListShape shape(h->fptype, h->dotype, h->nfp);
   const uint32_t nfp = shape.nfp;
   const unsigned int entryWidth = shape.entryWidth();
   const unsigned int outWidth = shape.outWidth();
-  const uint64_t total = RecordSize(nfp, shape.dotype, shape.fptype);
-
-  // Zero-filled, as every buffer handed to a caller is; the text fields'
-  // NULs and the closing zero byte are written below all the same.
-  unsigned char* buffer = static_cast<unsigned char*>(std::calloc(1, total));
-  *out = buffer;
-  if (buffer == nullptr) {
-    // The size is cut to 32 bits for the message only.
-    return AllocFailure("Serialize", "DORecord", __LINE__, kMallocFailed,
-                        static_cast<unsigned int>(total));
-  }
 
   WriteHead(buffer, h);
   // A large output is written a piece at a time into a staging area in the
@@ -115,36 +96,24 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksu
     }
   }
   if (streaming) StreamFence();
-
-  *outSize = total;
   // The Adler-32 of bytes 28..end replaces the CRC written with the head.
   if (checksum) StoreBE32(buffer + kChecksumAt, adler);
-  return CR_STATUS_SUCCESS;
 }
 
-cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
-                                             bool /*checksum: the head always carries it*/) const {
-  if (header_->dotype != CR_DO_TYPE_BLOOM_FILTER || networkOrder_) return CR_STATUS_INVALID;
-  if (out == nullptr || outSize == nullptr) return CR_STATUS_MISSING_ARGUMENT;
-
-  const DORecordHeader* h = header_;
+// The serialized Bloom DO record of `h` into `buffer` of exactly `total`
+// bytes (BloomSize), every byte written.
+void WriteBloomForm(const DORecordHeader* h, unsigned char* buffer, uint64_t total) {
   const uint32_t bsize = h->bsize;
   const uint32_t nudcid = h->nudcid;
-  const uint64_t total = BloomSize(bsize, nudcid);
-
-  unsigned char* buffer = static_cast<unsigned char*>(std::calloc(1, total));
-  *out = buffer;
-  if (buffer == nullptr) {
-    return AllocFailure("SerializeBloomFilterDO", "DORecord", __LINE__, kMallocFailed,
-                        static_cast<unsigned int>(total));
-  }
-
   WriteHead(buffer, h);
   StoreBE32(buffer + kBloomLengthAt, bsize);
   if (bsize != 0) std::memcpy(buffer + kBloomBitmapAt, DORecordHeaderGetBloom(h), bsize);
 
-  if (nudcid != 0) {
-    unsigned char* block = buffer + kBloomBitmapAt + bsize;
+  unsigned char* block = buffer + kBloomBitmapAt + bsize;
+  const uint64_t entryBytes = uint64_t{kUDCIDEntry} * nudcid;
+  if (nudcid == 0) {
+    std::memset(block, 0, kBloomListHead);  // an empty list travels as eight zero bytes
+  } else {
     const unsigned char* section = DORecordHeaderStartUDCID(h);
     // A record built from a bitmap holds its list in host order, one rebuilt
     // from this form holds it as it travelled; read it in the order it has,
@@ -152,7 +121,6 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
     const bool bigEndian = BloomListIsBigEndian(h, bsize);
     const unsigned char* src = section + kUDCIDHead;
     unsigned char* dst = block + kBloomListHead;
-    const uint64_t entryBytes = uint64_t{kUDCIDEntry} * nudcid;
     if (bigEndian) {
       std::memcpy(dst, src, entryBytes);
     } else {
@@ -166,9 +134,73 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
     // sealed afresh over the bytes written here.
     StoreBE32(block, Adler32(block + 4, 4 + entryBytes));
   }
-
+  std::memset(block + kBloomListHead + entryBytes, 0, kBloomTrailingZeros);
   StoreBE32(buffer + kChecksumAt, Adler32(buffer + kHeadSize, total - kHeadSize));
+}
+
+// A fresh zero-filled buffer of `total` bytes in *out, as every buffer handed
+// to a caller is; the failure is logged as `function`'s.
+cr_status_t AllocateOutput(void** out, uint64_t total, const char* function, int line) {
+  *out = std::calloc(1, total);
+  if (*out != nullptr) return CR_STATUS_SUCCESS;
+  // The size is cut to 32 bits for the message only.
+  return AllocFailure(function, "DORecord", line, kMallocFailed, static_cast<unsigned int>(total));
+}
+
+}  // namespace
+
+unsigned long DORecord::GetSerializedSize() const {
+  if (networkOrder_) return 0;
+  const DORecordHeader* h = header_;
+  if (h->dotype == CR_DO_TYPE_BLOOM_FILTER) return BloomSize(h->bsize, h->nudcid);
+  return RecordSize(h->nfp, h->dotype, h->fptype);
+}
+
+cr_status_t DORecord::Serialize(void** out, unsigned long* outSize, bool checksum) const {
+  if (header_->dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    return SerializeBloomFilterDO(out, outSize, checksum);
+  }
+  if (networkOrder_) return CR_STATUS_INVALID;
+  // A null output pointer or size is refused as a missing argument (65), a
+  // guard of ours: there is nowhere to put the record.
+  if (out == nullptr || outSize == nullptr) return CR_STATUS_MISSING_ARGUMENT;
+
+  const uint64_t total = GetSerializedSize();
+  const cr_status_t status = AllocateOutput(out, total, "Serialize", __LINE__);
+  if (status != CR_STATUS_SUCCESS) return status;
+  WriteSegmentForm(header_, static_cast<unsigned char*>(*out), total, checksum);
   *outSize = total;
+  return CR_STATUS_SUCCESS;
+}
+
+cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outSize,
+                                             bool /*checksum: the head always carries it*/) const {
+  if (header_->dotype != CR_DO_TYPE_BLOOM_FILTER || networkOrder_) return CR_STATUS_INVALID;
+  if (out == nullptr || outSize == nullptr) return CR_STATUS_MISSING_ARGUMENT;
+
+  const uint64_t total = GetSerializedSize();
+  const cr_status_t status = AllocateOutput(out, total, "SerializeBloomFilterDO", __LINE__);
+  if (status != CR_STATUS_SUCCESS) return status;
+  WriteBloomForm(header_, static_cast<unsigned char*>(*out), total);
+  *outSize = total;
+  return CR_STATUS_SUCCESS;
+}
+
+cr_status_t DORecord::SerializeInto(void* buffer, unsigned long length, unsigned long* written,
+                                    bool checksum) const {
+  if (networkOrder_) return CR_STATUS_INVALID;
+  if (buffer == nullptr || written == nullptr) return CR_STATUS_MISSING_ARGUMENT;
+  const uint64_t total = GetSerializedSize();
+  // Short is refused as the reader refuses a caller's buffer too small for
+  // the record, before a byte is written.
+  if (length < total) return CR_STATUS_NO_ROOM;
+  unsigned char* out = static_cast<unsigned char*>(buffer);
+  if (header_->dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    WriteBloomForm(header_, out, total);
+  } else {
+    WriteSegmentForm(header_, out, total, checksum);
+  }
+  *written = total;
   return CR_STATUS_SUCCESS;
 }
 

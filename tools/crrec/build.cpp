@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <ostream>
 
-#include <boost/crc.hpp>
 
 #include <crrecord/DORecord.h>
 #include <crrecord/DORecordSerialized.h>
@@ -20,6 +20,7 @@
 
 #include <crrecord/common/Endian.h>
 #include "examine.h"
+#include "pipeline.h"
 #include "util.h"
 
 namespace crrec {
@@ -148,8 +149,94 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
   std::vector<unsigned char> distinctFps;    // DO type 4: what the bitmap holds
   std::map<uint64_t, uint64_t> perContainer; // DO type 4: the unique-DCID list
   ContainerPlacer placer(o.containerSize, o.firstDcid);
-  boost::crc_32_type crc;
   BuildStats stats;
+  uint32_t crc = CrcOf(nullptr, 0);
+  uint64_t offset = 0, nextReport = 0;
+  const uint64_t total = source.SizeHint();
+
+  // Places the segments of a fingerprinted batch, in the file's order.
+  auto place = [&](Batch& batch) {
+    if (batch.failed != 0) {
+      Unsound(name, "cannot fingerprint segment " + std::to_string(stats.segments + batch.failedAt) +
+                        ": " + CRStatusToStringA(batch.failed));
+    }
+    crc = CombineCrc(crc, batch.crc, batch.bytes.size());
+    for (size_t k = 0; k < batch.lengths.size(); ++k) {
+      const unsigned char* fp = batch.fingerprints[k].digest;
+      const uint32_t size = batch.lengths[k];
+      const ContainerPlacer::Placement where = placer.Place(fp, width, size);
+      if (bloom) {
+        perContainer[where.dcid] += size;
+        if (!where.repeated) distinctFps.insert(distinctFps.end(), fp, fp + width);
+      } else {
+        if (stats.segments == UINT32_MAX ||
+            DORecordHeaderSizeRaw(0, static_cast<uint32_t>(stats.segments) + 1, 1, 0, o.dotype,
+                                  o.fptype, 0) > UINT32_MAX) {
+          Unsound(name, "more segments than one record holds (" +
+                            std::to_string(stats.segments) + "): use larger segments");
+        }
+        if (objectOffsets && offset > UINT32_MAX) {
+          Unsound(name, "DO type 5 keeps 32-bit object offsets and segment " +
+                            std::to_string(stats.segments) + " starts at byte " +
+                            std::to_string(offset) + ": use DO type 3");
+        }
+        size_t at = segments.size();
+        segments.resize(at + entryWidth);
+        std::memcpy(&segments[at], fp, width);
+        // The object offset is where the segment begins in the data object,
+        // the file, as the offset is, cut to the field's width.
+        for (unsigned f = 0; f < layout.count; ++f) {
+          const crrecord::SegmentFieldLayout& field = layout.fields[f];
+          crrecord::StoreSegmentField(&segments[at + width], field,
+                                      field.field == crrecord::SegmentField::kSize ? size : offset);
+        }
+        dcids.push_back(where.dcid);
+      }
+      ++stats.segments;
+      offset += size;
+    }
+    if (progress && offset >= nextReport) {
+      progress(offset, total);
+      nextReport = offset + (uint64_t{1} << 20);
+    }
+  };
+
+  // The file is read and cut here, in order (a cut depends on the one
+  // before); segments go out in batches to the workers, which fingerprint
+  // them and take their CRC-32; batches come back and are placed in order.
+  // Memory: the read buffer, and per worker at most kBatchesPerWorker
+  // batches of a few times the largest segment.
+  const size_t batchBytes = std::max<size_t>(size_t{2} * chunker.MaxSize(), kMinBatchBytes);
+  // The batches outlive the pool, so that an error thrown while workers
+  // hold some (an unreadable input, an unsound record) joins the workers
+  // before their batches go.
+  std::deque<std::unique_ptr<Batch>> inFlight;
+  std::vector<std::unique_ptr<Batch>> spare;
+  FingerprintPool pool(o.threads, o.fptype);
+  auto newBatch = [&]() {
+    std::unique_ptr<Batch> b;
+    if (spare.empty()) {
+      b.reset(new Batch);
+      b->bytes.reserve(batchBytes + chunker.MaxSize());
+    } else {
+      b = std::move(spare.back());
+      spare.pop_back();
+      b->Clear();
+    }
+    return b;
+  };
+  auto retireFront = [&]() {
+    std::unique_ptr<Batch> done = std::move(inFlight.front());
+    inFlight.pop_front();
+    pool.Wait(*done);
+    place(*done);
+    spare.push_back(std::move(done));
+  };
+  auto submit = [&](std::unique_ptr<Batch> b) {
+    if (inFlight.size() >= pool.Capacity()) retireFront();
+    pool.Submit(b.get());
+    inFlight.push_back(std::move(b));
+  };
 
   // The buffer holds several of the largest segments, so that reads are
   // large and a cut always sees MaxSize bytes ahead unless the input ends.
@@ -157,9 +244,7 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
   std::vector<unsigned char> buffer(capacity);
   size_t start = 0, have = 0;
   bool eof = false;
-  uint64_t offset = 0, nextReport = 0;
-  const uint64_t total = source.SizeHint();
-
+  std::unique_ptr<Batch> batch = newBatch();
   for (;;) {
     if (!eof && have - start < chunker.MaxSize()) {
       std::memmove(buffer.data(), buffer.data() + start, have - start);
@@ -168,55 +253,20 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
       while (have < capacity && !eof) {
         size_t got = source.Read(buffer.data() + have, capacity - have);
         if (got == 0) eof = true;
-        crc.process_bytes(buffer.data() + have, got);
         have += got;
       }
     }
     if (start == have) break;
-
     const size_t length = chunker.Cut(buffer.data() + start, have - start);
-    crfp_digest_t fp;
-    if (CRFPCompute(o.fptype, buffer.data() + start, length, &fp) != 0) {
-      Unsound(name, std::string("cannot fingerprint segment ") + std::to_string(stats.segments) +
-                        ": " + CRStatusToStringA(*__cr_errno_location()));
-    }
-    const uint32_t size = static_cast<uint32_t>(length);
-    const ContainerPlacer::Placement where = placer.Place(fp.digest, width, size);
-    if (bloom) {
-      perContainer[where.dcid] += size;
-      if (!where.repeated) distinctFps.insert(distinctFps.end(), fp.digest, fp.digest + width);
-    } else {
-      if (stats.segments == UINT32_MAX ||
-          DORecordHeaderSizeRaw(0, static_cast<uint32_t>(stats.segments) + 1, 1, 0, o.dotype,
-                                o.fptype, 0) > UINT32_MAX) {
-        Unsound(name, "more segments than one record holds (" + std::to_string(stats.segments) +
-                          "): use larger segments");
-      }
-      if (objectOffsets && offset > UINT32_MAX) {
-        Unsound(name, "DO type 5 keeps 32-bit object offsets and segment " +
-                          std::to_string(stats.segments) + " starts at byte " +
-                          std::to_string(offset) + ": use DO type 3");
-      }
-      size_t at = segments.size();
-      segments.resize(at + entryWidth);
-      std::memcpy(&segments[at], fp.digest, width);
-      // The object offset is where the segment begins in the data object,
-      // the file, as the offset is, cut to the field's width.
-      for (unsigned k = 0; k < layout.count; ++k) {
-        const crrecord::SegmentFieldLayout& f = layout.fields[k];
-        crrecord::StoreSegmentField(&segments[at + width], f,
-                                    f.field == crrecord::SegmentField::kSize ? size : offset);
-      }
-      dcids.push_back(where.dcid);
-    }
-    ++stats.segments;
-    offset += length;
+    batch->Add(buffer.data() + start, length);
     start += length;
-    if (progress && offset >= nextReport) {
-      progress(offset, total);
-      nextReport = offset + (uint64_t{1} << 20);
+    if (batch->bytes.size() >= batchBytes) {
+      submit(std::move(batch));
+      batch = newBatch();
     }
   }
+  if (!batch->lengths.empty()) submit(std::move(batch));
+  while (!inFlight.empty()) retireFront();
   if (progress) progress(offset, total);
 
   if (stats.segments == 0) Unsound(name, "empty input: a DO record needs at least one segment");
@@ -226,7 +276,7 @@ Built BuildRecord(ByteSource& source, const std::string& name, const BuildOption
   stats.containers = placer.containers();
   stats.firstDcid = placer.firstDcid();
   stats.lastDcid = placer.lastDcid();
-  stats.crc = o.crcGiven ? o.crc : static_cast<uint32_t>(crc.checksum());
+  stats.crc = o.crcGiven ? o.crc : crc;
 
   MessageScope scope;
   Built built;

@@ -112,6 +112,7 @@ struct BuildOptions {
   uint32_t bloomBytes = 0;       // DO type 4: 0 chooses 10 bits per distinct segment
   std::vector<uint64_t> taskIds;
   std::vector<uint32_t> dsids;
+  unsigned threads = 1;          // fingerprinting threads; the output does not depend on it
 };
 
 struct BuildStats {

@@ -62,6 +62,42 @@ std::string CheckChunkerParams(const ChunkerParams& p) {
   return "";
 }
 
+namespace {
+
+// Rolls the gear hash over data[*i, end) and returns the first cut (the
+// index after the byte whose hash has no bit of `mask` set), or 0 with *i at
+// end. Four bytes a step: their gear sum does not depend on the hash, so the
+// chain from one step to the next is one shift and one add, not four; the
+// hashes and cuts are those of the byte-at-a-time roll.
+size_t GearScan(const unsigned char* data, size_t* i, size_t end, uint64_t mask,
+                const uint64_t* gear, uint64_t* hash) {
+  uint64_t h = *hash;
+  size_t k = *i;
+  for (; k + 4 <= end; k += 4) {
+    const uint64_t t1 = gear[data[k]];
+    const uint64_t t2 = (t1 << 1) + gear[data[k + 1]];
+    const uint64_t t3 = (t2 << 1) + gear[data[k + 2]];
+    const uint64_t t4 = (t3 << 1) + gear[data[k + 3]];
+    const uint64_t h1 = (h << 1) + t1, h2 = (h << 2) + t2, h3 = (h << 3) + t3;
+    const uint64_t h4 = (h << 4) + t4;
+    if (((h1 & mask) == 0) | ((h2 & mask) == 0) | ((h3 & mask) == 0) | ((h4 & mask) == 0)) {
+      if ((h1 & mask) == 0) return k + 1;
+      if ((h2 & mask) == 0) return k + 2;
+      return (h3 & mask) == 0 ? k + 3 : k + 4;
+    }
+    h = h4;
+  }
+  for (; k < end; ++k) {
+    h = (h << 1) + gear[data[k]];
+    if ((h & mask) == 0) return k + 1;
+  }
+  *i = k;
+  *hash = h;
+  return 0;
+}
+
+}  // namespace
+
 Chunker::Chunker(const ChunkerParams& params)
     : params_(params), maskStrict_(0), maskLoose_(0) {
   if (params_.kind == ChunkerKind::kContentDefined) {
@@ -95,15 +131,10 @@ size_t Chunker::CutContentDefined(const unsigned char* data, size_t length) cons
   // No cut inside the minimum: those bytes are not even hashed. The window
   // is 64 bytes wide, so hashing from here on decides every later cut.
   size_t i = params_.minSize;
-  for (; i < normal; ++i) {
-    hash = (hash << 1) + gear[data[i]];
-    if ((hash & maskStrict_) == 0) return i + 1;
-  }
-  for (; i < end; ++i) {
-    hash = (hash << 1) + gear[data[i]];
-    if ((hash & maskLoose_) == 0) return i + 1;
-  }
-  return end;
+  size_t cut = GearScan(data, &i, normal, maskStrict_, gear, &hash);
+  if (cut != 0) return cut;
+  cut = GearScan(data, &i, end, maskLoose_, gear, &hash);
+  return cut != 0 ? cut : end;
 }
 
 }  // namespace crrec

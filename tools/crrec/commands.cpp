@@ -7,6 +7,7 @@
 #include <iostream>
 #include <optional>
 #include <sstream>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 
@@ -201,6 +202,7 @@ struct BuildArgs {
   std::vector<std::string> taskIds, dsids;
   std::string stored, serialized, json;
   bool networkOrder = false, noChecksum = false, quiet = false, noProgress = false;
+  std::string threads;
 };
 
 void AddBuildOptions(CLI::App& cmd, BuildArgs& b) {
@@ -230,6 +232,9 @@ void AddBuildOptions(CLI::App& cmd, BuildArgs& b) {
   cmd.add_option("-j,--json", b.json, "write the JSON form here");
   cmd.add_flag("-q,--quiet", b.quiet, "print no summary and no progress");
   cmd.add_flag("--no-progress", b.noProgress, "no progress bar");
+  cmd.add_option("--threads", b.threads,
+                 "threads that fingerprint segments (default: one per core); the record is "
+                 "the same for every count");
 }
 
 std::string BuildFile(const BuildArgs& a) { return a.file; }
@@ -281,6 +286,12 @@ int DoBuild(const BuildArgs& a, const Io& io) {
   for (const std::string& id : a.taskIds) o.taskIds.push_back(ParseNumber(id, UINT64_MAX, "--taskid"));
   for (const std::string& id : a.dsids) {
     o.dsids.push_back(static_cast<uint32_t>(ParseNumber(id, UINT32_MAX, "--dsid")));
+  }
+  // A thread count beyond the cores only adds queued memory; 256 bounds it.
+  o.threads = std::max(1u, std::thread::hardware_concurrency());
+  if (!a.threads.empty()) {
+    o.threads = static_cast<unsigned>(ParseNumber(a.threads, 256, "--threads"));
+    if (o.threads == 0) Usage("", "--threads: 0 is less than 1");
   }
   const std::string problem = CheckBuildOptions(o);
   if (!problem.empty()) Usage("", problem);
