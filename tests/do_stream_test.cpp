@@ -94,6 +94,20 @@ TEST(DORecordText, EachDOTypeWritesItsEntriesAndReferences) {
   EXPECT_EQ(os.str(), "");
 }
 
+// The list is written through a 16 KiB line buffer: a long one crosses
+// several flushes, and not a byte may be lost or added at them.
+TEST(DORecordText, ALongListCrossesTheWriteBufferIntact) {
+  std::vector<Seg> segs;
+  std::string entries, dcids;
+  for (uint32_t i = 0; i < 1000; ++i) {
+    segs.push_back({crtest::PatternFP(static_cast<uint8_t>(i), 16), 10, 0, 0, 64 + i});
+    entries += (i != 0 ? ",[" : "[") + crtest::Hex(segs[i].fp.data(), 16) + ",10]";
+    dcids += (i != 0 ? "," : "") + to_string(64 + i);
+  }
+  auto record = crtest::BuildDO(2, 1, segs, 0xABCD, 0xABC, 10000);
+  EXPECT_EQ(Form(*record, false), Head(20, 2, 1000) + "[" + entries + "[" + dcids + "]],[]");
+}
+
 // A stream buffer whose every write fails by throwing.
 class ThrowingBuf : public std::streambuf {
  protected:
