@@ -273,10 +273,16 @@ struct Activity {
   }
 };
 
-TEST(DORecordTaskIDs, CallbackSeesTheNewIDFirstThenTheOthersAscending) {
+// The callback sees the new ID first, then the others ascending, and the
+// inactive ones go; an inactive new task gives 9 and purges nothing.
+TEST(DORecordTaskIDs, CallbackDecidesWhatIsAddedAndWhatIsPurged) {
   auto r = SmallRecord();
-  for (unsigned long id : {30ul, 10ul, 20ul}) r->AddTaskID(id);
   Activity a;
+  r->GetHeader()->mtime = 20;
+  EXPECT_EQ(r->RemoveInactiveTaskIDs(&Activity::Callback, &a), 0u);
+  EXPECT_TRUE(a.asked.empty());
+  EXPECT_NE(r->GetMTime(), 20u);
+  for (unsigned long id : {30ul, 10ul, 20ul}) r->AddTaskID(id);
   a.inactive = {20};
   EXPECT_EQ(r->AddTaskID(25, &Activity::Callback, &a), 0);
   EXPECT_EQ(a.asked, (Ids{25, 10, 20, 30}));
@@ -285,41 +291,26 @@ TEST(DORecordTaskIDs, CallbackSeesTheNewIDFirstThenTheOthersAscending) {
   a.asked.clear();
   EXPECT_EQ(r->AddTaskID(10, &Activity::Callback, &a), 1);
   EXPECT_EQ(a.asked, (Ids{10, 10, 25, 30}));
-
-  // An inactive new task gives 9 and purges nothing.
-  Activity b;
-  b.inactive = {5, 10};
+  a = Activity{{}, {5, 10}};
   r->GetHeader()->mtime = 20;
-  EXPECT_EQ(r->AddTaskID(5, &Activity::Callback, &b), 9);
-  EXPECT_EQ(b.asked, Ids{5});
+  EXPECT_EQ(r->AddTaskID(5, &Activity::Callback, &a), 9);
+  EXPECT_EQ(a.asked, Ids{5});
   EXPECT_EQ(TaskIDs(*r), (Ids{10, 25, 30}));
   EXPECT_EQ(r->GetMTime(), 20u);
-}
 
-TEST(DORecordTaskIDs, PurgeRemovesInactiveTasksOnly) {
-  auto r = SmallRecord();
-  Activity a;
-  r->GetHeader()->mtime = 20;
-  EXPECT_EQ(r->RemoveInactiveTaskIDs(&Activity::Callback, &a), 0u);
-  EXPECT_TRUE(a.asked.empty());
-  EXPECT_NE(r->GetMTime(), 20u);
-
-  for (unsigned long id : {1ul, 2ul, 3ul, 4ul, 5ul}) r->AddTaskID(id);
+  for (unsigned long id : {1ul, 2ul, 4ul}) r->AddTaskID(id);
   r->AddDSID(2);
-  a.inactive = {2, 4, 5};
+  a = Activity{{}, {2, 4, 25}};
   EXPECT_EQ(r->RemoveInactiveTaskIDs(&Activity::Callback, &a), 3u);
-  EXPECT_EQ(TaskIDs(*r), (Ids{1, 3}));
+  EXPECT_EQ(TaskIDs(*r), (Ids{1, 10, 30}));
   EXPECT_TRUE(r->HasDSID(2));
-  EXPECT_EQ(r->getRecSize(), kSmallSize + 26);
-
+  EXPECT_EQ(r->getRecSize(), kSmallSize + 36);
   // An exception from the callback passes through; what was removed stays removed.
   r->AddTaskID(2);
-  Activity b;
-  b.inactive = {1};
-  b.throwAt = 2;
-  EXPECT_THROW(r->RemoveInactiveTaskIDs(&Activity::Callback, &b), std::runtime_error);
-  EXPECT_EQ(TaskIDs(*r), (Ids{2, 3}));
-  EXPECT_EQ(r->getTRefsSize(), 26u);
+  a = Activity{{}, {1}, 2};
+  EXPECT_THROW(r->RemoveInactiveTaskIDs(&Activity::Callback, &a), std::runtime_error);
+  EXPECT_EQ(TaskIDs(*r), (Ids{2, 10, 30}));
+  EXPECT_EQ(r->getTRefsSize(), 36u);
   EXPECT_EQ(Thrown([&] { r->RemoveInactiveTaskIDs(nullptr, nullptr); }),
             Failure(65, "No task activity callback given."));
 }
