@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "build.h"
+#include "load.h"
 #include "util.h"
 
 namespace {
@@ -23,12 +24,6 @@ std::vector<unsigned char> Sample(size_t n) {
     std::memcpy(&data[at], &data[0], 1 << 18);
   }
   return data;
-}
-
-std::vector<unsigned char> Stored(const crrec::Built& b) {
-  const DORecordHeader* h = b.record->GetHeader();
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(h);
-  return std::vector<unsigned char>(p, p + h->recsize);
 }
 
 // Reads like a file, then fails after `failAt` bytes.
@@ -65,8 +60,8 @@ TEST(CrrecPipeline, RecordAndCrcAreTheSameForEveryThreadCount) {
       // The batches' CRC-32s combined, against one pass over the whole.
       EXPECT_EQ(built.stats.crc, crc32(0, data.data(), static_cast<uInt>(data.size())));
       EXPECT_EQ(built.stats.bytes, data.size());
-      if (first.empty()) first = Stored(built);
-      EXPECT_EQ(Stored(built), first) << threads << " threads";
+      if (first.empty()) first = crrec::StoredBytes(*built.record, false);
+      EXPECT_EQ(crrec::StoredBytes(*built.record, false), first) << threads << " threads";
     }
   }
 }
