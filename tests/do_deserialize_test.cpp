@@ -271,26 +271,6 @@ TEST(DORecordFromSerialized, OwnBufferIsOwnedAndTheHeaderCompletedWithValidFlags
             std::make_tuple(CR_LOG_ERROR, 9u, "Setting DORecord flags to invalid value 8"));
 }
 
-TEST(DORecordFromSerialized, CallerBufferIsBorrowedAndLeftUntouchedAfterGrowth) {
-  const std::vector<uint8_t> image = Image(3, 3);
-  const size_t recsize = 80 + 3 * (32 + 12 + 8);
-  Malloced buffer = Block(recsize);
-  std::vector<uint8_t> snapshot;
-  {
-    DORecord r(3, 0x0002, 100, 3, buffer.get(), recsize, image.data(), image.size(), false);
-    EXPECT_EQ(r.GetBufferMode(), 1u);
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(r.GetHeader()), buffer.get());
-    snapshot.assign(buffer.get(), buffer.get() + recsize);
-
-    r.expand(recsize + 1);
-    EXPECT_TRUE(r.OwnsBuffer());
-    EXPECT_EQ(r.GetBufferMode(), 2u);
-    EXPECT_NE(reinterpret_cast<uint8_t*>(r.GetHeader()), buffer.get());
-    r.SetDCID(5);
-  }
-  EXPECT_EQ(std::vector<uint8_t>(buffer.get(), buffer.get() + recsize), snapshot);
-}
-
 TEST(DORecordFromSerialized, SubDOTakesItsFirstContainerAndSkipsTheSizeMagnitudeCheck) {
   std::vector<Seg> segs = crtest::ThreeSegments(1);
   segs[0].dcid = 777;

@@ -96,7 +96,10 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
         crtest::Malloced buffer = callerBuffer ? crtest::Block(recsize) : nullptr;
         DORecord rebuilt(dotype, original->GetFlags(), original->GetDCID(), fptype, buffer.get(),
                          callerBuffer ? recsize : 0, bytes.data(), bytes.size(), false);
+        // A caller's buffer is borrowed (mode 1) and the record built in it.
         EXPECT_EQ(rebuilt.OwnsBuffer(), !callerBuffer);
+        EXPECT_EQ(rebuilt.GetBufferMode(), callerBuffer ? 1u : 2u);
+        EXPECT_EQ(reinterpret_cast<uint8_t*>(rebuilt.GetHeader()) == buffer.get(), callerBuffer);
         EXPECT_EQ(rebuilt.GetHeaderSize(), recsize);
         EXPECT_EQ(DORecord::ValidateHeader(rebuilt.GetHeader(), rebuilt.GetHeaderSize(), 0), 0u);
 
