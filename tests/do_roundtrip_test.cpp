@@ -65,7 +65,9 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
                      << (checksum ? " checksum" : "") << (callerBuffer ? " caller buffer" : ""));
         auto original = Build(dotype, fptype, row.segments);
         std::vector<uint8_t> bytes = SerializedBytes(*original, checksum);
-        if (callerBuffer) {  // SerializeInto garbage: a byte short, then exactly long enough
+        // Into a caller's buffer the bytes come from SerializeInto instead: a
+        // byte short is refused untouched, and nothing is written past the form.
+        if (callerBuffer) {
           std::vector<uint8_t> into(original->GetSerializedSize() + 16, 0xEE);
           unsigned long written = 0;
           EXPECT_EQ(original->SerializeInto(into.data(), into.size() - 17, &written, checksum),
