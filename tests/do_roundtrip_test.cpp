@@ -1,7 +1,7 @@
 // Build -> serialize -> rebuild -> compare, for every DO type, both
 // fingerprint widths, with and without the checksum, into a caller's buffer
-// and into the record's own; the serialized bytes checked against the form
-// written out by hand.
+// (SerializeInto, then the reader) and into the record's own (Serialize);
+// the serialized bytes checked against the form written out by hand.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -64,7 +64,21 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
                      << row.segments
                      << (checksum ? " checksum" : "") << (callerBuffer ? " caller buffer" : ""));
         auto original = Build(dotype, fptype, row.segments);
-        const std::vector<uint8_t> bytes = SerializedBytes(*original, checksum);
+        std::vector<uint8_t> bytes = SerializedBytes(*original, checksum);
+        // Into a caller's buffer the bytes come from SerializeInto instead: a
+        // byte short is refused untouched, and nothing is written past the form.
+        if (callerBuffer) {
+          std::vector<uint8_t> into(original->GetSerializedSize() + 16, 0xEE);
+          unsigned long written = 0;
+          EXPECT_EQ(original->SerializeInto(into.data(), into.size() - 17, &written, checksum),
+                    122u);
+          EXPECT_EQ(into, std::vector<uint8_t>(into.size(), 0xEE));
+          ASSERT_EQ(original->SerializeInto(into.data(), into.size() - 16, &written, checksum), 0u);
+          ASSERT_EQ(written, into.size() - 16);
+          EXPECT_EQ(std::vector<uint8_t>(into.begin() + written, into.end()),
+                    std::vector<uint8_t>(16, 0xEE));
+          bytes.assign(into.begin(), into.begin() + written);
+        }
         if (dotype == 4) {
           // Serialize hands a Bloom record on, whatever the checksum flag says.
           EXPECT_EQ(bytes,
@@ -84,7 +98,10 @@ TEST(DORoundTrip, EveryTypeWidthChecksumAndBuffer) {
         crtest::Malloced buffer = callerBuffer ? crtest::Block(recsize) : nullptr;
         DORecord rebuilt(dotype, original->GetFlags(), original->GetDCID(), fptype, buffer.get(),
                          callerBuffer ? recsize : 0, bytes.data(), bytes.size(), false);
+        // A caller's buffer is borrowed (mode 1) and the record built in it.
         EXPECT_EQ(rebuilt.OwnsBuffer(), !callerBuffer);
+        EXPECT_EQ(rebuilt.GetBufferMode(), callerBuffer ? 1u : 2u);
+        EXPECT_EQ(reinterpret_cast<uint8_t*>(rebuilt.GetHeader()) == buffer.get(), callerBuffer);
         EXPECT_EQ(rebuilt.GetHeaderSize(), recsize);
         EXPECT_EQ(DORecord::ValidateHeader(rebuilt.GetHeader(), rebuilt.GetHeaderSize(), 0), 0u);
 

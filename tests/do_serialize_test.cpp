@@ -1,5 +1,6 @@
-// Serialization of DO records into the two exchange forms, the release of
-// the produced buffer, and the in-place byte-order conversion.
+// Serialization of DO records into the two exchange forms, the refusals of
+// Serialize and SerializeInto, the release of the produced buffer, and the
+// in-place byte-order conversion.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -33,15 +34,21 @@ TEST(DOSerialize, EmptyFormsAreByteExact) {
   EXPECT_EQ(SerializedBytes(*bloom, true), expected);
 }
 
-TEST(DOSerialize, WrongTypeOrByteOrderIsRefusedWithOutputsUntouched) {
+// Refusals leave the outputs and the caller's buffer untouched.
+TEST(DOSerialize, WrongTypeOrByteOrderOrNullArgumentsAreRefused) {
   int sentinel = 0;
   void* out = &sentinel;
   unsigned long size = 77;
+  std::vector<uint8_t> buffer(4096);
 
   auto segments = crtest::BuildDO(2, 1, crtest::ThreeSegments(1));
   EXPECT_EQ(segments->SerializeBloomFilterDO(&out, &size, true), 9u);
+  EXPECT_EQ(segments->SerializeInto(nullptr, buffer.size(), &size, false), 65u);
+  EXPECT_EQ(segments->SerializeInto(buffer.data(), buffer.size(), nullptr, false), 65u);
   segments->HostToNetwork(0);
   EXPECT_EQ(segments->Serialize(&out, &size, false), 9u);
+  EXPECT_EQ(segments->GetSerializedSize(), 0u);
+  EXPECT_EQ(segments->SerializeInto(buffer.data(), buffer.size(), &size, false), 9u);
 
   auto bloom = crtest::BuildBloom(crtest::PatternBitmap(8), {});
   bloom->HostToNetwork(0);
@@ -50,13 +57,11 @@ TEST(DOSerialize, WrongTypeOrByteOrderIsRefusedWithOutputsUntouched) {
 
   EXPECT_EQ(out, &sentinel);
   EXPECT_EQ(size, 77u);
-}
-
-TEST(DOSerialize, SerializedDORecordFreeIgnoresNull) {
+  EXPECT_EQ(buffer, std::vector<uint8_t>(4096, 0));
+  // Releasing nothing, or a pointer to nothing, is no fault.
   DORecord::SerializedDORecordFree(nullptr);
-  void* out = nullptr;
+  out = nullptr;
   DORecord::SerializedDORecordFree(&out);
-  EXPECT_EQ(out, nullptr);
 }
 
 TEST(DOByteOrder, BitZeroRemovesTaskIDsInTheNewByteOrder) {
