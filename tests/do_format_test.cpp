@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -14,8 +13,6 @@ namespace {
 
 using namespace crtest;
 
-constexpr size_t kHeader = 80;
-
 // A header image with fixed values in the fields the counts leave alone.
 Bytes Image(uint32_t recsize, uint32_t ntaskid, uint32_t nfp, uint32_t nudcid, uint32_t nds,
             uint32_t trefsize, uint32_t bsize, uint8_t fptype, uint8_t dotype) {
@@ -25,13 +22,10 @@ Bytes Image(uint32_t recsize, uint32_t ntaskid, uint32_t nfp, uint32_t nudcid, u
 
 // An exactly sized heap copy, so that ASan sees any over-read.
 struct Buffer {
-  explicit Buffer(const Bytes& b)
-      : p(Block(b.size(), b.data()).release()), size(b.size()) {}
-  ~Buffer() { std::free(p); }
-  DORecordHeader* h() const { return reinterpret_cast<DORecordHeader*>(p); }
-  size_t off(const unsigned char* q) const { return static_cast<size_t>(q - p); }
-  std::vector<uint8_t> bytes() const { return BytesAt(p, size); }
-  unsigned char* p;
+  explicit Buffer(const Bytes& b) : m(Block(b.size(), b.data())), size(b.size()) {}
+  DORecordHeader* h() const { return reinterpret_cast<DORecordHeader*>(m.get()); }
+  std::vector<uint8_t> bytes() const { return BytesAt(m.get(), size); }
+  Malloced m;
   size_t size;
 };
 
@@ -102,7 +96,7 @@ TEST(DORecordFormat, HtonAndValidateOfASoundRecord) {
   EXPECT_EQ(DORecordHeaderValidate(buf.h(), n, 0), 32u);
   DORecordHeaderNtoh(buf.h());
   EXPECT_EQ(buf.bytes(), host.vec());
-  buf.p[n - 8] ^= 1;  // one bit of the byte count
+  buf.m.get()[n - 8] ^= 1;  // one bit of the byte count
   EXPECT_EQ(DORecordHeaderValidate(buf.h(), n, 0), 32u);
 
   // A Bloom record's length word tells the bitmap size in either byte order.

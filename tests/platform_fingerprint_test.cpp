@@ -7,7 +7,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "crrecord/platform/fingerprint.h"
 #include "crrecord/platform/status.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -145,7 +144,9 @@ TEST(SegmentRecordValidate, EachCheckFailsWithItsOwnTraceInOrderAndFlagsChooseTh
   }
 }
 
-TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
+// 33 + 65 * (2^32 - 1) bytes cannot be had; the size is logged at its
+// 32-bit maximum and the outputs cleared. Refusals leave the outputs.
+TEST(SegmentRecordSerialize, WritesTheHeadAndTextsRefusesKeepingTheOutputsLogsAFailedMalloc) {
   Rec two = TwoTaskIDsOneFingerprint(), wide, none;
   two.fileID = 0x0102030405060708ull;
   two.fps.push_back(crtest::PatternFP(0xF0, 16));
@@ -166,11 +167,6 @@ TEST(SegmentRecordSerialize, WritesTheBigEndianHeadAndTheFingerprintTexts) {
     const crtest::Malloced out(static_cast<uint8_t*>(data));
     EXPECT_EQ(crtest::BytesAt(out.get(), size), expected.u8(0).vec());
   }
-}
-
-// 33 + 65 * (2^32 - 1) bytes cannot be had; the size is logged at its
-// 32-bit maximum and the outputs cleared. Refusals leave the outputs.
-TEST(SegmentRecordSerialize, RefusalsKeepTheOutputsAndAFailedAllocationIsLogged) {
   Buffer buf(SoImage(Rec(), false));
   Buffer net(SoImage(TwoTaskIDsOneFingerprint(), true));
   Buffer huge(SoImage(Make(2, 104, 3, {}, {}, 0xFFFFFFFFu), false));
@@ -193,9 +189,19 @@ TEST(SegmentRecordSerialize, RefusalsKeepTheOutputsAndAFailedAllocationIsLogged)
                                         "bytes (") + CRStatusToStringA(22) + ")"));
 }
 
-// The example record, and a network-order record with task IDs and wide
-// fingerprints, which is converted back to network order afterwards.
-TEST(SegmentRecordToStream, TextFormListsTheFieldsTaskIDsAndFingerprints) {
+class ThrowingBuf : public std::streambuf {
+ protected:
+  int_type overflow(int_type) override { throw std::runtime_error("device full"); }
+  std::streamsize xsputn(const char*, std::streamsize) override {
+    throw std::runtime_error("device full");
+  }
+};
+
+// The example record in host order, and a record with task IDs and wide
+// fingerprints in network order. The text lists the fields, task IDs and
+// fingerprints; the binary form is the network image whatever order the
+// record is in; the record is left in its order, also when the stream throws.
+TEST(SegmentRecordToStream, TextAndBinaryFormsAndTheRecordKeepsItsOrder) {
   Rec example, net;
   example.flags = 0;
   example.fps = {crtest::PatternFP(0xC0, 16)};
@@ -205,41 +211,21 @@ TEST(SegmentRecordToStream, TextFormListsTheFieldsTaskIDsAndFingerprints) {
   net.taskIDs = {5, 0x100000000ull};
   net.fps = {crtest::PatternFP(0x10, 32), crtest::PatternFP(0x30, 32)};
   const auto hex = [](const std::vector<uint8_t>& fp) { return crtest::Hex(fp.data(), fp.size()); };
-  const std::pair<Bytes, std::string> cases[] = {
-      {SoImage(example, false), "2,1,0,1000,0,65536,7,1,,0,1,[],[" + hex(example.fps[0]) + "]"},
-      {SoImage(net, true), "2,1,2,77,9,65536,7,3,,2,2,[5,4294967296],[" + hex(net.fps[0]) + "," +
-                               hex(net.fps[1]) + "]"}};
+  const std::tuple<Rec, bool, std::string> cases[] = {
+      {example, false, "2,1,0,1000,0,65536,7,1,,0,1,[],[" + hex(example.fps[0]) + "]"},
+      {net, true, "2,1,2,77,9,65536,7,3,,2,2,[5,4294967296],[" + hex(net.fps[0]) + "," +
+                      hex(net.fps[1]) + "]"}};
   for (const auto& c : cases) {
-    Buffer buf(c.first);
-    std::ostringstream os;
-    SegmentRecordToStream(os, *buf.r(), false);
-    EXPECT_EQ(os.str(), c.second);
-    EXPECT_EQ(buf.bytes(c.first.size()), c.first.vec()) << "left in its byte order";
-  }
-}
-
-class ThrowingBuf : public std::streambuf {
- protected:
-  int_type overflow(int_type) override { throw std::runtime_error("device full"); }
-  std::streamsize xsputn(const char*, std::streamsize) override {
-    throw std::runtime_error("device full");
-  }
-};
-
-// The binary form is the network image whatever order the record is in; the
-// record is left in its order afterwards, also when the stream throws.
-TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder) {
-  const Bytes net = SoImage(TwoTaskIDsOneFingerprint(), true);
-  for (bool big : {false, true}) {
     for (bool binary : {false, true}) {
-      SCOPED_TRACE(std::string(big ? "network" : "host") + (binary ? " binary" : " text"));
-      const Bytes image = SoImage(TwoTaskIDsOneFingerprint(), big);
+      SCOPED_TRACE(std::string(std::get<1>(c) ? "network" : "host") + (binary ? " binary" : ""));
+      const Bytes image = SoImage(std::get<0>(c), std::get<1>(c));
+      const Bytes network = SoImage(std::get<0>(c), true);
       Buffer buf(image);
       std::ostringstream os;
       SegmentRecordToStream(os, *buf.r(), binary);
-      if (binary) {
-        EXPECT_EQ(os.str(), std::string(net.data(), net.data() + net.size()));
-      }
+      EXPECT_EQ(os.str(), binary ? std::string(network.data(), network.data() + network.size())
+                                 : std::get<2>(c));
+      EXPECT_EQ(buf.bytes(image.size()), image.vec());
       ThrowingBuf sink;
       std::ostream throwing(&sink);
       throwing.exceptions(std::ios::badbit);
@@ -247,12 +233,6 @@ TEST(SegmentRecordToStream, BinaryFormIsTheNetworkImageAndTheRecordKeepsItsOrder
       EXPECT_EQ(buf.bytes(image.size()), image.vec());
     }
   }
-}
-
-TEST(RecordInContainer, OnlyFileIDZeroIsInAContainer) {
-  EXPECT_EQ(std::vector<bool>({RecordInContainer(0), RecordInContainer(1),
-                               RecordInContainer(0x8000000000000000ul)}),
-            std::vector<bool>({true, false, false}));
 }
 
 }  // namespace

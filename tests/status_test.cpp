@@ -16,7 +16,7 @@
 
 namespace {
 
-TEST(PlatformStatus, KnownTexts) {
+TEST(PlatformStatus, KnownTextsTheBoundedCopyAndTheErrnoException) {
   const std::pair<cr_status_t, const char*> rows[] = {
       {0, "success"}, {9, "invalid argument or state"}, {22, "out of memory"},
       {32, "invalid record"}, {65, "missing argument"}, {72, "reference not found"},
@@ -32,6 +32,15 @@ TEST(PlatformStatus, KnownTexts) {
   char buf[4] = "abc";
   EXPECT_STREQ(qorstrcpy(buf, nullptr, sizeof buf), "");
   EXPECT_EQ(qorstrcpy(nullptr, "abc", 4), nullptr);
+  // The errno exception: errno 0 reads as 75; the message is cut to the
+  // buffer; without a message the system's text is given; no buffer gives null.
+  EXPECT_EQ(Zo_ErrnoException(0).GetErrno(), 75);
+  char buffer[128], small[5];
+  EXPECT_EQ(Zo_ErrnoException(5, "disk on fire").GetString(buffer, sizeof buffer), buffer);
+  EXPECT_STREQ(buffer, "disk on fire");
+  EXPECT_STREQ(Zo_ErrnoException(5, "disk on fire").GetString(small, sizeof small), "disk");
+  EXPECT_STREQ(Zo_ErrnoException(ENOENT).GetString(buffer, sizeof buffer), std::strerror(ENOENT));
+  EXPECT_EQ(Zo_ErrnoException(ENOENT).GetString(nullptr, 10), nullptr);
 }
 
 // Trace lines only while tracing is on; the last message (itself loggable
@@ -54,19 +63,6 @@ TEST(PlatformStatus, LogLinesAndTheLastMessage) {
             "crrecord: error 9: again: not found 5\ncrrecord: trace: offset 40: truncated input\n"
             "crrecord: error 9: " + std::string(1023, 'x') + "\n");
   EXPECT_EQ(std::string(qorLogLastMessageA()), std::string(1023, 'x'));
-}
-
-// Errno 0 reads as 75; the message is cut to the buffer; without a message
-// the system's text is given; no buffer gives null.
-TEST(ZoErrnoException, ErrnoAndStringFollowTheirRules) {
-  EXPECT_EQ(Zo_ErrnoException(0).GetErrno(), 75);
-  char buffer[128], small[5];
-  EXPECT_EQ(Zo_ErrnoException(5, "disk on fire").GetString(buffer, sizeof buffer), buffer);
-  EXPECT_STREQ(buffer, "disk on fire");
-  EXPECT_STREQ(Zo_ErrnoException(5, "disk on fire").GetString(small, sizeof small), "disk");
-  EXPECT_STREQ(Zo_ErrnoException(ENOENT).GetString(buffer, sizeof buffer), std::strerror(ENOENT));
-  EXPECT_EQ(Zo_ErrnoException(ENOENT).GetString(nullptr, 10), nullptr);
-  EXPECT_EQ(Zo_ErrnoException(ENOENT, "x").GetString(nullptr, 10), nullptr);
 }
 
 }  // namespace
