@@ -118,6 +118,7 @@ TEST(DODeserialize, EveryTruncationIsRefusedAsTruncated) {
       ASSERT_EQ(log.lines().size(), 1u);
       EXPECT_EQ(log.lines()[0].level, CR_LOG_TRACE);
       EXPECT_EQ(log.lines()[0].text.rfind(kPrefix, 0), 0u) << log.lines()[0].text;
+      EXPECT_EQ(log.lines()[0].text.find("-byte head") != std::string::npos, n < 28) << n;
     }
   }
 }

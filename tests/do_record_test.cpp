@@ -115,6 +115,8 @@ TEST(DORecordStored, ReopenedRecordsKeepReferencesGrowByModeAndRefusedOnesStayTh
       {&stored, -1, 0, 0, 79, 2,
        {32, "DO record buffer of 79 bytes is smaller than the header (80 bytes)."}},
       {&stored, -1, 0, 0, size - 1, 2, {32, exceeds}},
+      {&stored, -1, 0, 0, 80, 2, {32, "DO record of " + std::to_string(size) +
+                                          " bytes exceeds its buffer of 80 bytes."}},
       {&stored, 0, 2, 0, size, 2, {32, ""}},
       // The kind-9 reference at the end claims 5 payload bytes.
       {&stored, long(size) - 2, 5, 0, size, 2,

@@ -162,6 +162,7 @@ TEST(DORecordTRefs, SizeFieldsAndMTimeFollowEveryChange) {
   EXPECT_TRUE(Stamps(*r, [&] { EXPECT_EQ(r->DelTRef(Ref(9)), 0u); }));  // absent
   const _cr_tref_t* none = nullptr;
   EXPECT_FALSE(Stamps(*r, [&] { EXPECT_EQ(r->DelTRef(none), 0u); }));
+  EXPECT_FALSE(Stamps(*r, [&] { EXPECT_EQ(r->DelTRef(TRefPtr()), 0u); }));
   EXPECT_FALSE(Stamps(*r, [&] { r->ClearTRefType(CR_TREF_TYPE_RETENTION); }));
   EXPECT_EQ(sizes(), expect(16));
   EXPECT_TRUE(Stamps(*r, [&] { r->RemoveAllTRefs(); }));  // task IDs only

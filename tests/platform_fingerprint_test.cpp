@@ -87,6 +87,7 @@ TEST(PlatformFingerprint, RefusalsAndTheirStatuses) {
       {"31 digits", [&] { return parse(md5, 31, 1); }, 121},
       {"32 digits for type 3", [&] { return parse(md5, 32, 3); }, 121},
       {"parse type 0", [&] { return parse(md5, 32, 0); }, 9},
+      {"parse no text", [&] { return !CRFPStringToDigest_r(nullptr, 32, 1, &d); }, 65},
       {"a non-digit", [&] { return parse(md5.substr(0, 31) + "g", 32, 2); }, 121},
       {"batch text type 4", [&] { return CRFPDigestsToStrings(fps, 32, 4, text, 65, 1) == -1; }, 9},
       {"null batch", [&] { return CRFPDigestsToStrings(nullptr, 32, 1, text, 65, 1) == -1; }, 65},
