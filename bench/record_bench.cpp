@@ -360,7 +360,9 @@ const std::string& ReferenceMismatch(const Shape& shape) {
   if (found != cache.end()) return found->second;
   std::string& error = cache[shape];
   const refcodec::SegmentColumns columns = Columns(GetData(shape));
-  std::vector<unsigned char> ours(refcodec::SerializedSize(columns));
+  // Not zeros: bytes the reference left unwritten must differ from
+  // Serialize's zero-filled output.
+  std::vector<unsigned char> reference(refcodec::SerializedSize(columns), 0xA5);
   for (bool checksum : {false, true}) {
     void* out = nullptr;
     unsigned long size = 0;
@@ -368,8 +370,9 @@ const std::string& ReferenceMismatch(const Shape& shape) {
       error = "Serialize failed";
       break;
     }
-    const uint64_t written = refcodec::Serialize(columns, ours.data(), ours.size(), checksum);
-    const bool same = written == size && std::memcmp(ours.data(), out, size) == 0;
+    const uint64_t written = refcodec::Serialize(columns, reference.data(), reference.size(),
+                                                 checksum);
+    const bool same = written == size && std::memcmp(reference.data(), out, size) == 0;
     DORecord::SerializedDORecordFree(&out);
     if (!same) {
       error = std::string("the reference codec's bytes differ from Serialize's") +
