@@ -1,8 +1,9 @@
 // Benchmarks of the record operations on records of 10,000 and 1,000,000
 // segments (DO types 0, 3 and 5, fingerprint types 1 and 3), and the
 // baselines they are judged against, measured in the same run: memcpy of
-// the record's bytes, the fingerprint hash of the digest block alone, and
-// a protobuf message carrying the same segment list.
+// the record's bytes, the fingerprint hash of the digest block alone, a
+// plain SIMD writer of the same serialized form (reference_codec.h), and a
+// protobuf message carrying the same segment list.
 //
 // Names: "<operation>/dotype:D/fptype:F/n:N", with "/containers:K" after the
 // operation where the number of distinct containers matters. bench/report.py
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include "crrecord/crrecord.h"
+#include "reference_codec.h"
 #include "segments.pb.h"
 
 namespace {
@@ -130,8 +132,10 @@ const Data& GetData(const Shape& shape) {
   return d;
 }
 
+constexpr unsigned int kCrc = 0x12345678;
+
 DORecord* Build(const Data& d) {
-  return new DORecord(1u << 30, d.fileSize, d.ssize, 0x12345678, 1600000000, 1600000000,
+  return new DORecord(1u << 30, d.fileSize, d.ssize, kCrc, 1600000000, 1600000000,
                       d.segments.data(), d.shape.n, d.dcids.data(), nullptr, d.shape.fptype,
                       d.shape.dotype);
 }
@@ -271,7 +275,7 @@ void BM_Construct(benchmark::State& state, const Shape& shape) {
   uint64_t size = 0;
   FaultCounter faults(state);
   for (auto _ : state) {
-    DORecord r(1u << 30, d.fileSize, d.ssize, 0x12345678, 1600000000, 1600000000,
+    DORecord r(1u << 30, d.fileSize, d.ssize, kCrc, 1600000000, 1600000000,
                d.segments.data(), d.shape.n, d.dcids.data(), nullptr, d.shape.fptype,
                d.shape.dotype);
     size = r.GetHeaderSize();
@@ -328,6 +332,82 @@ void BM_SerializeInto(benchmark::State& state, const Shape& shape) {
 }
 void BM_SerializeChecksumInto(benchmark::State& state, const Shape& shape) {
   SerializeInto(state, shape, true);
+}
+
+// --- The reference codec --------------------------------------------------------
+
+refcodec::SegmentColumns Columns(const Data& d) {
+  refcodec::SegmentColumns c;
+  c.dotype = d.shape.dotype;
+  c.fptype = d.shape.fptype;
+  c.n = d.shape.n;
+  c.size = d.fileSize;
+  c.ssize = d.ssize;
+  c.crc = kCrc;
+  c.fps = d.fps.data();
+  c.sizes = d.sizes.data();
+  c.offsets = d.offsets.data();
+  c.dcids = d.dcids.data();
+  return c;
+}
+
+// Empty when the reference writes, with and without checksum, the bytes that
+// the library's Serialize writes for the shape's record, else what differs:
+// the two are compared only when they do the same work. Checked once a shape.
+const std::string& ReferenceMismatch(const Shape& shape) {
+  static std::map<Shape, std::string> cache;
+  auto found = cache.find(shape);
+  if (found != cache.end()) return found->second;
+  std::string& error = cache[shape];
+  const refcodec::SegmentColumns columns = Columns(GetData(shape));
+  // Not zeros: bytes the reference left unwritten must differ from
+  // Serialize's zero-filled output.
+  std::vector<unsigned char> reference(refcodec::SerializedSize(columns), 0xA5);
+  for (bool checksum : {false, true}) {
+    void* out = nullptr;
+    unsigned long size = 0;
+    if (GetRecord(shape).Serialize(&out, &size, checksum) != 0) {
+      error = "Serialize failed";
+      break;
+    }
+    const uint64_t written = refcodec::Serialize(columns, reference.data(), reference.size(),
+                                                 checksum);
+    const bool same = written == size && std::memcmp(reference.data(), out, size) == 0;
+    DORecord::SerializedDORecordFree(&out);
+    if (!same) {
+      error = std::string("the reference codec's bytes differ from Serialize's") +
+              (checksum ? " (with checksum)" : " (without checksum)");
+      break;
+    }
+  }
+  return error;
+}
+
+void ReferenceCodec(benchmark::State& state, const Shape& shape, bool checksum) {
+  if (!refcodec::Supported()) {
+    state.SkipWithError("the reference codec needs SSSE3 and AVX2");
+    return;
+  }
+  if (!ReferenceMismatch(shape).empty()) {
+    state.SkipWithError(ReferenceMismatch(shape).c_str());
+    return;
+  }
+  const refcodec::SegmentColumns columns = Columns(GetData(shape));
+  std::vector<unsigned char> buffer(refcodec::SerializedSize(columns));
+  uint64_t size = 0;
+  FaultCounter faults(state);
+  for (auto _ : state) {
+    size = refcodec::Serialize(columns, buffer.data(), buffer.size(), checksum);
+    benchmark::DoNotOptimize(buffer.data());
+  }
+  SetBytes(state, size);
+}
+
+void BM_ReferenceCodec(benchmark::State& state, const Shape& shape) {
+  ReferenceCodec(state, shape, false);
+}
+void BM_ReferenceCodecChecksum(benchmark::State& state, const Shape& shape) {
+  ReferenceCodec(state, shape, true);
 }
 
 void BM_HeaderDeserialize(benchmark::State& state, const Shape& shape) {
@@ -663,6 +743,8 @@ void RegisterAll() {
   RegisterShaped("serialize_checksum", BM_SerializeChecksum);
   RegisterShaped("serialize_into", BM_SerializeInto);
   RegisterShaped("serialize_checksum_into", BM_SerializeChecksumInto);
+  RegisterShaped("reference_codec", BM_ReferenceCodec);
+  RegisterShaped("reference_codec_checksum", BM_ReferenceCodecChecksum);
   RegisterShaped("header_deserialize", BM_HeaderDeserialize);
   RegisterShaped("buffer_constructor", BM_BufferConstructor);
   RegisterShaped("buffer_constructor_into", BM_BufferConstructorInto);
