@@ -22,7 +22,11 @@ constexpr size_t kStreamingThreshold = size_t{8} << 20;
 inline void StreamCopy(void* dst, const void* src, size_t n) {
   unsigned char* d = static_cast<unsigned char*>(dst);
   const unsigned char* s = static_cast<const unsigned char*>(src);
-  const size_t head = (16 - reinterpret_cast<uintptr_t>(d) % 16) % 16;
+  // Each group of four stores must fill one whole cache line: a line the
+  // write-combining buffer gets only part of is written out piecemeal, which
+  // costs more than the read the stores were meant to save. So the head up to
+  // a 64-byte boundary is copied as usual, wherever the caller's buffer starts.
+  const size_t head = (64 - reinterpret_cast<uintptr_t>(d) % 64) % 64;
   if (n < head + 64) {
     std::memcpy(d, s, n);
     return;
