@@ -103,6 +103,13 @@ TEST(DORecordText, EachDOTypeWritesItsEntriesAndReferences) {
             crtest::Failure(CR_STATUS_INVALID, "cannot write DO record to stream in text form "
                                                "because it is in network order"));
   EXPECT_EQ(os.str(), "");
+  // A fingerprint type without a text form (stored unchecked) leaves each text empty.
+  auto noText = crtest::SmallRecord();
+  noText->SetFPType(9);
+  std::ostringstream empty;
+  noText->ToStream(empty, false);
+  const std::string text = empty.str();
+  EXPECT_EQ(text.substr(text.rfind(",9,")), ",9,2,2,[[,300],[,700][64,65]],[]");
 }
 
 // A stream buffer whose every write fails by throwing.
